@@ -1,0 +1,28 @@
+# The core: the standard library and the system, nothing else. Its folders in the order in which they may use each
+# other; one without sources yet is passed over.
+set(DISKSTREAM_CORE_FOLDERS platform foundation VirtualServer/VMInfo ntfs archive)
+
+find_package(Threads REQUIRED)
+
+diskstream_sources(coreSources ${DISKSTREAM_CORE_FOLDERS})
+if(NOT coreSources)
+  message(FATAL_ERROR "There are no sources in ${DISKSTREAM_CORE_FOLDERS}.")
+endif()
+
+add_library(diskstream_objects OBJECT ${coreSources})
+diskstream_own_target(diskstream_objects)
+# In ELF one set of objects serves both libraries; where there is only a static library, nothing is exported.
+if(DISKSTREAM_BUILD_SHARED)
+  target_compile_definitions(diskstream_objects PRIVATE DISKSTREAM_SHARED_BUILD)
+else()
+  target_compile_definitions(diskstream_objects PRIVATE DISKSTREAM_STATIC)
+endif()
+
+diskstream_libraries(diskstream_objects diskstream diskstream_static diskstream)
+# Static users need the system's libraries as well; the shared library brings them along by itself.
+target_link_libraries(diskstream_static PUBLIC Threads::Threads ${CMAKE_DL_LIBS})
+if(DISKSTREAM_BUILD_SHARED)
+  target_link_libraries(diskstream PRIVATE Threads::Threads ${CMAKE_DL_LIBS})
+  add_library(diskstream::diskstream ALIAS diskstream)
+endif()
+add_library(diskstream::diskstream_static ALIAS diskstream_static)

@@ -1,0 +1,52 @@
+include(GoogleTest)
+
+set(DISKSTREAM_TEST_DEFINITIONS
+  DISKSTREAM_SAMPLES_DIR="${DISKSTREAM_SAMPLES_DIR}"
+  DISKSTREAM_TESTS_DIR="${PROJECT_SOURCE_DIR}/tests")
+
+# What a test under the sanitizers runs with: an allocation beyond the machine fails as it does without them, and every
+# report ends the test. Empty in other builds.
+set(DISKSTREAM_TEST_ENVIRONMENT "")
+set(DISKSTREAM_TIMEOUT_FACTOR 1)
+if(DISKSTREAM_SANITIZE)
+  set(DISKSTREAM_TEST_ENVIRONMENT
+    "ASAN_OPTIONS=allocator_may_return_null=1:detect_leaks=1"
+    "UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1")
+  set(DISKSTREAM_TIMEOUT_FACTOR 4)
+endif()
+
+# GoogleTest as Debian built it, or, for machines for which Debian has no build of it, from the sources it ships.
+macro(diskstream_find_googletest)
+  if(DISKSTREAM_GOOGLETEST_FROM_SOURCE)
+    set(INSTALL_GTEST OFF)
+    add_subdirectory(/usr/src/googletest "${PROJECT_BINARY_DIR}/googletest" EXCLUDE_FROM_ALL SYSTEM)
+    add_library(GTest::gmock ALIAS gmock)
+    add_library(GTest::gmock_main ALIAS gmock_main)
+    add_library(GTest::gtest ALIAS gtest)
+  else()
+    find_package(GTest REQUIRED)
+  endif()
+endmacro()
+
+# diskstream_add_tests(name TIMEOUT seconds [COMMAND_UNDER_TEST] LIBRARIES ... SOURCES ...)
+# Makes a test program; each of its tests is one of ctest's, under the program's name as its label. Nothing happens as
+# long as there are no sources. With COMMAND_UNDER_TEST the tests know where the built command lies.
+function(diskstream_add_tests name)
+  cmake_parse_arguments(PARSE_ARGV 1 ARG "COMMAND_UNDER_TEST" "TIMEOUT" "LIBRARIES;SOURCES")
+  if(NOT ARG_SOURCES)
+    return()
+  endif()
+  add_executable(${name} ${ARG_SOURCES})
+  diskstream_own_target(${name})
+  target_compile_definitions(${name} PRIVATE ${DISKSTREAM_TEST_DEFINITIONS})
+  target_link_libraries(${name} PRIVATE $<TARGET_NAME_IF_EXISTS:test_support> ${ARG_LIBRARIES}
+    GTest::gmock_main GTest::gmock GTest::gtest)
+  if(ARG_COMMAND_UNDER_TEST)
+    target_compile_definitions(${name} PRIVATE DISKSTREAM_COMMAND="$<TARGET_FILE:diskstream_tool>")
+    add_dependencies(${name} diskstream_tool)
+  endif()
+  math(EXPR timeout "${ARG_TIMEOUT} * ${DISKSTREAM_TIMEOUT_FACTOR}")
+  # The list of tests is asked for when ctest runs, not at build time: a cross-built program can't run here.
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
+    PROPERTIES TIMEOUT ${timeout} LABELS ${name} ENVIRONMENT "${DISKSTREAM_TEST_ENVIRONMENT}")
+endfunction()
