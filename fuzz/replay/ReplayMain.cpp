@@ -44,7 +44,7 @@ bool Replay(const fs::path& input) {
     return true;
 }
 
-} // namespace
+}  // namespace
 
 int main(int argc, char** argv) {
     size_t replayed = 0;

@@ -1,0 +1,85 @@
+# The one door to the project: `make help` lists what is behind it. CMake and its presets do the work.
+
+JOBS ?= $(shell nproc)
+FUZZ_SECONDS ?= 60
+PREFIX ?= /usr/local
+PACKAGES := packaging/install-packages.sh
+
+.PHONY: help demo test bench asan windows x86 coverage fuzz format format-check lint install clean
+.DEFAULT_GOAL := help
+
+help: ## This list
+	@awk -F ':.*## ' '/^[a-z0-9-]+:.*## / { printf "  make %-13s %s\n", $$1, $$2 }' Makefile
+
+demo: ## Build the command and show what it does
+	@$(PACKAGES) build demo
+	cmake --preset release -DDISKSTREAM_BUILD_TESTS=OFF -DDISKSTREAM_BUILD_BENCH=OFF -B build/demo
+	cmake --build build/demo -j $(JOBS)
+	packaging/demo.sh build/demo/tool/diskstream
+
+test: ## Build and run all tests
+	@$(PACKAGES) build test
+	cmake --preset dev
+	cmake --build --preset dev -j $(JOBS)
+	ctest --preset dev -j $(JOBS) --output-junit ctest.xml
+
+asan: ## Run all tests under AddressSanitizer and UndefinedBehaviorSanitizer
+	@$(PACKAGES) build test
+	cmake --preset asan
+	cmake --build --preset asan -j $(JOBS)
+	ctest --preset asan -j $(JOBS) --output-junit ctest.xml
+
+x86: ## Run the core's tests as a 32-bit program
+	@$(PACKAGES) x86
+	cmake --preset x86
+	cmake --build --preset x86 -j $(JOBS)
+	ctest --preset x86 -j $(JOBS) --output-junit ctest.xml
+
+windows: ## Cross-build the core and its tests for Windows
+	@$(PACKAGES) windows
+	cmake --preset windows
+	cmake --build --preset windows -j $(JOBS)
+
+bench: ## Measure, and compare with qemu-img
+	@$(PACKAGES) build test bench
+	cmake --preset release
+	cmake --build --preset release -j $(JOBS)
+	build/release/bench/core_bench
+	bench/compare.sh build/release/tool/diskstream
+
+fuzz: ## Run each fuzz target for FUZZ_SECONDS (60)
+	@$(PACKAGES) build fuzz
+	cmake --preset fuzz
+	cmake --build --preset fuzz -j $(JOBS)
+	fuzz/run.sh build/fuzz $(FUZZ_SECONDS) $(JOBS)
+
+coverage: ## Say which lines the tests reach
+	@$(PACKAGES) build test coverage
+	cmake --preset coverage
+	cmake --build --preset coverage -j $(JOBS)
+	ctest --preset coverage -j $(JOBS)
+	gcovr -r . build/coverage -e 'tests/' -e 'fuzz/' --print-summary
+
+format: ## Lay out the sources
+	@$(PACKAGES) lint
+	.ci/check-format --fix
+
+format-check: ## Say which sources are not laid out
+	@$(PACKAGES) lint
+	.ci/check-format
+
+lint: ## Check the order of includes, the wording and what clang-tidy sees
+	@$(PACKAGES) build test lint
+	.ci/check-includes
+	.ci/check-words
+	cmake --preset dev
+	.ci/check-tidy build/dev $(JOBS)
+
+install: ## Install below PREFIX (/usr/local)
+	@$(PACKAGES) build
+	cmake --preset release -DDISKSTREAM_BUILD_TESTS=OFF -DDISKSTREAM_BUILD_BENCH=OFF -B build/install
+	cmake --build build/install -j $(JOBS)
+	cmake --install build/install --prefix $(PREFIX)
+
+clean: ## Remove everything built
+	rm -rf build
