@@ -19,6 +19,11 @@ if(DISKSTREAM_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
   set(CMAKE_CXX_COMPILER_LAUNCHER "${DISKSTREAM_CCACHE}")
 endif()
 
+if(NOT WIN32)
+  # Offsets of 64 bits on a 32-bit machine too.
+  add_compile_definitions(_FILE_OFFSET_BITS=64)
+endif()
+
 # The container's own checks: an index outside a vector ends a test run instead of reading on.
 add_compile_definitions($<$<CONFIG:Debug>:_GLIBCXX_ASSERTIONS>)
 
