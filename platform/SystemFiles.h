@@ -1,0 +1,6 @@
+#pragma once
+
+class IFiles;
+
+// The machine's own files, with nothing in front.
+IFiles& SystemFiles();
