@@ -1,0 +1,291 @@
+#include "VirtualServer/VMInfo/ArchiveVirtualDiskFile.h"
+
+#include <algorithm>
+
+#include "foundation/LgDebug.h"
+#include "foundation/detail/CheckedMath.h"
+#include "foundation/detail/ErrorHandling.h"
+
+namespace {
+
+constexpr Condition_t EndOfDisk{ErrorType::LayerCondition, 5001, 1, "Read out of range"};
+constexpr Condition_t NoSpace{ErrorType::LayerCondition, 5001, 4, "Write out of space"};
+constexpr Condition_t ReadOnly{ErrorType::LayerCondition, 5001, 5, "Write to read only disk"};
+
+constexpr ProductType_t NoProduct = ProductType_t{0};
+constexpr char NoFileIsOpen[] = "No file is open. Make sure Open succeeded";
+constexpr char AlreadyOpen[] = "Already have an open file. Close it first";
+
+enum class Reader_t { None, SparseExtent, FlatExtent };
+
+// Which reader serves which kind of disk. A reader that lands adds its rows.
+struct ServedDisk_t {
+    ProductType_t product;
+    DiskType_t type;
+    Reader_t reader;
+};
+
+constexpr ServedDisk_t ServedDisks[] = {
+    {VirtualProdType_VMware, DiskType_MonolithicSparse, Reader_t::SparseExtent},
+    {VirtualProdType_VMware, DiskType_VmfsSparse, Reader_t::SparseExtent},
+    {VirtualProdType_VMware, DiskType_TwoGbMaxExtentSparse, Reader_t::SparseExtent},
+    {VirtualProdType_VMware, DiskType_MonolithicFlat, Reader_t::FlatExtent},
+    {VirtualProdType_VMware, DiskType_TwoGbMaxExtentFlat, Reader_t::FlatExtent},
+};
+
+Reader_t ReaderOf(DiskType_t type) {
+    for (const ServedDisk_t& row : ServedDisks) {
+        if (row.type == type)
+            return row.reader;
+    }
+    return Reader_t::None;
+}
+
+bool IsServed(ProductType_t product, DiskType_t type) {
+    return std::any_of(std::begin(ServedDisks), std::end(ServedDisks),
+                       [&](const ServedDisk_t& row) { return row.product == product && row.type == type; });
+}
+
+bool IsKnown(ProductType_t product) {
+    return product == VirtualProdType_VMware || product == VirtualProdType_HyperV ||
+           product == VirtualProdType_Physical;
+}
+
+bool IsPhysicalKind(DiskType_t type) {
+    return type == DiskType_PhysicalDisk || type == DiskType_PhysicalDisk2 || type == DiskType_NTFSVolume ||
+           type == DiskType_XenVDI;
+}
+
+CZuError UnknownProduct(ProductType_t product) {
+    return Refusal(CZuString::Format("Unknown product type {1}", static_cast<int>(product)));
+}
+
+CZuError NotSupported(DiskType_t type) {
+    return Refusal(CZuString::Format("Disk type not supported {1}", static_cast<int>(type)));
+}
+
+void LogClosing(const char* reader, const CZuError& error) {
+    if (error.IsErrorSet())
+        LgDebug().Error("CArchiveVirtualDiskFile::Close", "%s: %s", reader, error.ConvertToString());
+}
+
+}  // namespace
+
+CArchiveVirtualDiskFile::CArchiveVirtualDiskFile(ProductType_t product) : m_ProductType(product) {}
+
+// No reader that serves a disk behind a hypervisor is here, and the others have no use for these.
+void CArchiveVirtualDiskFile::SetVMInfo(IVMInfo* /*info*/, const char* /*first*/, const char* /*second*/) {}
+void CArchiveVirtualDiskFile::SetDataStore(const char* /*name*/) {}
+void CArchiveVirtualDiskFile::SetChangeId(const char* /*changeId*/) {}
+void CArchiveVirtualDiskFile::SetExtentSize(uint64_t /*sectors*/) {}
+
+CZuError CArchiveVirtualDiskFile::Open(const char* name, DiskType_t type) {
+    if (m_DiskType != NoDiskType)
+        return Refusal(AlreadyOpen);
+    if (!IsKnown(m_ProductType))
+        return UnknownProduct(m_ProductType);
+    if (!IsServed(m_ProductType, type))
+        return NotSupported(type);
+    ZU_RETURN_IF_ERROR(OpenReader(name, type));
+    m_DiskType = type;
+    return CZuError();
+}
+
+CZuError CArchiveVirtualDiskFile::Create(const char* name, DiskType_t type, CAutoMemory<char>& metadata,
+                                         unsigned int blockSectors, Context_t& context) {
+    if (m_DiskType != NoDiskType)
+        return Refusal(AlreadyOpen);
+    context = {NoBlockYet, 0};
+    ZU_RETURN_IF_ERROR(CreateTarget(name, type, metadata, blockSectors, context));
+    m_DiskType = type;
+    return CZuError();
+}
+
+CZuError CArchiveVirtualDiskFile::Close() {
+    LogClosing("flat extent", m_FlatExtent.CloseExtent());
+    LogClosing("sparse extent", m_SparseExtent.CloseExtent());
+    m_DiskType = NoDiskType;
+    m_ProductType = NoProduct;
+    return CZuError();
+}
+
+CZuError CArchiveVirtualDiskFile::GetFirstBlock(CAutoMemory<char>& metadata, unsigned int blockSectors,
+                                                Context_t& context) {
+    metadata.Alloc(0);
+    if (m_DiskType == NoDiskType)
+        return Refusal(NoFileIsOpen);
+    context = {NoBlockYet, blockSectors};
+    switch (ReaderOf(m_DiskType)) {
+    case Reader_t::SparseExtent:
+        context.blockSectors = m_SparseExtent.GetBlockSize();
+        ZU_RETURN_IF_ERROR(m_SparseExtent.GetMetadataInfo(metadata));
+        break;
+    case Reader_t::FlatExtent: ZU_RETURN_IF_ERROR(m_FlatExtent.GetMetadataInfo(metadata)); break;
+    case Reader_t::None: break;
+    }
+    return CZuError();
+}
+
+CZuError CArchiveVirtualDiskFile::GetNextBlock(CAutoMemory<char>& block, uint64_t& blockNumber, Context_t& context) {
+    block.Alloc(0);
+    blockNumber = context.blockNumber;
+    if (m_DiskType == NoDiskType)
+        return Refusal(NoFileIsOpen);
+    ZU_RETURN_IF_ERROR(AllocateBlock(block, "Out of memory (GetNextBlock)", context));
+    ++context.blockNumber;  // from no block yet, which is all ones, to block 0
+    CZuError error = ReadForward(block, context);
+    blockNumber = context.blockNumber;
+    return error;
+}
+
+CZuError CArchiveVirtualDiskFile::ReadBlock(CAutoMemory<char>& block, uint64_t blockNumber, Context_t& context) {
+    block.Alloc(0);
+    context.blockNumber = blockNumber;
+    if (m_DiskType == NoDiskType)
+        return Refusal(NoFileIsOpen);
+    ZU_RETURN_IF_ERROR(AllocateBlock(block, "Out of memory (ReadBlock)", context));
+    return ReadForward(block, context);
+}
+
+CZuError CArchiveVirtualDiskFile::WriteBlock(CAutoMemory<char>& data, uint64_t blockNumber, Context_t& context) {
+    if (m_DiskType == NoDiskType)
+        return Refusal(NoFileIsOpen);
+    switch (ReaderOf(m_DiskType)) {
+    case Reader_t::SparseExtent: ZU_RETURN_IF_ERROR(m_SparseExtent.WriteGrain(blockNumber, data)); break;
+    case Reader_t::FlatExtent:
+        ZU_RETURN_IF_ERROR(m_FlatExtent.WriteGrain(blockNumber, static_cast<unsigned int>(context.blockSectors), data));
+        break;
+    case Reader_t::None: break;
+    }
+    return CZuError();
+}
+
+CZuError CArchiveVirtualDiskFile::SetDiskSize(uint64_t /*size*/) {
+    return m_DiskType != NoDiskType ? CZuError() : Refusal(NoFileIsOpen);
+}
+
+CZuError CArchiveVirtualDiskFile::ParseDiskMetaData(DiskType_t type, CAutoMemory<char>& /*metadata*/,
+                                                    DiskGeometry_t& /*geometry*/,
+                                                    DiskProvisioningType_t& /*provisioning*/,
+                                                    std::string& /*adapterType*/, std::string& /*uuid*/,
+                                                    std::string& /*virtualHWVersion*/) {
+    if (type == NoDiskType)
+        return Refusal("unknown disk type");
+    return type == DiskType_VMInfoDisk ? NotSupported(type) : CZuError();
+}
+
+CZuError CArchiveVirtualDiskFile::ParseVmdkDescriptorFile(const char* name, VmdkDescriptorFile_t& out,
+                                                          DiskType_t type) {
+    CVmdkFileReader reader;
+    return reader.ParseVmdkDescriptorFile(name, out, type);
+}
+
+void CArchiveVirtualDiskFile::GetFileName(std::string& name) {
+    name.clear();
+}
+
+int CArchiveVirtualDiskFile::IsErrorEOF(const CZuError& error) const {
+    return EndOfDisk.Holds(error) ? 1 : 0;
+}
+
+int CArchiveVirtualDiskFile::IsErrorNoSpace(const CZuError& error) const {
+    return NoSpace.Holds(error) ? 1 : 0;
+}
+
+int CArchiveVirtualDiskFile::IsErrorReadOnly(const CZuError& error) const {
+    return ReadOnly.Holds(error) ? 1 : 0;
+}
+
+CZuError CArchiveVirtualDiskFile::OpenReader(const char* name, DiskType_t type) {
+    switch (ReaderOf(type)) {
+    case Reader_t::SparseExtent: ZU_RETURN_IF_ERROR(m_SparseExtent.OpenExtent(name, 0, VwExtentTypeSparse)); break;
+    case Reader_t::FlatExtent: ZU_RETURN_IF_ERROR(m_FlatExtent.OpenExtent(name, 0, VwExtentTypeFlat)); break;
+    case Reader_t::None: return NotSupported(type);
+    }
+    return CZuError();
+}
+
+CZuError CArchiveVirtualDiskFile::CreateTarget(const char* name, DiskType_t type, CAutoMemory<char>& metadata,
+                                               unsigned int blockSectors, Context_t& context) {
+    switch (m_ProductType) {
+    case VirtualProdType_VMware: return CreateVmdkFile(name, type, metadata, blockSectors, context);
+    case VirtualProdType_HyperV: return NotSupported(type);
+    case VirtualProdType_Physical:
+        if (!IsPhysicalKind(type))
+            return Refusal(CZuString::Format("Unknown disk type {1} for product type VirtualProdType_Physical",
+                                             static_cast<int>(type)));
+        return NotSupported(type);
+    }
+    return UnknownProduct(m_ProductType);
+}
+
+CZuError CArchiveVirtualDiskFile::CreateVmdkFile(const char* name, DiskType_t type, CAutoMemory<char>& metadata,
+                                                 unsigned int blockSectors, Context_t& context) {
+    switch (ReaderOf(type)) {
+    case Reader_t::SparseExtent:
+        ZU_RETURN_IF_ERROR(m_SparseExtent.CreateExtent(name, VwExtentTypeSparse, metadata));
+        context.blockSectors = m_SparseExtent.GetBlockSize();
+        return CZuError();
+    case Reader_t::FlatExtent:
+        ZU_RETURN_IF_ERROR(m_FlatExtent.CreateExtent(name, VwExtentTypeFlat, metadata));
+        context.blockSectors = blockSectors;
+        return CZuError();
+    case Reader_t::None: break;
+    }
+    return NotSupported(type);
+}
+
+CZuError CArchiveVirtualDiskFile::AllocateBlock(CAutoMemory<char>& block, const char* outOfMemory,
+                                                const Context_t& context) const {
+    uint64_t sizeBytes = 0;
+    uint32_t bufferBytes = 0;
+    if (!SectorsToBytes(context.blockSectors, sizeBytes) || !NarrowTo32(sizeBytes, bufferBytes) ||
+        block.Alloc(bufferBytes) == nullptr)
+        return Refusal(outOfMemory);
+    return CZuError();
+}
+
+// Reads the context's block, or the next one that the disk file holds.
+CZuError CArchiveVirtualDiskFile::ReadForward(CAutoMemory<char>& block, Context_t& context) {
+    CZuError error = ReadCurrentBlock(block, context);
+    while (IsNotHeld(error)) {
+        ++context.blockNumber;
+        error = ReadCurrentBlock(block, context);
+    }
+    if (IsEndOfReader(error))
+        return EndOfDisk.Error();
+    ZU_RETURN_IF_ERROR(error);
+    return CZuError();
+}
+
+CZuError CArchiveVirtualDiskFile::ReadCurrentBlock(CAutoMemory<char>& block, const Context_t& context) {
+    switch (ReaderOf(m_DiskType)) {
+    case Reader_t::SparseExtent: return ReadSparseGrain(block, context);
+    case Reader_t::FlatExtent: return ReadFlatGrain(block, context);
+    case Reader_t::None: break;
+    }
+    return CZuError();
+}
+
+CZuError CArchiveVirtualDiskFile::ReadSparseGrain(CAutoMemory<char>& block, const Context_t& context) {
+    if (context.blockSectors < m_SparseExtent.GetBlockSize())
+        return Refusal(CZuString::Format("Block size {1} is less than grain size {2}", context.blockSectors,
+                                         m_SparseExtent.GetBlockSize()));
+    return m_SparseExtent.ReadGrain(context.blockNumber, block.GetPtr());
+}
+
+CZuError CArchiveVirtualDiskFile::ReadFlatGrain(CAutoMemory<char>& block, const Context_t& context) {
+    unsigned int gotSectors = 0;
+    ZU_RETURN_IF_ERROR(
+        m_FlatExtent.ReadGrain(context.blockNumber, block.GetPtr(), block.GetSize() >> SectorShift, gotSectors));
+    block.Alloc(gotSectors << SectorShift);
+    return CZuError();
+}
+
+bool CArchiveVirtualDiskFile::IsNotHeld(const CZuError& error) const {
+    return m_SparseExtent.IsErrorSectorNotFound(error) != 0;
+}
+
+bool CArchiveVirtualDiskFile::IsEndOfReader(const CZuError& error) const {
+    return m_SparseExtent.IsErrorEOF(error) != 0 || m_FlatExtent.IsErrorEOF(error) != 0;
+}

@@ -1,0 +1,91 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "VirtualServer/VMInfo/DiskTypes.h"
+#include "VirtualServer/VMInfo/VmdkFlatExtentReader.h"
+#include "VirtualServer/VMInfo/VmdkSparseExtentReader.h"
+#include "foundation/ZuError.h"
+#include "foundation/ZuFile.h"
+#include "foundation/ZuString.h"
+#include "platform/Export.h"
+
+class IVMInfo;
+
+enum VmdkAccess_t : int {
+    VmdkAccessReadWrite = 1,
+    VmdkAccessReadOnly = 2,
+    VmdkAccessNone = 3,
+};
+
+// One extent line of a descriptor.
+struct VmdkExtentDescriptor_t {
+    VmdkAccess_t access = VmdkAccessNone;
+    uint64_t size = 0;  // sectors
+    VwExtentType type = VwExtentTypeZero;
+    CZuString fileName;   // the descriptor's directory, a backslash and the name in the line
+    uint64_t offset = 0;  // always 0: others are refused
+};
+
+// What a descriptor file tells.
+struct VmdkDescriptorFile_t {
+    int version = 0;
+    uint32_t CID = 0;
+    uint32_t parentCID = 0;
+    DiskType_t createType = NoDiskType;
+    std::vector<VmdkExtentDescriptor_t> extents;  // in the order of the disk
+};
+
+// A whole VMDK disk for reading by sector: one sparse file, or a descriptor with several flat or
+// sparse extents. Open, read in any order, close. The block stream doesn't go through it.
+// Not for use by two threads at once.
+class DISKSTREAM_EXPORT CVmdkFileReader {
+public:
+    // Opens the sparse file `name` (types 1 and 2), or the descriptor `name` with all its extents
+    // (types 3, 5 and 6). Anything else is "Not a supported disk type". After a failure nothing is
+    // open.
+    CZuError OpenDisk(const char* name, DiskType_t type);
+
+    CZuError CloseDisk();
+
+    // Reads the first `size` bytes (at most 512) of `sector` of the disk. `IsErrorEOF` holds when
+    // no extent has that sector, `IsErrorSectorNotFound` when its grain was never allocated.
+    CZuError ReadSector(uint64_t sector, char* buffer, unsigned long size);
+
+    // Reads the descriptor file `name` of at most 20 KiB. `type` has no effect. After a failure
+    // `out` is partly filled.
+    CZuError ParseVmdkDescriptorFile(const char* name, VmdkDescriptorFile_t& out, DiskType_t type);
+
+    // Writes the number of extents and then the sparse dump of each, named `name`, "_" and its
+    // index as eight hexadecimal digits; `blockSectors` is what the records of flat ones tell.
+    CZuError DumpSparseInfo(CZuFile& out, const char* name, uint64_t blockSectors);
+
+    // What a disk behind a hypervisor is opened with; other disks don't use it. `info` stays the
+    // caller's.
+    void SetVMInfo(IVMInfo* info, const char* first, const char* second);
+    void SetBlockSize(uint64_t sectors);
+
+    int IsErrorEOF(const CZuError& error) const;
+    int IsErrorSectorNotFound(const CZuError& error) const;
+
+private:
+    enum class OpenKind_t { None, Flat, Sparse };
+
+    CZuError OpenSparseDisk(const char* name);
+    CZuError OpenFlatDisk(const char* name);
+    template <typename Extent>
+    CZuError OpenExtents(const VmdkDescriptorFile_t& descriptor, VwExtentType type, std::vector<Extent>& extents);
+    CZuError RefuseUnlessOpen() const;
+    CZuError ReadFlatSector(uint64_t sector, char* buffer, unsigned long size);
+    CZuError ReadSparseSector(uint64_t sector, char* buffer, unsigned long size);
+
+    DiskType_t m_DiskType = NoDiskType;
+    OpenKind_t m_OpenKind = OpenKind_t::None;
+    std::vector<CVmdkFlatExtentReader> m_FlatExtents;
+    std::vector<CVmdkSparseExtentReader> m_SparseExtents;
+    IVMInfo* m_VMInfo = nullptr;
+    std::string m_VMInfoTexts[2];
+    uint64_t m_BlockSize = 0;
+};
