@@ -5,6 +5,12 @@ FUZZ_SECONDS ?= 60
 PREFIX ?= /usr/local
 PACKAGES := packaging/install-packages.sh
 
+# What is shipped, without what tests it: quicker to build, and it needs fewer packages.
+define BUILD_PRODUCT
+cmake --preset release -B build/product -DDISKSTREAM_BUILD_TESTS=OFF -DDISKSTREAM_BUILD_BENCH=OFF
+cmake --build build/product -j $(JOBS)
+endef
+
 .PHONY: help demo test bench asan windows x86 coverage fuzz format format-check lint install clean
 .DEFAULT_GOAL := help
 
@@ -13,9 +19,8 @@ help: ## This list
 
 demo: ## Build the command and show what it does
 	@$(PACKAGES) build demo
-	cmake --preset release -DDISKSTREAM_BUILD_TESTS=OFF -DDISKSTREAM_BUILD_BENCH=OFF -B build/demo
-	cmake --build build/demo -j $(JOBS)
-	packaging/demo.sh build/demo/tool/diskstream
+	$(BUILD_PRODUCT)
+	packaging/demo.sh build/product/tool/diskstream
 
 test: ## Build and run all tests
 	@$(PACKAGES) build test
@@ -43,7 +48,7 @@ windows: ## Cross-build the core and its tests for Windows
 bench: ## Measure, and compare with qemu-img
 	@$(PACKAGES) build test bench
 	cmake --preset release
-	cmake --build --preset release -j $(JOBS)
+	cmake --build --preset release -j $(JOBS) --target core_bench --target diskstream_tool
 	build/release/bench/core_bench
 	bench/compare.sh build/release/tool/diskstream
 
@@ -77,9 +82,8 @@ lint: ## Check the order of includes, the wording and what clang-tidy sees
 
 install: ## Install below PREFIX (/usr/local)
 	@$(PACKAGES) build
-	cmake --preset release -DDISKSTREAM_BUILD_TESTS=OFF -DDISKSTREAM_BUILD_BENCH=OFF -B build/install
-	cmake --build build/install -j $(JOBS)
-	cmake --install build/install --prefix $(PREFIX)
+	$(BUILD_PRODUCT)
+	cmake --install build/product --prefix $(PREFIX)
 
 clean: ## Remove everything built
 	rm -rf build
