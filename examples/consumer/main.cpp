@@ -1,15 +1,20 @@
-// Prints the size of a file or of a block device.
-#include <cinttypes>
+// Counts the blocks that a flat disk file holds, in blocks of 64 KiB. Usage: consumer FILE
 #include <cstdio>
 
-#include "foundation/ZuFile.h"
-#include "foundation/ZuString.h"
+#include "VirtualServer/VMInfo/ArchiveVirtualDiskFile.h"
 
 int main(int argc, char** argv) {
-    CZuFile file;
-    uint64_t sizeBytes = 0;
-    if (argc != 2 || file.Open(argv[1], 0, 0).IsErrorSet() || file.Size(sizeBytes).IsErrorSet())
+    CArchiveVirtualDiskFile disk(VirtualProdType_VMware);
+    CAutoMemory<char> buffer;
+    Context_t context{};
+    if (argc != 2 || disk.Open(argv[1], DiskType_MonolithicFlat).IsErrorSet() ||
+        disk.GetFirstBlock(buffer, 128, context).IsErrorSet())
         return 1;
-    std::printf("%" PRIu64 " bytes\n", sizeBytes);
-    return 0;
+    unsigned int blocks = 0;
+    uint64_t number = 0;
+    CZuError error = disk.GetNextBlock(buffer, number, context);
+    for (; !error.IsErrorSet(); error = disk.GetNextBlock(buffer, number, context))
+        ++blocks;
+    std::printf("%u blocks\n", blocks);
+    return disk.IsErrorEOF(error) ? 0 : 1;
 }
