@@ -18,7 +18,7 @@ constexpr unsigned int DefaultTransferSize = 0x100000;
 struct Transfer_t {
     const char* function;
     const char* settingsKey;
-    const char* logFormat;
+    const char* verb;
     const char* shortText;
     std::atomic<unsigned int> limit;  // 0 until the settings were looked at
 
@@ -29,22 +29,16 @@ struct Transfer_t {
             if (HBPlatformInfo::getNumber("VirtualServer", settingsKey, &setting) == 0)
                 setting = DefaultTransferSize;
             limit.store(static_cast<unsigned int>(setting), std::memory_order_relaxed);
-            LgDebug().Debug(function, logFormat, static_cast<int>(setting));
+            LgDebug().Debug(function, "Using max %s size of %d bytes", verb, static_cast<int>(setting));
         }
         return limit.load(std::memory_order_relaxed);
     }
 };
 
-Transfer_t g_reading{"::ReadFileAt",
-                     "ImageLevelMaxReadSize",
-                     "Using max read size of %d bytes",
-                     "Read failed. Tried {1} bytes read {2} bytes",
-                     {0}};
-Transfer_t g_writing{"::WriteFileAt",
-                     "ImageLevelMaxWriteSize",
-                     "Using max write size of %d bytes",
-                     "Write failed. Tried {1} bytes wrote {2} bytes",
-                     {0}};
+Transfer_t g_reading{
+    "::ReadFileAt", "ImageLevelMaxReadSize", "read", "Read failed. Tried {1} bytes read {2} bytes", {0}};
+Transfer_t g_writing{
+    "::WriteFileAt", "ImageLevelMaxWriteSize", "write", "Write failed. Tried {1} bytes wrote {2} bytes", {0}};
 
 struct TransferCounts_t {
     unsigned int total = 0;

@@ -1,0 +1,175 @@
+#include "agent/Backup.h"
+
+#include <ctime>
+#include <filesystem>
+#include <memory>
+#include <optional>
+
+#include "agent/BackupSetWriter.h"
+#include "agent/ExtentStream.h"
+#include "agent/Version.h"
+#include "agent/detail/BlockBatch.h"
+#include "foundation/detail/ErrorHandling.h"
+
+namespace {
+
+std::string NowUtc() {
+    char text[32] = {};
+    const std::time_t now = std::time(nullptr);
+    if (const std::tm* const utc = std::gmtime(&now); utc != nullptr)
+        std::strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%SZ", utc);
+    return text;
+}
+
+SetInfo_t InfoOf(const CDiskImage& image) {
+    SetInfo_t info;
+    info.imageName = std::filesystem::path(image.Path()).filename().string();
+    info.product = image.Product();
+    info.diskType = image.DiskType();
+    info.diskSectors = image.TotalSectors();
+    info.hasParent = image.HasParent();
+    info.parentName = image.ParentName();
+    info.createdUtc = NowUtc();
+    info.writer = std::string("diskstream ") + DiskstreamVersion();
+    return info;
+}
+
+SetStream_t StreamOf(const DiskExtent_t& extent, int64_t id, uint32_t blockSectors) {
+    SetStream_t stream;
+    stream.id = id;
+    stream.fileName = extent.name;
+    stream.diskType = extent.diskType;
+    stream.blockSectors = blockSectors;
+    stream.diskSectors = extent.diskSectors;
+    stream.fileBytes = extent.fileBytes;
+    return stream;
+}
+
+// One backup on its way.
+class CBackupRun {
+public:
+    CBackupRun(const BackupOptions_t& options, BackupResult_t& result) : m_Options(options), m_Result(result) {}
+
+    CZuError Run(const std::string& imageName, const std::string& setName) {
+        CDiskImage image;
+        ZU_RETURN_IF_ERROR(image.Open(imageName, m_Options.image));
+        m_Result.diskType = image.DiskType();
+        m_Result.diskBytes = image.TotalSectors() << SectorShift;
+        WarnOfParent(image);
+        ZU_RETURN_IF_ERROR(m_Writer.Create(setName, m_Options.force));
+        ZU_RETURN_IF_ERROR(WriteStreams(image));
+        for (const SmallFile_t& file : image.SmallFiles())
+            ZU_RETURN_IF_ERROR(m_Writer.AddFile({file.name, file.bytes}));
+        ZU_RETURN_IF_ERROR(m_Writer.Commit(InfoOf(image)));
+        m_Result.setBytes = m_Writer.SizeBytes();
+        return CZuError();
+    }
+
+private:
+    void WarnOfParent(const CDiskImage& image) {
+        if (!image.HasParent())
+            return;
+        const std::string parent = image.ParentName().empty() ? "another image" : image.ParentName();
+        m_Result.warnings.push_back(image.Path() + " is one link of a chain: the set holds this link alone, and not " +
+                                    parent + ", on which it builds");
+    }
+
+    // The bytes to come are known only when each stream has been opened; opening is cheap beside
+    // reading, but holds tables, so one stream is open at a time.
+    CZuError WriteStreams(const CDiskImage& image) {
+        int64_t id = 0;
+        for (const DiskExtent_t& extent : image.Extents())
+            m_Progress.totalBytes += extent.fileBytes;
+        for (const DiskExtent_t& extent : image.Extents())
+            ZU_RETURN_IF_ERROR(WriteStream(extent, id++));
+        return CZuError();
+    }
+
+    CZuError WriteStream(const DiskExtent_t& extent, int64_t id) {
+        CExtentStream stream;
+        ZU_RETURN_IF_ERROR(stream.Open(extent));
+        m_Progress.totalBytes -= extent.fileBytes;
+        m_Progress.totalBytes += stream.ExpectedBytes();
+        ZU_RETURN_IF_ERROR(m_Writer.BeginStream(StreamOf(extent, id, stream.BlockSectors()), stream.TakeRecord(),
+                                                m_Options.compressionLevel));
+        ZU_RETURN_IF_ERROR(MoveBlocks(stream));
+        ZU_RETURN_IF_ERROR(m_Writer.EndStream());
+        return CZuError();
+    }
+
+    CZuError MoveBlocks(CExtentStream& stream) {
+        const PipelineShape_t shape(stream.BlockSectors());
+        std::vector<std::unique_ptr<CBlockEncoder>> encoders;
+        for (size_t worker = 0; worker < shape.workers; ++worker)
+            encoders.push_back(std::make_unique<CBlockEncoder>(m_Options.compressionLevel));
+
+        CZuError reading;
+        CZuError writing;
+        BlockPipeline_t(shape.batches, shape.workers)
+            .Run([&](BlockBatch_t& batch) { return ReadBatch(stream, shape.blocksPerBatch, batch, reading); },
+                 [&](BlockBatch_t& batch, size_t worker) { EncodeBatch(*encoders[worker], batch); },
+                 [&](BlockBatch_t& batch) { return WriteBatch(batch, writing); });
+        ZU_RETURN_IF_ERROR(reading);
+        ZU_RETURN_IF_ERROR(writing);
+        return CZuError();
+    }
+
+    static bool ReadBatch(CExtentStream& stream, size_t mostBlocks, BlockBatch_t& batch, CZuError& error) {
+        batch.count = 0;
+        while (batch.count < mostBlocks) {
+            BatchBlock_t& next = batch.Add();
+            std::optional<BlockPlace_t> place;
+            error = stream.Next(next.plain, place);
+            if (error.IsErrorSet() || !place.has_value()) {
+                batch.DropLast();
+                break;
+            }
+            next.block.number = place->number;
+            next.block.sectors = place->sectors;
+        }
+        return batch.count != 0 && !error.IsErrorSet();
+    }
+
+    static void EncodeBatch(CBlockEncoder& encoder, BlockBatch_t& batch) {
+        for (size_t index = 0; index < batch.count; ++index) {
+            BatchBlock_t& each = batch.blocks[index];
+            encoder.Encode(each.plain.GetPtr(), each.block.sectors << SectorShift, each.packed, each.block.encoded);
+        }
+    }
+
+    bool WriteBatch(const BlockBatch_t& batch, CZuError& error) {
+        for (size_t index = 0; index < batch.count; ++index) {
+            const SetBlock_t& block = batch.blocks[index].block;
+            error = m_Writer.AddBlock(block);
+            if (error.IsErrorSet())
+                return false;
+            Count(block);
+        }
+        m_Progress.doneBytes = m_Result.readBytes;
+        if (m_Options.progress && !m_Options.progress(m_Progress))
+            error = Refusal("The backup was cancelled; nothing was written");
+        return !error.IsErrorSet();
+    }
+
+    void Count(const SetBlock_t& block) {
+        ++m_Result.blockCount;
+        m_Result.zeroBlocks += block.encoded.encoding == BlockEncoding_t::Zeros ? 1 : 0;
+        m_Result.readBytes += uint64_t{block.sectors} << SectorShift;
+        m_Result.storedBytes += block.encoded.sizeBytes;
+    }
+
+    const BackupOptions_t& m_Options;
+    BackupResult_t& m_Result;
+    CBackupSetWriter m_Writer;
+    Progress_t m_Progress;
+};
+
+}  // namespace
+
+CZuError BackUpDisk(const std::string& image, const std::string& set, const BackupOptions_t& options,
+                    BackupResult_t& result) {
+    return WithinMemory("Out of memory", [&] {
+        result = BackupResult_t();
+        return CBackupRun(options, result).Run(image, set);
+    });
+}

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "agent/BlockCodec.h"
+#include "agent/DiskImage.h"
+#include "agent/Progress.h"
+#include "foundation/ZuError.h"
+#include "platform/Export.h"
+
+struct BackupOptions_t {
+    ImageOptions_t image;
+    bool force = false;  // a set that stands at the target is replaced
+    int compressionLevel = DefaultCompression;
+    ProgressCallback_t progress;
+};
+
+struct BackupResult_t {
+    DiskType_t diskType = NoDiskType;
+    uint64_t diskBytes = 0;   // the disk's size
+    uint64_t blockCount = 0;  // that the image holds
+    uint64_t zeroBlocks = 0;  // of these
+    uint64_t readBytes = 0;
+    uint64_t storedBytes = 0;  // that the blocks take in the set
+    uint64_t setBytes = 0;     // the set's file
+    std::vector<std::string> warnings;
+};
+
+// Backs the disk image `image` up into the new backup set `set`. Every sector of the disk is in
+// the set, or an error says what is in the way and nothing is left behind.
+[[nodiscard]] DISKSTREAM_EXPORT CZuError BackUpDisk(const std::string& image, const std::string& set,
+                                                    const BackupOptions_t& options, BackupResult_t& result);

@@ -1,0 +1,71 @@
+#include "agent/Restore.h"
+
+#include "agent/BackupSetReader.h"
+#include "agent/detail/RestoreTarget.h"
+#include "agent/detail/SetBlocks.h"
+#include "foundation/detail/ErrorHandling.h"
+
+namespace {
+
+// One restore on its way.
+class CRestoreRun {
+public:
+    CRestoreRun(const RestoreOptions_t& options, RestoreResult_t& result)
+        : m_Options(options), m_Result(result), m_Target(options.asRaw ? MakeRawTarget() : MakeSameKindTarget()) {}
+
+    CZuError Run(const std::string& setName, const std::string& target) {
+        ZU_RETURN_IF_ERROR(m_Set.Open(setName));
+        ZU_RETURN_IF_ERROR(m_Target->Prepare(m_Set, target, m_Options));
+        WarnOfParent();
+        for (const SetStream_t& stream : m_Set.Streams()) {
+            m_Result.diskBytes += stream.diskSectors << SectorShift;
+            m_Progress.totalBytes += stream.storedBytes;
+        }
+        for (const SetStream_t& stream : m_Set.Streams())
+            ZU_RETURN_IF_ERROR(RestoreStream(stream));
+        return m_Target->Commit(m_Result.files);
+    }
+
+private:
+    void WarnOfParent() {
+        if (m_Options.asRaw && m_Set.Info().hasParent)
+            m_Result.warnings.push_back(m_Set.Path() +
+                                        " holds one link of a chain: sectors that only its older links hold are holes "
+                                        "in the raw image");
+    }
+
+    CZuError RestoreStream(const SetStream_t& stream) {
+        ZU_RETURN_IF_ERROR(m_Target->BeginStream(m_Set, stream));
+        ZU_RETURN_IF_ERROR(ForEachBlock(m_Set, stream, [&](BatchBlock_t& block) { return WriteBlock(block); }));
+        return m_Target->EndStream();
+    }
+
+    // The files are new, so what is never written reads as zeros.
+    CZuError WriteBlock(BatchBlock_t& block) {
+        if (block.block.encoded.encoding != BlockEncoding_t::Zeros) {
+            ZU_RETURN_IF_ERROR(m_Target->WriteBlock(block.block, block.plain));
+            m_Result.writtenBytes += uint64_t{block.block.sectors} << SectorShift;
+        }
+        ++m_Result.blockCount;
+        m_Progress.doneBytes += block.block.encoded.sizeBytes;
+        if (m_Options.progress && !m_Options.progress(m_Progress))
+            return Refusal("The restore was cancelled; nothing was left at the target");
+        return CZuError();
+    }
+
+    const RestoreOptions_t& m_Options;
+    RestoreResult_t& m_Result;
+    CBackupSetReader m_Set;
+    std::unique_ptr<IRestoreTarget> m_Target;
+    Progress_t m_Progress;
+};
+
+}  // namespace
+
+CZuError RestoreDisk(const std::string& set, const std::string& target, const RestoreOptions_t& options,
+                     RestoreResult_t& result) {
+    return WithinMemory("Out of memory", [&] {
+        result = RestoreResult_t();
+        return CRestoreRun(options, result).Run(set, target);
+    });
+}

@@ -1,0 +1,164 @@
+#include "agent/Verify.h"
+
+#include <cstring>
+
+#include "agent/BackupSetReader.h"
+#include "agent/ErrorText.h"
+#include "agent/ExtentStream.h"
+#include "agent/detail/SetBlocks.h"
+#include "foundation/detail/ErrorHandling.h"
+
+namespace {
+
+constexpr size_t MostDifferencesTold = 10;
+
+bool IsZeros(const CAutoMemory<char>& bytes) {
+    const char* const data = bytes.GetPtr();
+    return bytes.GetSize() == 0 || (data[0] == 0 && std::memcmp(data, data + 1, bytes.GetSize() - 1) == 0);
+}
+
+// The blocks of an image's stream, beside those of the set's. A block that only one side has must
+// be zeros: images may keep zeros or leave them out.
+class CImageSide {
+public:
+    CZuError Open(const DiskExtent_t& extent) {
+        ZU_RETURN_IF_ERROR(m_Stream.Open(extent));
+        return Advance();
+    }
+
+    uint32_t BlockSectors() const { return m_Stream.BlockSectors(); }
+    const std::optional<BlockPlace_t>& Place() const { return m_Place; }
+    const CAutoMemory<char>& Bytes() const { return m_Bytes; }
+    CZuError Advance() { return m_Stream.Next(m_Bytes, m_Place); }
+
+private:
+    CExtentStream m_Stream;
+    std::optional<BlockPlace_t> m_Place;
+    CAutoMemory<char> m_Bytes;
+};
+
+class CVerifyRun {
+public:
+    CVerifyRun(const VerifyOptions_t& options, VerifyResult_t& result) : m_Options(options), m_Result(result) {}
+
+    CZuError Run(const std::string& setName) {
+        ZU_RETURN_IF_ERROR(m_Set.Open(setName));
+        for (const SetStream_t& stream : m_Set.Streams())
+            m_Progress.totalBytes += stream.storedBytes;
+        if (m_Options.against.has_value())
+            ZU_RETURN_IF_ERROR(OpenImage(*m_Options.against));
+        for (size_t index = 0; index < m_Set.Streams().size(); ++index)
+            ZU_RETURN_IF_ERROR(VerifyStream(index));
+        return CZuError();
+    }
+
+private:
+    CZuError OpenImage(const std::string& name) {
+        m_Image.emplace();
+        ZU_RETURN_IF_ERROR(m_Image->Open(name, m_Options.image));
+        if (m_Image->Extents().size() != m_Set.Streams().size())
+            return Refusal(CZuString::Format("{1}: has {2} extents where the set {3} has {4} streams", name,
+                                             m_Image->Extents().size(), m_Set.Path(), m_Set.Streams().size()));
+        CompareFiles();
+        return CZuError();
+    }
+
+    void CompareFiles() {
+        const std::vector<SmallFile_t>& imageFiles = m_Image->SmallFiles();
+        const std::vector<SetFile_t>& setFiles = m_Set.Files();
+        for (size_t index = 0; index < setFiles.size(); ++index) {
+            if (index >= imageFiles.size() || imageFiles[index].bytes != setFiles[index].bytes)
+                AddDifference("the file " + setFiles[index].name);
+        }
+    }
+
+    CZuError VerifyStream(size_t index) {
+        const SetStream_t& stream = m_Set.Streams()[index];
+        CAutoMemory<char> record;
+        ZU_RETURN_IF_ERROR(m_Set.ReadRecord(stream, record));
+        record.Free();
+        std::optional<CImageSide> image;
+        if (m_Image.has_value()) {
+            image.emplace();
+            ZU_RETURN_IF_ERROR(OpenSide(index, *image));
+        }
+        ZU_RETURN_IF_ERROR(ForEachBlock(m_Set, stream, [&](BatchBlock_t& block) {
+            CZuError counting = Count(block);
+            return counting.IsErrorSet() || !image.has_value() ? counting : Compare(stream, block, *image);
+        }));
+        return image.has_value() ? PassOver(stream, ~uint64_t{0}, *image) : CZuError();
+    }
+
+    CZuError OpenSide(size_t index, CImageSide& side) {
+        const SetStream_t& stream = m_Set.Streams()[index];
+        const DiskExtent_t& extent = m_Image->Extents()[index];
+        ZU_RETURN_IF_ERROR(side.Open(extent));
+        if (side.BlockSectors() != stream.blockSectors)
+            return Refusal(CZuString::Format("{1}: has blocks of {2} sectors where the set has {3}; it is an image of "
+                                             "another kind",
+                                             extent.path, side.BlockSectors(), stream.blockSectors));
+        if (extent.diskSectors != stream.diskSectors)
+            AddDifference("the size of " + stream.fileName);
+        return CZuError();
+    }
+
+    CZuError Count(const BatchBlock_t& block) {
+        ++m_Result.blockCount;
+        m_Result.plainBytes += block.plain.GetSize();
+        m_Progress.doneBytes += block.block.encoded.sizeBytes;
+        if (m_Options.progress && !m_Options.progress(m_Progress))
+            return Refusal("The verification was cancelled");
+        return CZuError();
+    }
+
+    CZuError Compare(const SetStream_t& stream, const BatchBlock_t& block, CImageSide& image) {
+        ZU_RETURN_IF_ERROR(PassOver(stream, block.block.number, image));
+        if (!image.Place().has_value() || image.Place()->number != block.block.number) {
+            if (block.block.encoded.encoding != BlockEncoding_t::Zeros)
+                AddDifference(stream, block.block.number);
+            return CZuError();
+        }
+        const bool isSame = image.Bytes().GetSize() == block.plain.GetSize() &&
+                            std::memcmp(image.Bytes().GetPtr(), block.plain.GetPtr(), block.plain.GetSize()) == 0;
+        if (!isSame)
+            AddDifference(stream, block.block.number);
+        return image.Advance();
+    }
+
+    // The image's blocks in front of block `number`, which the set doesn't have.
+    CZuError PassOver(const SetStream_t& stream, uint64_t number, CImageSide& image) {
+        while (image.Place().has_value() && image.Place()->number < number) {
+            if (!IsZeros(image.Bytes()))
+                AddDifference(stream, image.Place()->number);
+            ZU_RETURN_IF_ERROR(image.Advance());
+        }
+        return CZuError();
+    }
+
+    void AddDifference(const SetStream_t& stream, uint64_t number) {
+        AddDifference(
+            CZuString::Format("block {1} of {2}, at sector {3}", number, stream.fileName, number * stream.blockSectors)
+                .c_str());
+    }
+
+    void AddDifference(const std::string& what) {
+        ++m_Result.differenceCount;
+        if (m_Result.differences.size() < MostDifferencesTold)
+            m_Result.differences.push_back(what);
+    }
+
+    const VerifyOptions_t& m_Options;
+    VerifyResult_t& m_Result;
+    CBackupSetReader m_Set;
+    std::optional<CDiskImage> m_Image;
+    Progress_t m_Progress;
+};
+
+}  // namespace
+
+CZuError VerifySet(const std::string& set, const VerifyOptions_t& options, VerifyResult_t& result) {
+    return WithinMemory("Out of memory", [&] {
+        result = VerifyResult_t();
+        return CVerifyRun(options, result).Run(set);
+    });
+}

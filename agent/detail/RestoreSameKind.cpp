@@ -1,0 +1,154 @@
+#include <cstring>
+#include <filesystem>
+#include <optional>
+#include <set>
+
+#include "VirtualServer/VMInfo/ArchiveVirtualDiskFile.h"
+#include "VirtualServer/VMInfo/UtilityFunctions.h"
+#include "agent/ErrorText.h"
+#include "agent/detail/RestoreTarget.h"
+#include "agent/detail/SparseRecord.h"
+#include "agent/detail/StagedFile.h"
+#include "agent/detail/VmdkDescriptor.h"
+#include "foundation/detail/CheckedMath.h"
+#include "foundation/detail/ErrorHandling.h"
+
+namespace {
+
+bool IsSparse(DiskType_t type) {
+    return type == DiskType_MonolithicSparse || type == DiskType_VmfsSparse || type == DiskType_TwoGbMaxExtentSparse;
+}
+
+CZuError WriteWholeFile(const std::string& name, const std::string& bytes) {
+    constexpr int ownerReadsAndWrites = 384;
+    CZuFile file;
+    ZU_RETURN_IF_ERROR(
+        file.Open(name.c_str(), OpenAsBinary | OpenNotInherited | OpenCreating | OpenForWriting, ownerReadsAndWrites));
+    ZU_RETURN_IF_ERROR(WriteFileAt(file, 0, 0, bytes.data(), static_cast<unsigned int>(bytes.size()), nullptr));
+    return file.Close();
+}
+
+// The files that the image had, made anew by the core from their records and blocks.
+class CSameKindTarget final : public IRestoreTarget {
+public:
+    CZuError Prepare(CBackupSetReader& set, const std::string& target, const RestoreOptions_t& options) override {
+        ZU_RETURN_IF_ERROR(RefuseWhatTheCoreCant(set));
+        ZU_RETURN_IF_ERROR(ChooseDirectory(set, target));
+        for (const SetStream_t& stream : set.Streams())
+            ZU_RETURN_IF_ERROR(StageFile(set, stream.fileName, options, m_ExtentFiles));
+        for (const SetFile_t& file : set.Files())
+            ZU_RETURN_IF_ERROR(StageFile(set, file.name, options, m_SmallFiles));
+        m_SmallFileContents = set.Files();
+        return CZuError();
+    }
+
+    CZuError BeginStream(CBackupSetReader& set, const SetStream_t& stream) override {
+        m_Stream = stream;
+        m_Core.emplace(set.Info().product);
+        CAutoMemory<char> record;
+        ZU_RETURN_IF_ERROR(set.ReadRecord(stream, record));
+        const CStagedFile& file = m_ExtentFiles[m_StreamIndex];
+        ZU_RETURN_IF_ERROR(ErrorAt(file.Target(), m_Core->Create(file.TemporaryName().c_str(), stream.diskType, record,
+                                                                 stream.blockSectors, m_Context)));
+        if (m_Context.blockSectors != stream.blockSectors)
+            return set.Damaged("the block size of " + stream.fileName + " isn't that of its record");
+        return CZuError();
+    }
+
+    CZuError WriteBlock(const SetBlock_t& block, CAutoMemory<char>& plain) override {
+        // A grain goes as a whole; what is behind the disk's end is cut off with the file's size.
+        if (IsSparse(m_Stream.diskType) && block.sectors < m_Stream.blockSectors)
+            ZU_RETURN_IF_ERROR(FillUp(plain));
+        return ErrorAt(m_ExtentFiles[m_StreamIndex].Target(), m_Core->WriteBlock(plain, block.number, m_Context));
+    }
+
+    // The core's close can't tell of a write that failed late; the sync in `Commit` does.
+    CZuError EndStream() override {
+        CStagedFile& file = m_ExtentFiles[m_StreamIndex++];
+        ZU_RETURN_IF_ERROR(ErrorAt(file.Target(), m_Core->Close()));
+        m_Core.reset();
+        return ErrorAt(file.Target(), file.SetSize(m_Stream.fileBytes));
+    }
+
+    // Extents first: a descriptor never stands there without what it names.
+    CZuError Commit(std::vector<std::string>& files) override {
+        for (size_t index = 0; index < m_SmallFiles.size(); ++index)
+            ZU_RETURN_IF_ERROR(ErrorAt(m_SmallFiles[index].Target(), WriteWholeFile(m_SmallFiles[index].TemporaryName(),
+                                                                                    m_SmallFileContents[index].bytes)));
+        for (std::vector<CStagedFile>* group : {&m_ExtentFiles, &m_SmallFiles}) {
+            for (CStagedFile& file : *group) {
+                ZU_RETURN_IF_ERROR(file.Commit());
+                files.push_back(file.Target());
+            }
+        }
+        return CZuError();
+    }
+
+private:
+    static CZuError RefuseWhatTheCoreCant(CBackupSetReader& set) {
+        for (const SetStream_t& stream : set.Streams()) {
+            if (!IsSparse(stream.diskType))
+                continue;
+            CAutoMemory<char> bytes;
+            CSparseRecord record;
+            ZU_RETURN_IF_ERROR(set.ReadRecord(stream, bytes));
+            ZU_RETURN_IF_ERROR(ErrorAt(set.Path(), record.Open(bytes)));
+            if (record.IsCowd())
+                return Refusal(set.Path() + ": " + stream.fileName +
+                               " is a COWD extent, which can't be made again; restore it with --as raw");
+            if (record.HasEmptyDirectoryEntries())
+                return Refusal(set.Path() + ": " + stream.fileName +
+                               " has a grain directory with empty entries, which can't be made again; restore it with "
+                               "--as raw");
+        }
+        return CZuError();
+    }
+
+    CZuError ChooseDirectory(CBackupSetReader& set, const std::string& target) {
+        std::string directChild;  // the name comes from the set, so it is proved before it is used
+        ZU_RETURN_IF_ERROR(ErrorAt(set.Path(), ResolveExtentName(".", set.Info().imageName, false, directChild)));
+        m_MainFile = TargetFile(target, set.Info().imageName);
+        m_Directory = std::filesystem::path(m_MainFile).parent_path().string();
+        if (m_Directory.empty())
+            m_Directory = ".";
+        return CZuError();
+    }
+
+    CZuError StageFile(CBackupSetReader& set, const std::string& name, const RestoreOptions_t& options,
+                       std::vector<CStagedFile>& group) {
+        std::string path = m_MainFile;
+        if (name != set.Info().imageName)
+            ZU_RETURN_IF_ERROR(ErrorAt(set.Path(), ResolveExtentName(m_Directory, name, options.allowOutside, path)));
+        if (!m_Paths.insert(std::filesystem::path(path).lexically_normal().string()).second)
+            return Refusal(set.Path() + ": two of its files would become " + path +
+                           "; give a target that has another name");
+        group.emplace_back();
+        return group.back().Begin(path, options.force);
+    }
+
+    CZuError FillUp(CAutoMemory<char>& plain) const {
+        const uint32_t got = plain.GetSize();
+        const uint32_t whole = m_Stream.blockSectors << SectorShift;
+        if (plain.ReAlloc(whole) == nullptr)
+            return Refusal("Out of memory");
+        std::memset(plain.GetPtr() + got, 0, whole - got);
+        return CZuError();
+    }
+
+    std::string m_MainFile;
+    std::string m_Directory;
+    std::set<std::string> m_Paths;
+    std::vector<CStagedFile> m_ExtentFiles;
+    std::vector<CStagedFile> m_SmallFiles;
+    std::vector<SetFile_t> m_SmallFileContents;
+    size_t m_StreamIndex = 0;
+    SetStream_t m_Stream;
+    std::optional<CArchiveVirtualDiskFile> m_Core;
+    Context_t m_Context{};
+};
+
+}  // namespace
+
+std::unique_ptr<IRestoreTarget> MakeSameKindTarget() {
+    return std::make_unique<CSameKindTarget>();
+}

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "agent/BackupSetReader.h"
+#include "agent/Restore.h"
+#include "foundation/AutoMemory.h"
+#include "foundation/ZuError.h"
+
+// Where the blocks of a set go.
+class IRestoreTarget {
+public:
+    IRestoreTarget() = default;
+    IRestoreTarget(const IRestoreTarget&) = delete;
+    IRestoreTarget& operator=(const IRestoreTarget&) = delete;
+    virtual ~IRestoreTarget() = default;
+
+    // Finds out whether the set can be restored here, and chooses the files. Touches none.
+    virtual CZuError Prepare(CBackupSetReader& set, const std::string& target, const RestoreOptions_t& options) = 0;
+
+    // Streams come in their order, and each one's blocks between its begin and its end.
+    virtual CZuError BeginStream(CBackupSetReader& set, const SetStream_t& stream) = 0;
+    virtual CZuError WriteBlock(const SetBlock_t& block, CAutoMemory<char>& plain) = 0;
+    virtual CZuError EndStream() = 0;
+
+    // Gives all files their names, and tells them.
+    virtual CZuError Commit(std::vector<std::string>& files) = 0;
+};
+
+std::unique_ptr<IRestoreTarget> MakeSameKindTarget();
+std::unique_ptr<IRestoreTarget> MakeRawTarget();
+
+// `target` itself, or `name` in it where it is a directory.
+std::string TargetFile(const std::string& target, const std::string& name);

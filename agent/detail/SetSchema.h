@@ -1,0 +1,33 @@
+#pragma once
+
+#include <cstdint>
+
+// The tables of a backup set, version 1. docs/backup-set.md describes them; a change here is a
+// change of the format.
+
+constexpr int64_t SetApplicationId = 0x44534231;  // "DSB1"
+constexpr uint32_t RecordPieceBytes = 1U << 20U;
+
+struct SetTable_t {
+    const char* name;
+    const char* sql;
+};
+
+constexpr SetTable_t SetTables[] = {
+    {"backup_set", "CREATE TABLE backup_set (image_name TEXT NOT NULL, product INTEGER NOT NULL, "
+                   "disk_type INTEGER NOT NULL, disk_sectors INTEGER NOT NULL, has_parent INTEGER NOT NULL, "
+                   "parent_name TEXT NOT NULL, created_utc TEXT NOT NULL, writer TEXT NOT NULL, "
+                   "digest BLOB NOT NULL)"},
+    {"stream", "CREATE TABLE stream (id INTEGER PRIMARY KEY, file_name TEXT NOT NULL, disk_type INTEGER NOT NULL, "
+               "block_sectors INTEGER NOT NULL, disk_sectors INTEGER NOT NULL, file_bytes INTEGER NOT NULL, "
+               "record_bytes INTEGER NOT NULL, record_digest BLOB NOT NULL, block_count INTEGER NOT NULL, stored_bytes "
+               "INTEGER NOT NULL, "
+               "digest BLOB NOT NULL)"},
+    {"record", "CREATE TABLE record (stream INTEGER NOT NULL, piece INTEGER NOT NULL, size INTEGER NOT NULL, "
+               "digest BLOB NOT NULL, encoding INTEGER NOT NULL, data BLOB, PRIMARY KEY (stream, piece)) "
+               "WITHOUT ROWID"},
+    {"block", "CREATE TABLE block (stream INTEGER NOT NULL, number INTEGER NOT NULL, sectors INTEGER NOT NULL, "
+              "digest BLOB NOT NULL, encoding INTEGER NOT NULL, data BLOB, PRIMARY KEY (stream, number)) "
+              "WITHOUT ROWID"},
+    {"file", "CREATE TABLE file (name TEXT PRIMARY KEY, bytes BLOB NOT NULL) WITHOUT ROWID"},
+};

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "foundation/ZuError.h"
+
+// A file that is written under a name of its own beside its place and gets its final name when it
+// is whole and on the medium. Until then a kill, a failure or the destructor leaves what stood
+// under the final name as it was.
+class CStagedFile {
+public:
+    CStagedFile() = default;
+    CStagedFile(const CStagedFile&) = delete;
+    CStagedFile& operator=(const CStagedFile&) = delete;
+    CStagedFile(CStagedFile&& other) noexcept;
+    CStagedFile& operator=(CStagedFile&&) = delete;
+    ~CStagedFile();
+
+    // Chooses the temporary name for `target`. Fails when `target` exists and isn't to be replaced
+    // or is no regular file, or when its directory isn't there.
+    CZuError Begin(const std::string& target, bool replacing);
+
+    const std::string& TemporaryName() const { return m_TemporaryName; }
+    const std::string& Target() const { return m_Target; }
+
+    // Syncs the written file and gives it its final name.
+    CZuError Commit();
+
+    // Cuts or extends the written file, before `Commit`.
+    CZuError SetSize(uint64_t sizeBytes);
+
+private:
+    std::string m_Target;
+    std::string m_TemporaryName;  // empty when there is nothing to remove
+    bool m_IsReplacing = false;
+};

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <string>
+
+#include "agent/DiskImage.h"
+#include "tool/Output.h"
+
+// Each command adds its arguments to the program and, when it was chosen, runs and leaves the exit
+// code in `exitCode`.
+void AddInfoCommand(CLI::App& program, int& exitCode);
+void AddBackupCommand(CLI::App& program, int& exitCode);
+void AddRestoreCommand(CLI::App& program, int& exitCode);
+void AddVerifyCommand(CLI::App& program, int& exitCode);
+void AddListCommand(CLI::App& program, int& exitCode);
+
+// What the arguments say of an image, until it is turned into the agent's terms.
+struct ImageArguments_t {
+    std::string typeName;
+    bool allowOutside = false;
+
+    ImageOptions_t Options() const;
+};
+
+void AddImageArguments(CLI::App& command, ImageArguments_t& arguments);
+void AddOutputArguments(CLI::App& command, OutputOptions_t& output);

@@ -1,0 +1,86 @@
+#include <memory>
+
+#include "agent/ImageInfo.h"
+#include "tool/Commands.h"
+
+namespace {
+
+struct Arguments_t {
+    std::string image;
+    ImageArguments_t imageArguments;
+    OutputOptions_t output;
+};
+
+Json_t JsonOf(const ExtentInfo_t& info) {
+    Json_t extent{{"file", info.extent.name},
+                  {"type", DiskTypeName(info.extent.diskType)},
+                  {"disk_bytes", info.extent.diskSectors * 512},
+                  {"file_bytes", info.extent.fileBytes}};
+    if (info.sparse.has_value()) {
+        extent["grain_bytes"] = info.sparse->grainSectors * 512;
+        extent["grains"] = info.sparse->grainCount;
+        extent["can_be_made_again"] = info.sparse->canBeMadeAgain;
+    }
+    return extent;
+}
+
+Json_t JsonOf(const ImageInfo_t& info) {
+    Json_t object{{"type", DiskTypeName(info.diskType)}, {"disk_bytes", info.diskSectors * 512}};
+    if (info.hasParent)
+        object["parent"] = info.parentName;
+    object["extents"] = Json_t::array();
+    for (const ExtentInfo_t& extent : info.extents)
+        object["extents"].push_back(JsonOf(extent));
+    object["files"] = info.files;
+    return object;
+}
+
+std::string ExtentText(const ExtentInfo_t& info) {
+    std::string text = info.extent.name + ", " + DiskTypeName(info.extent.diskType) + ", " +
+                       SizeText(info.extent.diskSectors * 512) + " of the disk in a file of " +
+                       SizeText(info.extent.fileBytes);
+    if (!info.sparse.has_value())
+        return text;
+    text += ", " + std::to_string(info.sparse->grainCount) + " grains of " + SizeText(info.sparse->grainSectors * 512);
+    if (!info.sparse->canBeMadeAgain)
+        text += "; a backup of it can be restored with --as raw only";
+    return text;
+}
+
+void PrintText(const Arguments_t& arguments, const ImageInfo_t& info) {
+    std::vector<std::pair<std::string, std::string>> facts{
+        {"Image", arguments.image},
+        {"Type", DiskTypeName(info.diskType)},
+        {"Disk size", SizeText(info.diskSectors * 512) + " (" + std::to_string(info.diskSectors) + " sectors)"}};
+    if (info.hasParent)
+        facts.emplace_back("Parent", info.parentName.empty() ? "another image" : info.parentName);
+    for (const std::string& file : info.files)
+        facts.emplace_back("File", file);
+    for (const ExtentInfo_t& extent : info.extents)
+        facts.emplace_back("Extent", ExtentText(extent));
+    PrintFacts(facts);
+}
+
+int Run(const Arguments_t& arguments) {
+    ImageInfo_t info;
+    const CZuError error = DescribeImage(arguments.image, arguments.imageArguments.Options(), info);
+    if (error.IsErrorSet())
+        return Fail(arguments.output, error);
+    if (arguments.output.json)
+        PrintJson(JsonOf(info));
+    else
+        PrintText(arguments, info);
+    return ExitSuccess;
+}
+
+}  // namespace
+
+void AddInfoCommand(CLI::App& program, int& exitCode) {
+    CLI::App* const command = program.add_subcommand("info", "Tell what a disk image is");
+    const auto arguments = std::make_shared<Arguments_t>();
+    command->add_option("IMAGE", arguments->image, "Disk image, or its descriptor")->required();
+    AddImageArguments(*command, arguments->imageArguments);
+    command->add_flag("--json", arguments->output.json, "Print one JSON object");
+    command->footer("Example:\n  diskstream info disk.vmdk");
+    command->callback([arguments, &exitCode] { exitCode = Run(*arguments); });
+}

@@ -1,0 +1,77 @@
+#include <memory>
+
+#include "agent/Restore.h"
+#include "tool/Commands.h"
+#include "tool/ProgressLine.h"
+
+namespace {
+
+struct Arguments_t {
+    std::string set;
+    std::string target;
+    std::string asKind;
+    RestoreOptions_t options;
+    OutputOptions_t output;
+};
+
+void PrintResult(const Arguments_t& arguments, const RestoreResult_t& result, double seconds) {
+    if (arguments.output.json) {
+        PrintJson({{"files", result.files},
+                   {"disk_bytes", result.diskBytes},
+                   {"blocks", result.blockCount},
+                   {"written_bytes", result.writtenBytes},
+                   {"seconds", seconds},
+                   {"warnings", result.warnings}});
+        return;
+    }
+    if (arguments.output.quiet)
+        return;
+    std::vector<std::pair<std::string, std::string>> facts;
+    for (const std::string& file : result.files)
+        facts.emplace_back("File", file);
+    facts.emplace_back("Disk", SizeText(result.diskBytes));
+    facts.emplace_back("Written",
+                       SizeText(result.writtenBytes) + " in " + std::to_string(result.blockCount) + " blocks");
+    PrintFacts(facts);
+}
+
+int Run(const Arguments_t& arguments) {
+    RestoreOptions_t options = arguments.options;
+    options.asRaw = arguments.asKind == "raw";
+    RestoreResult_t result;
+    CZuError error;
+    double seconds = 0;
+    {
+        CProgressLine line("Restoring", arguments.output);
+        options.progress = line.Callback();
+        error = RestoreDisk(arguments.set, arguments.target, options, result);
+        seconds = line.SecondsSoFar();
+    }
+    if (error.IsErrorSet())
+        return Fail(arguments.output, error);
+    PrintWarnings(result.warnings);
+    PrintResult(arguments, result, seconds);
+    return ExitSuccess;
+}
+
+}  // namespace
+
+void AddRestoreCommand(CLI::App& program, int& exitCode) {
+    CLI::App* const command = program.add_subcommand("restore", "Restore a disk from a backup set");
+    const auto arguments = std::make_shared<Arguments_t>();
+    command->add_option("SET", arguments->set, "Backup set")->required();
+    command->add_option("TARGET", arguments->target, "Main file of the restored disk, or a directory for it")
+        ->required();
+    command
+        ->add_option("--as", arguments->asKind,
+                     "raw: one raw image with holes, instead of the files that were backed up")
+        ->check(CLI::IsMember({"raw"}));
+    command->add_flag("-f,--force", arguments->options.force, "Replace files that exist");
+    command->add_flag("--allow-outside", arguments->options.allowOutside,
+                      "Let files go where the set's names lead, out of the target's directory");
+    AddOutputArguments(*command, arguments->output);
+    command->footer("Examples:\n"
+                    "  diskstream restore monday.dset disk.vmdk\n"
+                    "  diskstream restore --as raw monday.dset disk.raw");
+    command->callback([arguments, &exitCode] { exitCode = Run(*arguments); });
+}
