@@ -12,6 +12,7 @@
 #include "tests/support/ErrorAssertions.h"
 #include "tests/support/FailureWalk.h"
 #include "tests/support/MetadataRecordText.h"
+#include "tests/support/SameBytes.h"
 #include "tests/support/TempDir.h"
 
 #define EXPECT_END_OF_EXTENT(expression) EXPECT_CONDITION(expression, 3, 2001, 1)
@@ -102,13 +103,13 @@ TEST_F(VmdkFlatExtentCreate, ALongerRecordThatTellsItsSizeInLowerCaseIsTaken) {
 TEST_F(VmdkFlatExtentCreate, TheFileGetsItsFullSizeAtOnce) {
     ASSERT_OK(CreateSectors(0x1A));
     EXPECT_EQ(0x1AU, m_Reader.GetTotalSectors());
-    EXPECT_EQ(std::string(0x1A * 512, '\0'), m_Dir.Read("made"));
+    EXPECT_SAME_BYTES(std::string(0x1A * 512, '\0'), m_Dir.Read("made"));
 }
 
 TEST_F(VmdkFlatExtentCreate, AFileThatExistsIsEmptied) {
     m_Dir.Write("made", std::string(5000, 'x'));
     ASSERT_OK(CreateSectors(2));
-    EXPECT_EQ(std::string(1024, '\0'), m_Dir.Read("made"));
+    EXPECT_SAME_BYTES(std::string(1024, '\0'), m_Dir.Read("made"));
 }
 
 TEST_F(VmdkFlatExtentCreate, SizesBehindFourGiBAreRead) {
@@ -135,7 +136,7 @@ TEST_F(VmdkFlatExtentCreate, AnExtentOfNoSectorsEndsEveryWrite) {
     EXPECT_EQ(0U, m_Reader.GetTotalSectors());
     EXPECT_END_OF_EXTENT(WriteGrain(0, 1, std::string(512, 'x')));
     EXPECT_END_OF_EXTENT(WriteGrain(5, 1, std::string(512, 'x')));
-    EXPECT_EQ("", m_Dir.Read("made"));
+    EXPECT_SAME_BYTES("", m_Dir.Read("made"));
 }
 
 TEST_F(VmdkFlatExtentCreate, ACreatedExtentIsForWritingAlone) {
@@ -149,7 +150,7 @@ TEST_F(VmdkFlatExtentCreate, ACreatedExtentIsForWritingAlone) {
 TEST_F(VmdkFlatExtentCreate, AnOpenedExtentIsForReadingAlone) {
     ASSERT_OK(m_Reader.OpenExtent(m_Dir.Write("flat", std::string(512, 'a')).c_str(), 0, VwExtentTypeFlat));
     EXPECT_EQ(1U, WriteGrain(0, 1, std::string(512, 'x')).GetErrorType());
-    EXPECT_EQ(std::string(512, 'a'), m_Dir.Read("flat"));
+    EXPECT_SAME_BYTES(std::string(512, 'a'), m_Dir.Read("flat"));
 }
 
 TEST_F(VmdkFlatExtentCreate, GrainsInAnyOrderLandWhereTheyBelong) {
@@ -157,7 +158,7 @@ TEST_F(VmdkFlatExtentCreate, GrainsInAnyOrderLandWhereTheyBelong) {
     ASSERT_OK(CreateSectors(8));
     for (const unsigned int number : {3U, 0U, 2U, 1U})
         ASSERT_OK(WriteGrain(number, 2, bytes.substr(number * 1024, 1024)));
-    EXPECT_EQ(bytes, m_Dir.Read("made"));
+    EXPECT_SAME_BYTES(bytes, m_Dir.Read("made"));
 }
 
 TEST_F(VmdkFlatExtentCreate, ShorterDataLeavesTheEndOfTheGrainAsItIs) {
@@ -165,7 +166,7 @@ TEST_F(VmdkFlatExtentCreate, ShorterDataLeavesTheEndOfTheGrainAsItIs) {
     ASSERT_OK(WriteGrain(0, 2, std::string(1024, 'o')));
     ASSERT_OK(WriteGrain(0, 2, std::string(700, 'n')));
     ASSERT_OK(WriteGrain(0, 2, ""));
-    EXPECT_EQ(std::string(700, 'n') + std::string(324, 'o'), m_Dir.Read("made"));
+    EXPECT_SAME_BYTES(std::string(700, 'n') + std::string(324, 'o'), m_Dir.Read("made"));
 }
 
 TEST_F(VmdkFlatExtentCreate, DataLargerThanTheGrainIsRefused) {
@@ -173,20 +174,20 @@ TEST_F(VmdkFlatExtentCreate, DataLargerThanTheGrainIsRefused) {
     EXPECT_REFUSED(WriteGrain(0, 2, std::string(1025, 'x')), "Data size is greater than grain size");
     EXPECT_REFUSED(WriteGrain(9, 2, std::string(1025, 'x')), "Data size is greater than grain size");
     EXPECT_REFUSED(WriteGrain(0, 0, "x"), "Data size is greater than grain size");
-    EXPECT_EQ(std::string(2048, '\0'), m_Dir.Read("made"));
+    EXPECT_SAME_BYTES(std::string(2048, '\0'), m_Dir.Read("made"));
 }
 
 TEST_F(VmdkFlatExtentCreate, AGrainBehindTheEndIsTheEnd) {
     ASSERT_OK(CreateSectors(5));
     EXPECT_END_OF_EXTENT(WriteGrain(3, 2, std::string(1024, 'x')));
     EXPECT_END_OF_EXTENT(WriteGrain(uint64_t{1} << 63U, 2, std::string(1024, 'x')));
-    EXPECT_EQ(std::string(5 * 512, '\0'), m_Dir.Read("made"));
+    EXPECT_SAME_BYTES(std::string(5 * 512, '\0'), m_Dir.Read("made"));
 }
 
 TEST_F(VmdkFlatExtentCreate, AGrainThatBeginsInTheLastSectorIsWrittenWhole) {
     ASSERT_OK(CreateSectors(5));
     ASSERT_OK(WriteGrain(2, 2, std::string(1024, 'x')));
-    EXPECT_EQ(std::string(4 * 512, '\0') + std::string(1024, 'x'), m_Dir.Read("made"));
+    EXPECT_SAME_BYTES(std::string(4 * 512, '\0') + std::string(1024, 'x'), m_Dir.Read("made"));
 }
 
 TEST_F(VmdkFlatExtentCreate, AClosedExtentRefusesToWrite) {
@@ -222,7 +223,7 @@ TEST_F(VmdkFlatExtentCreate, EveryFailureOfAWriteReachesTheCallerAndLeavesTheObj
     for (const FaultOp op : {FaultOp::Seek, FaultOp::Write})
         EXPECT_EQ(1U, WalkFailures(op, [&] { return WriteGrain(1, 2, std::string(1024, 'x')); }));
     EXPECT_OK(WriteGrain(0, 2, std::string(1024, 'y')));
-    EXPECT_EQ(std::string(1024, 'y') + std::string(1024, 'x'), m_Dir.Read("made"));
+    EXPECT_SAME_BYTES(std::string(1024, 'y') + std::string(1024, 'x'), m_Dir.Read("made"));
 }
 
 TEST_F(VmdkFlatExtentCreate, AWriteThatTheSystemTakesInPiecesIsWhole) {
@@ -231,7 +232,7 @@ TEST_F(VmdkFlatExtentCreate, AWriteThatTheSystemTakesInPiecesIsWhole) {
     pieces.LimitTransfers(FaultOp::Write, 100);
     const std::string bytes = PatternedBytes(2048);
     ASSERT_OK(WriteGrain(0, 4, bytes));
-    EXPECT_EQ(bytes, m_Dir.Read("made"));
+    EXPECT_SAME_BYTES(bytes, m_Dir.Read("made"));
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include "tests/support/FailureWalk.h"
 #include "tests/support/FaultyFiles.h"
 #include "tests/support/MetadataRecordText.h"
+#include "tests/support/SameBytes.h"
 #include "tests/support/SparseDumpText.h"
 #include "tests/support/TempDir.h"
 
@@ -57,7 +58,7 @@ TEST_F(VmdkFlatExtentReader, OpenRefusesASecondFileAndKeepsTheFirst) {
     const std::string path = Sectors(1);
     ASSERT_OK(m_Reader.OpenExtent(path.c_str(), 0, VwExtentTypeFlat));
     EXPECT_REFUSED(m_Reader.OpenExtent(path.c_str(), 9, VwExtentTypeFlat), "Object already have an open file.");
-    EXPECT_EQ(PatternedBytes(512), ReadSector(0));
+    EXPECT_SAME_BYTES(PatternedBytes(512), ReadSector(0));
 }
 
 TEST_F(VmdkFlatExtentReader, OpenTestsTheNameThenTheStateThenTheType) {
@@ -103,8 +104,8 @@ TEST_F(VmdkFlatExtentReader, AnEmptyFileOpensAndEndsEveryRead) {
 TEST_F(VmdkFlatExtentReader, TheFirstSectorOfTheExtentIsTheFirstOfTheFile) {
     ASSERT_OK(m_Reader.OpenExtent(Sectors(3).c_str(), 2048, VwExtentTypeFlat));
     EXPECT_EQ(3U, m_Reader.GetTotalSectors());
-    EXPECT_EQ(PatternedBytes(1536).substr(0, 512), ReadSector(2048));
-    EXPECT_EQ(PatternedBytes(1536).substr(1024), ReadSector(2050));
+    EXPECT_SAME_BYTES(PatternedBytes(1536).substr(0, 512), ReadSector(2048));
+    EXPECT_SAME_BYTES(PatternedBytes(1536).substr(1024), ReadSector(2050));
 }
 
 TEST_F(VmdkFlatExtentReader, SectorsOutsideTheExtentEndTheRead) {
@@ -115,16 +116,16 @@ TEST_F(VmdkFlatExtentReader, SectorsOutsideTheExtentEndTheRead) {
 
 TEST_F(VmdkFlatExtentReader, AnExtentAtTheEndOfAllNumbersIsReadToItsLastSector) {
     ASSERT_OK(m_Reader.OpenExtent(Sectors(2).c_str(), ~uint64_t{0} - 1, VwExtentTypeFlat));
-    EXPECT_EQ(PatternedBytes(1024).substr(512), ReadSector(~uint64_t{0}));
+    EXPECT_SAME_BYTES(PatternedBytes(1024).substr(512), ReadSector(~uint64_t{0}));
     EXPECT_END_OF_EXTENT(m_Reader.ReadExtentSector(0, m_Buffer.data(), 512));
 }
 
 TEST_F(VmdkFlatExtentReader, ReadsAsManyBytesOfASectorAsAsked) {
     ASSERT_OK(m_Reader.OpenExtent(Sectors(2).c_str(), 0, VwExtentTypeFlat));
     const std::string sector = PatternedBytes(1024).substr(512);
-    EXPECT_EQ(sector, ReadSector(1, 512));
-    EXPECT_EQ(sector[0] + std::string(511, '?'), ReadSector(1, 1));
-    EXPECT_EQ(std::string(512, '?'), ReadSector(1, 0));
+    EXPECT_SAME_BYTES(sector, ReadSector(1, 512));
+    EXPECT_SAME_BYTES(sector[0] + std::string(511, '?'), ReadSector(1, 1));
+    EXPECT_SAME_BYTES(std::string(512, '?'), ReadSector(1, 0));
     EXPECT_REFUSED(m_Reader.ReadExtentSector(1, m_Buffer.data(), 513), "Cannot read more than sector size");
 }
 
@@ -150,14 +151,14 @@ TEST_F(VmdkFlatExtentReader, AGrainHoldsItsSectors) {
     ASSERT_OK(m_Reader.OpenExtent(Sectors(7).c_str(), 0, VwExtentTypeFlat));
     ASSERT_OK(m_Reader.ReadGrain(2, m_Buffer.data(), 2, m_Got));
     EXPECT_EQ(2U, m_Got);
-    EXPECT_EQ(PatternedBytes(7 * 512).substr(4 * 512, 1024) + "?", m_Buffer.substr(0, 1025));
+    EXPECT_SAME_BYTES(PatternedBytes(7 * 512).substr(4 * 512, 1024) + "?", m_Buffer.substr(0, 1025));
 }
 
 // Callers use grains on a disk of one extent alone, so the extent's place on the disk has no say.
 TEST_F(VmdkFlatExtentReader, GrainsAreCountedFromTheFilesStartWhateverTheFirstSector) {
     ASSERT_OK(m_Reader.OpenExtent(Sectors(4).c_str(), 1000, VwExtentTypeFlat));
     ASSERT_OK(m_Reader.ReadGrain(1, m_Buffer.data(), 1, m_Got));
-    EXPECT_EQ(PatternedBytes(1024).substr(512), m_Buffer.substr(0, 512));
+    EXPECT_SAME_BYTES(PatternedBytes(1024).substr(512), m_Buffer.substr(0, 512));
     // The end is tested against the disk's sectors all the same: 4 is behind the file, not behind 1003.
     const CZuError behindTheFile = m_Reader.ReadGrain(4, m_Buffer.data(), 1, m_Got);
     EXPECT_TRUE(behindTheFile.IsErrorSet());
@@ -200,7 +201,7 @@ TEST_F(VmdkFlatExtentReader, AClosedExtentCanBeOpenedAgain) {
     EXPECT_EQ(1U, m_Reader.GetTotalSectors());
     EXPECT_END_OF_EXTENT(m_Reader.ReadExtentSector(100, m_Buffer.data(), 512));
     ASSERT_OK(m_Reader.OpenExtent(Sectors(2).c_str(), 0, VwExtentTypeFlat));
-    EXPECT_EQ(PatternedBytes(512), ReadSector(0));
+    EXPECT_SAME_BYTES(PatternedBytes(512), ReadSector(0));
 }
 
 TEST_F(VmdkFlatExtentReader, CloseReturnsWhatTheSystemSays) {
@@ -230,7 +231,7 @@ TEST_F(VmdkFlatExtentReader, ACopySharesTheOpenFile) {
     CVmdkFlatExtentReader assigned;
     assigned = m_Reader;
     ASSERT_OK(copy.ReadExtentSector(12, m_Buffer.data(), 512));
-    EXPECT_EQ(PatternedBytes(1536).substr(1024), m_Buffer.substr(0, 512));
+    EXPECT_SAME_BYTES(PatternedBytes(1536).substr(1024), m_Buffer.substr(0, 512));
     EXPECT_EQ(3U, assigned.GetTotalSectors());
     ASSERT_OK(m_Reader.CloseExtent());
     EXPECT_REFUSED(copy.ReadExtentSector(12, m_Buffer.data(), 512), NoOpenFile);
@@ -242,16 +243,16 @@ TEST_F(VmdkFlatExtentReader, TheRecordIsSignatureSizeAndSectors) {
     ASSERT_OK(m_Reader.OpenExtent(path.c_str(), 0x1234, VwExtentTypeFlat));
     CAutoMemory<char> metadata = BufferOf(std::string(100, 'x'));
     ASSERT_OK(m_Reader.GetMetadataInfo(metadata));
-    EXPECT_EQ("VDVWFT10"
-              "00000020"
-              "00000000000abcde",
-              BytesOf(metadata));
+    EXPECT_SAME_BYTES("VDVWFT10"
+                      "00000020"
+                      "00000000000abcde",
+                      BytesOf(metadata));
 }
 
 TEST_F(VmdkFlatExtentReader, AClosedExtentGivesTheRecordOfOneSector) {
     CAutoMemory<char> metadata;
     ASSERT_OK(m_Reader.GetMetadataInfo(metadata));
-    EXPECT_EQ(MetadataRecordText("VDVWFT10", 1, ""), BytesOf(metadata));
+    EXPECT_SAME_BYTES(MetadataRecordText("VDVWFT10", 1, ""), BytesOf(metadata));
 }
 
 TEST_F(VmdkFlatExtentReader, TheDumpIsOneRecordInOneWrite) {
@@ -270,7 +271,7 @@ TEST_F(VmdkFlatExtentReader, TheDumpIsOneRecordInOneWrite) {
     expected.endLba = 0x80F;
     expected.blockSize = 0xC0DE;
     expected.grainSize = 0xC0DE;
-    EXPECT_EQ(expected.Bytes(), m_Dir.Read("dump"));
+    EXPECT_SAME_BYTES(expected.Bytes(), m_Dir.Read("dump"));
 }
 
 TEST_F(VmdkFlatExtentReader, TheNameInTheDumpIsCutAt1023Characters) {
@@ -309,7 +310,7 @@ TEST_F(VmdkFlatExtentReader, EveryFailureOfAReadReachesTheCaller) {
         EXPECT_EQ(1U, WalkFailures(op, [&] { return m_Reader.ReadExtentSector(1, m_Buffer.data(), 512); }));
         EXPECT_EQ(1U, WalkFailures(op, [&] { return m_Reader.ReadGrain(0, m_Buffer.data(), 3, m_Got); }));
     }
-    EXPECT_EQ(PatternedBytes(1536).substr(1024), ReadSector(2));
+    EXPECT_SAME_BYTES(PatternedBytes(1536).substr(1024), ReadSector(2));
 }
 
 TEST_F(VmdkFlatExtentReader, AFailedOrShortWriteOfTheDumpReachesTheCaller) {
