@@ -58,13 +58,3 @@ TEST_F(TableReaderMemory, RunningOutOfItIsAFailure) {
     EXPECT_REFUSED(reader.Read(0, 16 * Mebibyte / 4, table), "Out of memory");
     EXPECT_EQ(table.GetPtr(), nullptr);
 }
-
-// The largest that an object may ask for, from a file that takes no room on the disk.
-TEST_F(TableReaderMemory, AFileOfHolesIsOutOfMemoryAtTheCeiling) {
-    OpenFile(uint64_t{1} << 33U);
-    CTableReader reader(m_File);
-    CAutoMemory<Le32_t> table;
-    const CMemoryMeter meter;
-    EXPECT_REFUSED(reader.Read(0, uint64_t{1} << 30U, table), "Out of memory");
-    EXPECT_LE(meter.PeakBytes(), 2048 * Mebibyte);
-}
