@@ -96,7 +96,8 @@ private:
 struct CBackupSetReader::Impl_t {
     CSetDatabase database;
     CSetStatement blocks;
-    SetStream_t stream;  // the one being walked
+    SetStream_t stream;   // the one being walked
+    bool isAtEnd = true;  // a finished query would begin anew
     uint64_t blockCount = 0;
     uint64_t storedBytes = 0;
     std::unique_ptr<CRunningDigest> digest;
@@ -247,6 +248,7 @@ CZuError CBackupSetReader::ReadRecord(const SetStream_t& stream, CAutoMemory<cha
 
 CZuError CBackupSetReader::BeginBlocks(const SetStream_t& stream) {
     m_Impl->stream = stream;
+    m_Impl->isAtEnd = false;
     m_Impl->blockCount = 0;
     m_Impl->storedBytes = 0;
     m_Impl->digest = std::make_unique<CRunningDigest>();
@@ -259,6 +261,8 @@ CZuError CBackupSetReader::BeginBlocks(const SetStream_t& stream) {
 
 CZuError CBackupSetReader::NextBlock(std::optional<SetBlock_t>& block) {
     block.reset();
+    if (m_Impl->isAtEnd)
+        return CZuError();
     bool hasRow = false;
     ZU_RETURN_IF_ERROR(m_Impl->blocks.Step(hasRow));
     if (!hasRow)
@@ -290,6 +294,7 @@ CZuError CBackupSetReader::CheckBlock(const SetBlock_t& block) const {
 
 CZuError CBackupSetReader::EndBlocks() {
     const SetStream_t& stream = m_Impl->stream;
+    m_Impl->isAtEnd = true;
     if (m_Impl->blockCount != stream.blockCount || m_Impl->storedBytes != stream.storedBytes ||
         m_Impl->digest->Result() != stream.digest)
         return Damaged("blocks of " + stream.fileName + " are lost or changed");

@@ -33,7 +33,7 @@ public:
     CZuError ReadRecord(const SetStream_t& stream, CAutoMemory<char>& record);
 
     // Walks the blocks of `stream` in the order of their numbers. A block's bytes live until the
-    // next call. Behind the last one `block` is empty, and the stream's digest has been proved:
+    // next call. Behind the last one `block` is empty, at each call, and the stream's digest has been proved:
     // blocks that were lost or changed places are found out there.
     CZuError BeginBlocks(const SetStream_t& stream);
     CZuError NextBlock(std::optional<SetBlock_t>& block);
