@@ -98,13 +98,13 @@ void CompareStream(benchmark::State& state, const BenchFile_t& file, DiskType_t 
 void StreamSparse(benchmark::State& state) {
     CompareStream(state, HalfFullSparseDisk(), DiskType_MonolithicSparse, 0);
 }
-BENCHMARK(StreamSparse)->UseManualTime()->Unit(benchmark::kMillisecond)->MinTime(4);
+BENCHMARK(StreamSparse)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(15);
 
 // 1 GiB in blocks of 1 MiB, against pread of 1 MiB.
 void StreamFlat(benchmark::State& state) {
     CompareStream(state, FlatDisk(), DiskType_MonolithicFlat, FlatBlockSectors);
 }
-BENCHMARK(StreamFlat)->UseManualTime()->Unit(benchmark::kMillisecond)->MinTime(4);
+BENCHMARK(StreamFlat)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(25);
 
 bool OpenAndClose(const BenchFile_t& file) {
     CVmdkSparseExtentReader extent;
@@ -128,7 +128,7 @@ BENCHMARK(OpenSparse)->UseManualTime()->Unit(benchmark::kMicrosecond)->MinTime(1
 void OpenSparse2TiB(benchmark::State& state) {
     CompareOpening(state, EmptySparseDisk(true));
 }
-BENCHMARK(OpenSparse2TiB)->UseManualTime()->Unit(benchmark::kMillisecond)->MinTime(2);
+BENCHMARK(OpenSparse2TiB)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(15);
 
 // 2 TiB without a grain: how fast a stream passes over 33 554 432 holes to the disk's end. There is
 // no peer; `holes_per_second` is the figure.
@@ -204,6 +204,6 @@ void WriteSparse(benchmark::State& state) {
     std::remove(ourPath.c_str());
     std::remove(plainPath.c_str());
 }
-BENCHMARK(WriteSparse)->UseManualTime()->Unit(benchmark::kMillisecond)->MinTime(3);
+BENCHMARK(WriteSparse)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(25);
 
 }  // namespace
