@@ -97,7 +97,8 @@ struct CBackupSetReader::Impl_t {
     CSetDatabase database;
     CSetStatement blocks;
     SetStream_t stream;   // the one being walked
-    bool isAtEnd = true;  // a finished query would begin anew
+    bool isAtEnd = true;  // a finished query would begin anew,
+    CZuError failure;     // and one that failed as well
     uint64_t blockCount = 0;
     uint64_t storedBytes = 0;
     std::unique_ptr<CRunningDigest> digest;
@@ -249,6 +250,7 @@ CZuError CBackupSetReader::ReadRecord(const SetStream_t& stream, CAutoMemory<cha
 CZuError CBackupSetReader::BeginBlocks(const SetStream_t& stream) {
     m_Impl->stream = stream;
     m_Impl->isAtEnd = false;
+    m_Impl->failure.Reset();
     m_Impl->blockCount = 0;
     m_Impl->storedBytes = 0;
     m_Impl->digest = std::make_unique<CRunningDigest>();
@@ -261,8 +263,12 @@ CZuError CBackupSetReader::BeginBlocks(const SetStream_t& stream) {
 
 CZuError CBackupSetReader::NextBlock(std::optional<SetBlock_t>& block) {
     block.reset();
-    if (m_Impl->isAtEnd)
-        return CZuError();
+    if (!m_Impl->isAtEnd && !m_Impl->failure.IsErrorSet())
+        m_Impl->failure = StepToBlock(block);
+    return m_Impl->failure;
+}
+
+CZuError CBackupSetReader::StepToBlock(std::optional<SetBlock_t>& block) {
     bool hasRow = false;
     ZU_RETURN_IF_ERROR(m_Impl->blocks.Step(hasRow));
     if (!hasRow)

@@ -34,7 +34,8 @@ public:
 
     // Walks the blocks of `stream` in the order of their numbers. A block's bytes live until the
     // next call. Behind the last one `block` is empty, at each call, and the stream's digest has been proved:
-    // blocks that were lost or changed places are found out there.
+    // blocks that were lost or changed places are found out there. A failure ends the walk and is
+    // given again.
     CZuError BeginBlocks(const SetStream_t& stream);
     CZuError NextBlock(std::optional<SetBlock_t>& block);
 
@@ -50,6 +51,7 @@ private:
     CZuError ReadStreams();
     CZuError ReadFiles();
     CZuError CheckStream(const SetStream_t& stream) const;
+    CZuError StepToBlock(std::optional<SetBlock_t>& block);
     CZuError CheckBlock(const SetBlock_t& block) const;
     CZuError EndBlocks();
 

@@ -24,7 +24,7 @@ void CopyIn(const SetBlock_t& block, BatchBlock_t& target) {
 
 bool ReadBatch(CBackupSetReader& set, size_t mostBlocks, BlockBatch_t& batch, CZuError& error) {
     batch.count = 0;
-    while (batch.count < mostBlocks) {
+    while (batch.count < mostBlocks && !error.IsErrorSet()) {
         std::optional<SetBlock_t> block;
         error = set.NextBlock(block);
         if (error.IsErrorSet() || !block.has_value())
