@@ -1,10 +1,12 @@
 #pragma once
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
-#include <new>
 #include <type_traits>
 #include <utility>
+
+#include "foundation/AlignedMemory.h"
 
 // An owned buffer that grows: capacity, data and size, counted in elements of at most 32 bits'
 // worth. Element types are plain (char, 32-bit numbers); new elements hold no particular value.
@@ -38,7 +40,7 @@ public:
         if (FitsCapacity(count))
             return Resize(count);
         Free();
-        T* const block = new (std::nothrow) T[count];
+        T* const block = NewBlock(count);
         return block != nullptr ? TakeBlock(block, count) : nullptr;
     }
 
@@ -46,7 +48,7 @@ public:
     T* ReAlloc(uint32_t count) {
         if (FitsCapacity(count))
             return Resize(count);
-        T* const block = new (std::nothrow) T[count];
+        T* const block = NewBlock(count);
         if (block != nullptr && m_Size != 0)
             std::copy_n(m_Data, m_Size, block);
         Free();
@@ -54,7 +56,7 @@ public:
     }
 
     void Free() {
-        delete[] m_Data;
+        FreeAligned(m_Data);
         m_Data = nullptr;
         m_Capacity = 0;
         m_Size = 0;
@@ -71,6 +73,13 @@ public:
 
 private:
     bool FitsCapacity(uint32_t count) const { return count == 0 || (m_Data != nullptr && count <= m_Capacity); }
+
+    // 64-bit counts of bytes don't fit where sizes are 32-bit.
+    static T* NewBlock(uint32_t count) {
+        if (count > static_cast<size_t>(-1) / sizeof(T))
+            return nullptr;
+        return static_cast<T*>(AllocateAligned(count * sizeof(T)));
+    }
 
     T* Resize(uint32_t count) {
         m_Size = count;

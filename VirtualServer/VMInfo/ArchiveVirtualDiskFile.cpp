@@ -248,8 +248,8 @@ CZuError CArchiveVirtualDiskFile::AllocateBlock(CAutoMemory<char>& block, const 
 // Reads the context's block, or the next one that the disk file holds.
 CZuError CArchiveVirtualDiskFile::ReadForward(CAutoMemory<char>& block, Context_t& context) {
     CZuError error = ReadCurrentBlock(block, context);
-    while (IsNotHeld(error)) {
-        ++context.blockNumber;
+    while (m_SparseExtent.IsErrorSectorNotFound(error) != 0) {
+        context.blockNumber = m_SparseExtent.NextHeldGrain(context.blockNumber + 1);
         error = ReadCurrentBlock(block, context);
     }
     if (IsEndOfReader(error))
@@ -280,10 +280,6 @@ CZuError CArchiveVirtualDiskFile::ReadFlatGrain(CAutoMemory<char>& block, const 
         m_FlatExtent.ReadGrain(context.blockNumber, block.GetPtr(), block.GetSize() >> SectorShift, gotSectors));
     block.Alloc(gotSectors << SectorShift);
     return CZuError();
-}
-
-bool CArchiveVirtualDiskFile::IsNotHeld(const CZuError& error) const {
-    return m_SparseExtent.IsErrorSectorNotFound(error) != 0;
 }
 
 bool CArchiveVirtualDiskFile::IsEndOfReader(const CZuError& error) const {

@@ -88,7 +88,6 @@ private:
     CZuError ReadCurrentBlock(CAutoMemory<char>& block, const Context_t& context);
     CZuError ReadSparseGrain(CAutoMemory<char>& block, const Context_t& context);
     CZuError ReadFlatGrain(CAutoMemory<char>& block, const Context_t& context);
-    bool IsNotHeld(const CZuError& error) const;
     bool IsEndOfReader(const CZuError& error) const;
 
     ProductType_t m_ProductType;

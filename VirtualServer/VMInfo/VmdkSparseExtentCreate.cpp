@@ -27,7 +27,9 @@ CZuError ReplayBytes(CByteReader& record, uint64_t count, CZuFile& file, uint64_
     uint64_t sizeBytes = 0;
     if (!CheckedMul(count, sizeof(Element), sizeBytes) || !record.Rest().Holds(0, sizeBytes))
         return Refusal(MetadataIsCorrupted);
-    if (target.Alloc(static_cast<uint32_t>(count)) == nullptr && count != 0)
+    if (count == 0)
+        return CZuError();
+    if (target.Alloc(static_cast<uint32_t>(count)) == nullptr)
         return Refusal(OutOfMemory);
     if (!record.Take(target.GetPtr(), sizeBytes))
         return Refusal(MetadataIsCorrupted);

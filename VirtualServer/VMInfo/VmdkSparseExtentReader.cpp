@@ -33,6 +33,13 @@ void SetBit(char* bitmap, uint64_t index) {
     bitmap[index / 8] = static_cast<char>(bitmap[index / 8] | (0x80 >> (index % 8)));
 }
 
+// The first entry from `first` on that isn't 0, or `count`.
+uint64_t FirstSetEntry(const GrainTableRef_t& table, uint64_t first, uint64_t count) {
+    const Le32_t* const entries = table.entries.get();
+    return static_cast<uint64_t>(
+        std::find_if(entries + first, entries + count, [](uint32_t entry) { return entry != 0; }) - entries);
+}
+
 // A bitmap of `count` bits, the high bit of each byte first; `isSet(index)` tells each.
 template <typename IsSet> CZuError WriteBitmap(CZuFile& out, uint64_t count, CAutoMemory<char>& bitmap, IsSet isSet) {
     const auto sizeBytes = static_cast<uint32_t>(DivideRoundingUp(count, 8));
@@ -290,9 +297,28 @@ void CVmdkSparseExtentReader::SetCOWDGeometry(const CowdHeader_t& header) {
     m_NumGDEntries = header.numGDEntries;
 }
 
+uint64_t CVmdkSparseExtentReader::NextHeldGrain(uint64_t index) const {
+    const Tables_t& tables = ActiveGTs();
+    while (index < GrainBound()) {
+        const GrainTableRef_t& table = tables[static_cast<size_t>(index / m_NumGTEsPerGT)];
+        const uint64_t first = index % m_NumGTEsPerGT;
+        const uint64_t held = table.sector != 0 ? FirstSetEntry(table, first, m_NumGTEsPerGT) : m_NumGTEsPerGT;
+        index += held - first;
+        if (held != m_NumGTEsPerGT)
+            return index;
+    }
+    return index;
+}
+
+// The tables bound it and not the capacity. A failed create leaves fewer tables than its directory
+// promises.
+uint64_t CVmdkSparseExtentReader::GrainBound() const {
+    return m_NumGTEsPerGT * ActiveGTs().size();
+}
+
 // The file sector at which grain `index` lies.
 CZuError CVmdkSparseExtentReader::FindGrain(uint64_t index, uint32_t& sector) const {
-    if (index >= m_NumGTEsPerGT * m_NumGDEntries)
+    if (index >= GrainBound())
         return EndOfExtent.Error();
     const GrainTableRef_t& table = ActiveGTs()[static_cast<size_t>(index / m_NumGTEsPerGT)];
     if (table.sector == 0)

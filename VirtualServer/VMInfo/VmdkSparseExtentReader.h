@@ -53,6 +53,10 @@ public:
     // `IsErrorEOF` holds behind the last table's last grain, which may lie beyond the capacity.
     CZuError ReadGrain(uint64_t index, char* data);
 
+    // The first grain from `index` on that the extent holds, or an index behind its last grain. To
+    // step over holes, of which an empty disk has millions.
+    uint64_t NextHeldGrain(uint64_t index) const;
+
     // Writes a whole grain; longer data is cut. `IsErrorSectorNotFound` holds when the tables have
     // no place for it, `IsErrorEOF` as for `ReadGrain`.
     CZuError WriteGrain(uint64_t index, CAutoMemory<char>& data);
@@ -88,6 +92,7 @@ private:
     CZuError WriteVMDKSparseTableInfo(const char* body, uint64_t bodyBytes);
     CZuError WriteCOWDSparseTableInfo(const char* body, uint64_t bodyBytes);
 
+    uint64_t GrainBound() const;
     CZuError FindGrain(uint64_t index, uint32_t& sector) const;
     CZuError FindSector(uint64_t sector, uint64_t& fileSector) const;
     bool ComputeMetadataSize(uint32_t& sizeBytes) const;

@@ -1,8 +1,7 @@
 #include "VirtualServer/VMInfo/detail/VmdkGrainTables.h"
 
-#include <new>
-
 #include "VirtualServer/VMInfo/detail/MetadataRecord.h"
+#include "foundation/AlignedMemory.h"
 
 namespace {
 
@@ -12,7 +11,8 @@ using TableRun_t = std::shared_ptr<Le32_t[]>;
 
 // Null when out of memory.
 TableRun_t NewRun(uint64_t entryCount) {
-    return TableRun_t(new (std::nothrow) Le32_t[static_cast<size_t>(entryCount)]);
+    void* const block = AllocateAligned(static_cast<size_t>(entryCount) * sizeof(Le32_t));
+    return block != nullptr ? TableRun_t(static_cast<Le32_t*>(block), FreeAligned) : nullptr;
 }
 
 // One table of a run. It keeps the whole run in memory.
