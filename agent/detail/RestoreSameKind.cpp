@@ -76,6 +76,10 @@ public:
             ZU_RETURN_IF_ERROR(ErrorAt(m_SmallFiles[index].Target(), WriteWholeFile(m_SmallFiles[index].TemporaryName(),
                                                                                     m_SmallFileContents[index].bytes)));
         for (std::vector<CStagedFile>* group : {&m_ExtentFiles, &m_SmallFiles}) {
+            for (CStagedFile& file : *group)
+                ZU_RETURN_IF_ERROR(file.Sync());
+        }
+        for (std::vector<CStagedFile>* group : {&m_ExtentFiles, &m_SmallFiles}) {
             for (CStagedFile& file : *group) {
                 ZU_RETURN_IF_ERROR(file.Commit());
                 files.push_back(file.Target());

@@ -16,12 +16,20 @@ std::filesystem::path DirectoryOf(const std::string& target) {
     return directory.empty() ? "." : directory;
 }
 
-// Hidden, and told apart from those of other processes and of other files of this one.
+// Hidden, and told apart from those of other processes and of other files of this one. Process numbers
+// come again, so a killed process may have left a file of the same name. A long target leaves no
+// room for the rest: the beginning is enough to recognise it.
 std::string TemporaryNameFor(const std::string& target) {
     static std::atomic<unsigned> counter{0};
-    const std::string name = "." + std::filesystem::path(target).filename().string() + ".diskstream-" +
-                             std::to_string(ProcessNumber()) + "-" + std::to_string(counter++) + ".partial";
-    return (DirectoryOf(target) / name).string();
+    constexpr size_t mostKept = 64;
+    const std::string beginning = "." + std::filesystem::path(target).filename().string().substr(0, mostKept) +
+                                  ".diskstream-" + std::to_string(ProcessNumber()) + "-";
+    for (;;) {
+        const std::filesystem::path path = DirectoryOf(target) / (beginning + std::to_string(counter++) + ".partial");
+        std::error_code ignored;  // what can't be looked at shows itself when the file is made
+        if (!std::filesystem::exists(std::filesystem::symlink_status(path, ignored)))
+            return path.string();
+    }
 }
 
 CZuError RefuseExisting(const std::string& target, bool replacing) {
@@ -68,8 +76,15 @@ CZuError CStagedFile::Begin(const std::string& target, bool replacing) {
     return CZuError();
 }
 
-CZuError CStagedFile::Commit() {
+CZuError CStagedFile::Sync() {
     ZU_RETURN_IF_ERROR(ErrorAt(m_Target, SyncFile(m_TemporaryName)));
+    m_IsSynced = true;
+    return CZuError();
+}
+
+CZuError CStagedFile::Commit() {
+    if (!m_IsSynced)
+        ZU_RETURN_IF_ERROR(Sync());
     ZU_RETURN_IF_ERROR(ErrorAt(m_Target, SystemFailure(RenameFile(m_TemporaryName, m_Target, m_IsReplacing))));
     m_TemporaryName.clear();
     ZU_RETURN_IF_ERROR(ErrorAt(m_Target, SystemFailure(SyncDirectory(DirectoryOf(m_Target).string()))));

@@ -24,14 +24,19 @@ public:
     const std::string& TemporaryName() const { return m_TemporaryName; }
     const std::string& Target() const { return m_Target; }
 
-    // Syncs the written file and gives it its final name.
+    // Returns when the written file is on the medium. Of several files that belong together, all are
+    // synced before the first is committed.
+    CZuError Sync();
+
+    // Syncs the written file where that isn't done, and gives it its final name.
     CZuError Commit();
 
-    // Cuts or extends the written file, before `Commit`.
+    // Cuts or extends the written file, before `Sync`.
     CZuError SetSize(uint64_t sizeBytes);
 
 private:
     std::string m_Target;
     std::string m_TemporaryName;  // empty when there is nothing to remove
     bool m_IsReplacing = false;
+    bool m_IsSynced = false;
 };
