@@ -207,6 +207,8 @@ CZuError CBackupSetReader::ReadStreams() {
 
 CZuError CBackupSetReader::CheckStream(const SetStream_t& stream) const {
     constexpr uint64_t mostSectors = uint64_t{INT64_MAX} >> SectorShift;
+    if (stream.id < 0 || stream.id >= StreamEnd)
+        return Damaged("the number of " + stream.fileName + " is out of range");
     if (stream.blockSectors == 0 || stream.blockSectors > LargestGrainSectors)
         return Damaged("the block size of " + stream.fileName + " is out of range");
     if (stream.diskSectors > mostSectors || stream.fileBytes > uint64_t{INT64_MAX} || stream.recordBytes > UINT32_MAX)
@@ -257,7 +259,8 @@ CZuError CBackupSetReader::BeginBlocks(const SetStream_t& stream) {
     ZU_RETURN_IF_ERROR(m_Impl->blocks.Prepare(m_Impl->database,
                                               "SELECT number, sectors, digest, encoding, data FROM block "
                                               "WHERE stream = ? ORDER BY number"));
-    m_Impl->blocks.Bind(1, stream.id);
+    m_Impl->blocks.Bind(1, stream.id << BlockNumberBits);
+    m_Impl->blocks.Bind(2, (stream.id + 1) << BlockNumberBits);
     return CZuError();
 }
 
@@ -274,7 +277,7 @@ CZuError CBackupSetReader::StepToBlock(std::optional<SetBlock_t>& block) {
     if (!hasRow)
         return EndBlocks();
     SetBlock_t next;
-    next.number = static_cast<uint64_t>(m_Impl->blocks.Number(0));
+    next.number = static_cast<uint64_t>(m_Impl->blocks.Number(0)) % BlockNumberEnd;
     const int64_t sectors = m_Impl->blocks.Number(1);
     if (sectors <= 0 || sectors > m_Impl->stream.blockSectors || !ReadEncoded(m_Impl->blocks, 2, next.encoded))
         return Damaged(CZuString::Format("block {1} of {2}", next.number, m_Impl->stream.fileName).c_str());

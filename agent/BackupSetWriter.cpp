@@ -82,10 +82,12 @@ CZuError CBackupSetWriter::BeginStream(const SetStream_t& stream, const CAutoMem
 }
 
 CZuError CBackupSetWriter::AddBlock(const SetBlock_t& block) {
-    m_Impl->addBlock.Bind(1, m_Impl->stream.id);
-    m_Impl->addBlock.Bind(2, static_cast<int64_t>(block.number));
-    m_Impl->addBlock.Bind(3, block.sectors);
-    BindEncoded(m_Impl->addBlock, 4, block.encoded);
+    if (block.number >= BlockNumberEnd)
+        return Refusal(
+            CZuString::Format("{1}: block {2} is beyond what a set can number", m_Impl->staged.Target(), block.number));
+    m_Impl->addBlock.Bind(1, (m_Impl->stream.id << BlockNumberBits) | static_cast<int64_t>(block.number));
+    m_Impl->addBlock.Bind(2, block.sectors);
+    BindEncoded(m_Impl->addBlock, 3, block.encoded);
     ZU_RETURN_IF_ERROR(m_Impl->addBlock.Run());
     AddToDigest(*m_Impl->streamDigest, block);
     ++m_Impl->stream.blockCount;
@@ -148,7 +150,7 @@ CZuError CBackupSetWriter::Impl_t::CreateTables() {
 }
 
 CZuError CBackupSetWriter::Impl_t::PrepareStatements() {
-    ZU_RETURN_IF_ERROR(addBlock.Prepare(database, "INSERT INTO block VALUES (?, ?, ?, ?, ?, ?)"));
+    ZU_RETURN_IF_ERROR(addBlock.Prepare(database, "INSERT INTO block VALUES (?, ?, ?, ?, ?)"));
     ZU_RETURN_IF_ERROR(addRecordPiece.Prepare(database, "INSERT INTO record VALUES (?, ?, ?, ?, ?, ?)"));
     ZU_RETURN_IF_ERROR(addStream.Prepare(database, "INSERT INTO stream VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"));
     ZU_RETURN_IF_ERROR(addFile.Prepare(database, "INSERT INTO file VALUES (?, ?)"));
