@@ -257,8 +257,8 @@ CZuError CBackupSetReader::BeginBlocks(const SetStream_t& stream) {
     m_Impl->storedBytes = 0;
     m_Impl->digest = std::make_unique<CRunningDigest>();
     ZU_RETURN_IF_ERROR(m_Impl->blocks.Prepare(m_Impl->database,
-                                              "SELECT number, sectors, digest, encoding, data FROM block "
-                                              "WHERE stream = ? ORDER BY number"));
+                                              "SELECT id, sectors, digest, encoding, data FROM block "
+                                              "WHERE id >= ? AND id < ? ORDER BY id"));
     m_Impl->blocks.Bind(1, stream.id << BlockNumberBits);
     m_Impl->blocks.Bind(2, (stream.id + 1) << BlockNumberBits);
     return CZuError();
