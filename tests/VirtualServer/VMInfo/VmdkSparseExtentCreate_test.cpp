@@ -9,6 +9,7 @@
 #include "tests/support/CharBuffer.h"
 #include "tests/support/ErrorAssertions.h"
 #include "tests/support/FailureWalk.h"
+#include "tests/support/FaultyFiles.h"
 #include "tests/support/ImageFile.h"
 #include "tests/support/MetadataRecordText.h"
 #include "tests/support/SameBytes.h"
@@ -282,6 +283,27 @@ TEST_F(VmdkSparseExtentCreate, ARecordThatEndsInsideAPartIsCorrupted) {
         SCOPED_TRACE(kept);
         EXPECT_REFUSED(Create(RecordOf(body.substr(0, kept))), MetadataIsCorrupted);
         EXPECT_REFUSED(Create(RecordOf(body)), "Object already have an open file.");
+        EXPECT_OK(m_Reader.CloseExtent());
+    }
+}
+
+// The directory is read and promises two tables in each copy, of which one came.
+TEST_F(VmdkSparseExtentCreate, AFailedCreateLeavesAnObjectThatAnswersFromWhatItHas) {
+    const CVmdkSparseBuilder file = CVmdkSparseBuilder().Capacity(2 * 4096).GapBetweenTables(1).Grain(600, 'x');
+    const std::string body = BodyOf(file);
+    for (const size_t tablesThatCame : {0U, 1U, 2U, 3U}) {
+        SCOPED_TRACE(tablesThatCame);
+        EXPECT_REFUSED(Create(RecordOf(body.substr(0, 512 + 16 + tablesThatCame * 2048))), MetadataIsCorrupted);
+        char sector[512];
+        for (const uint64_t index : {0U, 511U, 512U, 600U, 1023U}) {
+            EXPECT_FAILURE(WriteGrain(index, std::string(4096, 'z'))) << index;
+            EXPECT_FAILURE(m_Reader.ReadExtentSector(index * 8, sector, 512)) << index;
+        }
+        CZuFile out;
+        ASSERT_OK(out.Open(m_Dir.File("dump").c_str(), OpenCreating | OpenTruncating | OpenForWriting, 384));
+        m_Reader.DumpSparseInfo(out, "x").IsErrorSet();
+        CAutoMemory<char> metadata;
+        m_Reader.GetMetadataInfo(metadata).IsErrorSet();
         EXPECT_OK(m_Reader.CloseExtent());
     }
 }

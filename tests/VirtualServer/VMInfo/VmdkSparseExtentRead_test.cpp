@@ -173,6 +173,33 @@ TEST_F(VmdkSparseExtentRead, ASectorReadIsOneReadOfTheFileAndNoneOfTheTables) {
     EXPECT_EQ(static_cast<int64_t>(file.GrainSector(2) * 512), counting.Seeks()[1].offset);
 }
 
+TEST_F(VmdkSparseExtentRead, TheNextHeldGrainIsTheFirstThatIsAllocated) {
+    EXPECT_EQ(7U, m_Reader.NextHeldGrain(7)) << "a closed extent has none";
+    const CVmdkSparseBuilder file = CVmdkSparseBuilder()
+                                        .Capacity(6 * 4096 - 100)
+                                        .NoTable(1)
+                                        .NoTable(2)
+                                        .Grain(3, 'x')
+                                        .Grain(511, 'y')
+                                        .Grain(1536, 'z')
+                                        .Grain(2100, 'r', TableCopy_t::Redundant)
+                                        .Grain(3071, 'l');
+    Open(file);
+    const struct {
+        uint64_t from;
+        uint64_t held;
+    } rows[] = {{0, 3},       {3, 3},       {4, 511},     {511, 511},   {512, 1536},  {1023, 1536},
+                {1500, 1536}, {1536, 1536}, {1537, 3071}, {3071, 3071}, {3072, 3072}, {~uint64_t{0}, ~uint64_t{0}}};
+    for (const auto& row : rows)
+        EXPECT_EQ(row.held, m_Reader.NextHeldGrain(row.from)) << row.from;
+    ASSERT_OK(m_Reader.CloseExtent());
+    Open(CVmdkSparseBuilder(file).RedundantIsActive());
+    EXPECT_EQ(2100U, m_Reader.NextHeldGrain(1537));
+    ASSERT_OK(m_Reader.CloseExtent());
+    Open(CVmdkSparseBuilder().Capacity(2 * 4096));
+    EXPECT_EQ(1024U, m_Reader.NextHeldGrain(5)) << "behind the last grain";
+}
+
 TEST_F(VmdkSparseExtentRead, EveryFailureOfAReadReachesTheCallerAndLeavesTheObjectOpen) {
     Open(CVmdkSparseBuilder().Grain(2, 'x'));
     for (const FaultOp op : {FaultOp::Seek, FaultOp::Read}) {
