@@ -66,6 +66,17 @@ TEST(AutoMemory, AllocTakesABlockOfExactlyTheCount) {
     EXPECT_EQ(data[6], 7U);
 }
 
+TEST(AutoMemory, EveryBlockBeginsWhereTransfersAreFast) {
+    CAutoMemory<char> memory;
+    for (const uint32_t count : {1U, 63U, 4097U, 1U << 20U}) {
+        memory.Free();
+        const char* const taken = memory.Alloc(count);
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(taken) % 64, 0U) << count;
+        const char* const grown = memory.ReAlloc(count + 1);
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(grown) % 64, 0U) << count;
+    }
+}
+
 TEST(AutoMemory, AllocOfNothingWithoutABlockTakesNone) {
     CAutoMemory<char> memory;
     EXPECT_EQ(memory.Alloc(0), nullptr);

@@ -143,13 +143,6 @@ TEST_F(TableReader, OffsetsThatNoFileHasFailInTheSeek) {
     }
 }
 
-TEST_F(TableReader, AnOffsetThatWouldWrapInALaterPieceFailsInTheSeek) {
-    ReaderOf(std::string(1000, 'x'));
-    CTableReader reader(m_File);
-    CAutoMemory<char> table;
-    EXPECT_SYSTEM_ERROR(reader.Read(~uint64_t{0} - 10, Mebibyte + 1, table), EINVAL);
-}
-
 TEST_F(TableReader, EveryFailureOfTheMachineReachesTheCaller) {
     CTableReader& reader = ReaderOf(std::string(3 * Mebibyte, 'x'));
     unsigned int failAt = 0;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <limits>
@@ -21,10 +22,20 @@ struct Meter_t {
 };
 Meter_t g_meter;
 
-void* TakeNothrow(size_t sizeBytes) noexcept {
+constexpr std::align_val_t OrdinaryAlignment{alignof(std::max_align_t)};
+
+// Null when out of memory.
+void* FromTheMachine(size_t sizeBytes, std::align_val_t alignment) noexcept {
+    if (alignment <= OrdinaryAlignment)
+        return std::malloc(sizeBytes);
+    void* block = nullptr;
+    return posix_memalign(&block, static_cast<size_t>(alignment), sizeBytes) == 0 ? block : nullptr;
+}
+
+void* TakeNothrow(size_t sizeBytes, std::align_val_t alignment = OrdinaryAlignment) noexcept {
     if (sizeBytes > g_meter.refusedAbove)
         return nullptr;
-    void* const block = std::malloc(sizeBytes != 0 ? sizeBytes : 1);
+    void* const block = FromTheMachine(std::max<size_t>(sizeBytes, 1), alignment);
     if (block != nullptr && g_meter.isOn) {
         ++g_meter.allocations;
         g_meter.inUse += static_cast<int64_t>(malloc_usable_size(block));
@@ -33,8 +44,8 @@ void* TakeNothrow(size_t sizeBytes) noexcept {
     return block;
 }
 
-void* Take(size_t sizeBytes) {
-    void* const block = TakeNothrow(sizeBytes);
+void* Take(size_t sizeBytes, std::align_val_t alignment = OrdinaryAlignment) {
+    void* const block = TakeNothrow(sizeBytes, alignment);
     if (block == nullptr)
         throw std::bad_alloc();
     return block;
@@ -77,6 +88,37 @@ void operator delete(void* block, const std::nothrow_t& /*tag*/) noexcept {
     GiveBack(block);
 }
 void operator delete[](void* block, const std::nothrow_t& /*tag*/) noexcept {
+    GiveBack(block);
+}
+
+void* operator new(size_t sizeBytes, std::align_val_t alignment) {
+    return Take(sizeBytes, alignment);
+}
+void* operator new[](size_t sizeBytes, std::align_val_t alignment) {
+    return Take(sizeBytes, alignment);
+}
+void* operator new(size_t sizeBytes, std::align_val_t alignment, const std::nothrow_t& /*tag*/) noexcept {
+    return TakeNothrow(sizeBytes, alignment);
+}
+void* operator new[](size_t sizeBytes, std::align_val_t alignment, const std::nothrow_t& /*tag*/) noexcept {
+    return TakeNothrow(sizeBytes, alignment);
+}
+void operator delete(void* block, std::align_val_t /*alignment*/) noexcept {
+    GiveBack(block);
+}
+void operator delete[](void* block, std::align_val_t /*alignment*/) noexcept {
+    GiveBack(block);
+}
+void operator delete(void* block, size_t /*sizeBytes*/, std::align_val_t /*alignment*/) noexcept {
+    GiveBack(block);
+}
+void operator delete[](void* block, size_t /*sizeBytes*/, std::align_val_t /*alignment*/) noexcept {
+    GiveBack(block);
+}
+void operator delete(void* block, std::align_val_t /*alignment*/, const std::nothrow_t& /*tag*/) noexcept {
+    GiveBack(block);
+}
+void operator delete[](void* block, std::align_val_t /*alignment*/, const std::nothrow_t& /*tag*/) noexcept {
     GiveBack(block);
 }
 
