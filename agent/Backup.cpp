@@ -1,6 +1,5 @@
 #include "agent/Backup.h"
 
-#include <ctime>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -10,16 +9,9 @@
 #include "agent/Version.h"
 #include "agent/detail/BlockBatch.h"
 #include "foundation/detail/ErrorHandling.h"
+#include "foundation/detail/UtcTime.h"
 
 namespace {
-
-std::string NowUtc() {
-    char text[32] = {};
-    const std::time_t now = std::time(nullptr);
-    if (const std::tm* const utc = std::gmtime(&now); utc != nullptr)
-        std::strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%SZ", utc);
-    return text;
-}
 
 SetInfo_t InfoOf(const CDiskImage& image) {
     SetInfo_t info;
@@ -29,7 +21,7 @@ SetInfo_t InfoOf(const CDiskImage& image) {
     info.diskSectors = image.TotalSectors();
     info.hasParent = image.HasParent();
     info.parentName = image.ParentName();
-    info.createdUtc = NowUtc();
+    info.createdUtc = UtcTimeText();
     info.writer = std::string("diskstream ") + DiskstreamVersion();
     return info;
 }

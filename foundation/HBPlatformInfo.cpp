@@ -1,8 +1,8 @@
 #include "foundation/HBPlatformInfo.h"
 
-#include <cerrno>
-#include <cstdlib>
+#include <charconv>
 #include <fstream>
+#include <system_error>
 
 #include "foundation/ZuString.h"
 #include "platform/Environment.h"
@@ -67,13 +67,14 @@ bool FindDefault(const std::string& section, const std::string& key, std::string
 
 int HBPlatformInfo::getNumber(const char* section, const char* key, unsigned long* value) {
     std::string text;
-    if (!FindSetting(section, key, text) || text.empty() || text[0] == '-')
+    if (!FindSetting(section, key, text))
         return 0;
     const bool isHexadecimal = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
-    char* end = nullptr;
-    errno = 0;
-    const unsigned long number = std::strtoul(text.c_str(), &end, isHexadecimal ? 16 : 10);
-    if (errno != 0 || *end != '\0')
+    const char* const begin = text.data() + (isHexadecimal ? 2 : 0);
+    const char* const end = text.data() + text.size();
+    unsigned long number = 0;
+    const std::from_chars_result result = std::from_chars(begin, end, number, isHexadecimal ? 16 : 10);
+    if (result.ec != std::errc() || result.ptr != end)
         return 0;
     *value = number;
     return 1;

@@ -2,9 +2,9 @@
 
 #include <cstdarg>
 #include <cstdio>
-#include <ctime>
 #include <string>
 
+#include "foundation/detail/UtcTime.h"
 #include "platform/Environment.h"
 
 // The open log: null stream while the log is off.
@@ -22,6 +22,7 @@ public:
     ~LgDebugFileInstance() {
         if (m_Stream != nullptr && !m_IsErrorOutput)
             std::fclose(m_Stream);
+        m_Stream = nullptr;  // an object that lives longer may still log
     }
 
     bool IsOn() const { return m_Stream != nullptr; }
@@ -72,17 +73,9 @@ std::string WithControlsEscaped(const std::string& text) {
     return escaped;
 }
 
-std::string TimeText() {
-    char text[32] = {};
-    const std::time_t now = std::time(nullptr);
-    if (const std::tm* const utc = std::gmtime(&now); utc != nullptr)
-        std::strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%SZ", utc);
-    return text;
-}
-
 void WriteLine(LgDebugFileInstance& log, const char* level, const char* function, const char* format,
                va_list arguments) {
-    std::string line = TimeText() + " " + level + " ";
+    std::string line = UtcTimeText() + " " + level + " ";
     if (function != nullptr)
         line += std::string(function) + " ";
     log.WriteLine(line + WithControlsEscaped(Formatted(format, arguments)) + "\n");

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <limits>
 
 #include "foundation/HBPlatformInfo.h"
 #include "foundation/LgDebug.h"
@@ -28,6 +29,7 @@ struct Transfer_t {
             unsigned long setting = DefaultTransferSize;
             if (HBPlatformInfo::getNumber("VirtualServer", settingsKey, &setting) == 0)
                 setting = DefaultTransferSize;
+            setting = std::min<unsigned long>(setting, std::numeric_limits<unsigned int>::max());
             limit.store(static_cast<unsigned int>(setting), std::memory_order_relaxed);
             LgDebug().Debug(function, "Using max %s size of %d bytes", verb, static_cast<int>(setting));
         }
@@ -206,7 +208,8 @@ std::string SplitFileName(const std::string& path, std::string* directory) {
     const size_t separator = path.rfind('\\');
     if (separator == std::string::npos)
         return path;
+    std::string name = path.substr(separator + 1);  // first, since `directory` may be `path`
     if (directory != nullptr)
         *directory = path.substr(0, separator);
-    return path.substr(separator + 1);
+    return name;
 }

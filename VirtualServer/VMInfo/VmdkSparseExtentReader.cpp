@@ -357,8 +357,9 @@ uint32_t CVmdkSparseExtentReader::HeaderBytes() const {
 CZuError CVmdkSparseExtentReader::WriteBitmaps(CZuFile& out) const {
     CAutoMemory<char> bitmap;
     const Tables_t& tables = ActiveGTs();
-    ZU_RETURN_IF_ERROR(WriteBitmap(out, m_NumGDEntries, bitmap,
-                                   [&](uint64_t index) { return tables[static_cast<size_t>(index)].sector != 0; }));
+    ZU_RETURN_IF_ERROR(WriteBitmap(out, m_NumGDEntries, bitmap, [&](uint64_t index) {
+        return index < tables.size() && tables[static_cast<size_t>(index)].sector != 0;
+    }));
     for (const GrainTableRef_t& table : tables) {
         if (table.sector != 0)
             ZU_RETURN_IF_ERROR(WriteBitmap(out, m_NumGTEsPerGT, bitmap, [&](uint64_t index) {

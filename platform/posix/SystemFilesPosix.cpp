@@ -36,13 +36,22 @@ int SystemOpenFlags(int flags) {
 }
 
 // A FIFO would keep the caller waiting and a terminal or /dev/zero would never end.
-int RefuseUnlessDisk(int fd) {
-    struct stat status {};
-    if (fstat(fd, &status) != 0)
-        return errno;
+int RefuseUnlessDisk(const struct stat& status) {
     if (S_ISREG(status.st_mode) || S_ISBLK(status.st_mode))
         return 0;
     return S_ISDIR(status.st_mode) ? EISDIR : ENOTBLK;
+}
+
+// Opening alone makes some devices act, so a name is looked at before. It may be another's by the
+// time it is open, so the open file is looked at as well.
+int RefuseNameUnlessDisk(const char* path) {
+    struct stat status {};
+    return stat(path, &status) == 0 ? RefuseUnlessDisk(status) : 0;  // what isn't there may be made
+}
+
+int RefuseFileUnlessDisk(int fd) {
+    struct stat status {};
+    return fstat(fd, &status) == 0 ? RefuseUnlessDisk(status) : errno;
 }
 
 int StopNotWaiting(int fd) {
@@ -62,13 +71,16 @@ class CPosixFiles final : public IFiles {
 public:
     int Open(const char* name, int flags, int mode, int& fd) override {
         const std::string path = WithSlashes(name);
+        int error = RefuseNameUnlessDisk(path.c_str());
+        if (error != 0)
+            return error;
         // Without O_NONBLOCK the open of a FIFO waits for its other end.
         const int opened = RetryInterrupted(
             [&] { return open(path.c_str(), SystemOpenFlags(flags) | O_NONBLOCK, static_cast<mode_t>(mode)); });
         if (opened < 0)
             return errno;
 
-        int error = RefuseUnlessDisk(opened);
+        error = RefuseFileUnlessDisk(opened);
         if (error == 0)
             error = StopNotWaiting(opened);
         if (error != 0) {

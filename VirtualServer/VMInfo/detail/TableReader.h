@@ -7,6 +7,7 @@
 #include "foundation/AutoMemory.h"
 #include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
+#include "foundation/detail/ScopeGuard.h"
 
 constexpr char OutOfMemory[] = "Out of memory";
 
@@ -33,6 +34,7 @@ public:
     template <typename Element> CZuError Read(uint64_t offset, uint64_t count, CAutoMemory<Element>& table) {
         constexpr uint64_t pieceCount = PieceBytes / sizeof(Element);
         table.Free();
+        ScopeGuard forgetUnlessWhole([&table] { table.Free(); });
         for (uint64_t done = 0; done < count;) {
             const uint64_t piece = std::min(count - done, pieceCount);
             ZU_RETURN_IF_ERROR(Charge(piece * sizeof(Element)));
@@ -46,6 +48,7 @@ public:
             done += piece;
         }
         table.ReAlloc(static_cast<uint32_t>(count));  // the room that growing left over
+        forgetUnlessWhole.Dismiss();
         return CZuError();
     }
 
