@@ -421,6 +421,12 @@ TEST(ComputeCHS, CountsABegunCylinder) {
     }
 }
 
+TEST(SplitFileName, ThePathItselfMayTakeTheDirectory) {
+    std::string path = "folder\\file.txt";
+    EXPECT_EQ(SplitFileName(path, &path), "file.txt");
+    EXPECT_EQ(path, "folder");
+}
+
 TEST(SplitFileName, CutsAtTheLastBackslash) {
     const struct {
         const char* path;

@@ -67,6 +67,8 @@ TEST_F(HBPlatformInfoOnPosix, ANumberComesFromTheEnvironmentOrTheFile) {
         {"4294967295", 4294967295UL},
         {"", Untouched},
         {"-1", Untouched},
+        {"+5", Untouched},
+        {"0x-1", Untouched},
         {"one", Untouched},
         {"1x", Untouched},
         {"1 2", Untouched},
@@ -82,6 +84,13 @@ TEST_F(HBPlatformInfoOnPosix, ANumberComesFromTheEnvironmentOrTheFile) {
         WriteSettings("");
         const CScopedEnvironment set(InEnvironment, row.text);
         EXPECT_EQ(Number(), row.number) << "from the environment";
+    }
+}
+
+TEST_F(HBPlatformInfoOnPosix, BlanksInTheEnvironmentMakeATextThatIsNoNumber) {
+    for (const char* text : {" 5", "5 ", " -1", "\t-1"}) {
+        const CScopedEnvironment set(InEnvironment, text);
+        EXPECT_EQ(Number(), Untouched) << "[" << text << "]";
     }
 }
 
