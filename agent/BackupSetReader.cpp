@@ -19,15 +19,20 @@ namespace {
 constexpr size_t MostFiles = 64;
 constexpr size_t LargestFileBytes = 1U << 20U;  // a descriptor has 20 KiB at most
 
-// SQLite would make an empty database of a file that isn't there, and call text "not a database".
+// SQLite would make an empty database of a file that isn't there, and call text "not a database". A
+// set has the rollback form alone, a 1 behind the page size, twice; of the other form SQLite would
+// make files beside it for nothing but reading.
 CZuError RefuseUnlessDatabase(const std::string& path) {
     static constexpr char beginning[] = "SQLite format 3";
+    constexpr size_t writeForm = 18;
+    constexpr size_t readForm = 19;
     CZuFile file;
     ZU_RETURN_IF_ERROR(ErrorAt(path, file.Open(path.c_str(), OpenAsBinary | OpenNotInherited, 0)));
-    char bytes[sizeof(beginning)] = {};
+    char bytes[readForm + 1] = {};
     unsigned int got = 0;
     Dropped(file.Read(bytes, sizeof(bytes), &got));  // a file too short to read is no set either
-    if (got != sizeof(bytes) || std::memcmp(bytes, beginning, sizeof(beginning)) != 0)
+    if (got != sizeof(bytes) || std::memcmp(bytes, beginning, sizeof(beginning)) != 0 || bytes[writeForm] != 1 ||
+        bytes[readForm] != 1)
         return Refusal(path + ": is no backup set");
     return CZuError();
 }
@@ -256,9 +261,8 @@ CZuError CBackupSetReader::BeginBlocks(const SetStream_t& stream) {
     m_Impl->blockCount = 0;
     m_Impl->storedBytes = 0;
     m_Impl->digest = std::make_unique<CRunningDigest>();
-    ZU_RETURN_IF_ERROR(m_Impl->blocks.Prepare(m_Impl->database,
-                                              "SELECT id, sectors, digest, encoding, data FROM block "
-                                              "WHERE id >= ? AND id < ? ORDER BY id"));
+    ZU_RETURN_IF_ERROR(m_Impl->blocks.Prepare(m_Impl->database, "SELECT id, sectors, digest, encoding, data FROM block "
+                                                                "WHERE id >= ? AND id < ? ORDER BY id"));
     m_Impl->blocks.Bind(1, stream.id << BlockNumberBits);
     m_Impl->blocks.Bind(2, (stream.id + 1) << BlockNumberBits);
     return CZuError();

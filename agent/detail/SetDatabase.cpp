@@ -2,12 +2,25 @@
 
 #include <sqlite3.h>
 
+#include "agent/ErrorText.h"
+#include "foundation/ZuFile.h"
 #include "foundation/detail/ErrorHandling.h"
 #include "platform/SystemError.h"
 
 namespace {
+
 constexpr int LargestValueBytes = 64 << 20;  // a block of the largest size and its row
+
+// Where a file can't be made, SQLite tries to read it and then says that it isn't there.
+CZuError MakeEmptyFile(const std::string& path) {
+    constexpr int ownerWritesAllRead = 420;
+    CZuFile file;
+    ZU_RETURN_IF_ERROR(
+        file.Open(path.c_str(), OpenAsBinary | OpenNotInherited | OpenCreating | OpenForBoth, ownerWritesAllRead));
+    return file.Close();
 }
+
+}  // namespace
 
 CSetDatabase::CSetDatabase() = default;
 
@@ -17,7 +30,8 @@ CSetDatabase::~CSetDatabase() {
 
 CZuError CSetDatabase::Create(const std::string& path, const std::string& shownName) {
     m_ShownName = shownName;
-    ZU_RETURN_IF_ERROR(Open(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE));
+    ZU_RETURN_IF_ERROR(ErrorAt(shownName, MakeEmptyFile(path)));
+    ZU_RETURN_IF_ERROR(Open(path, SQLITE_OPEN_READWRITE));
     return CZuError();
 }
 

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <filesystem>
+#include <system_error>
 #include <utility>
 
 #include "agent/ErrorText.h"
@@ -33,8 +34,10 @@ std::string TemporaryNameFor(const std::string& target) {
 }
 
 CZuError RefuseExisting(const std::string& target, bool replacing) {
-    std::error_code ignored;  // what can't be looked at shows itself when the file is made
-    const std::filesystem::file_status status = std::filesystem::symlink_status(target, ignored);
+    std::error_code failed;  // what can't be looked at shows itself when the file is made, but for its name
+    const std::filesystem::file_status status = std::filesystem::symlink_status(target, failed);
+    if (failed == std::errc::filename_too_long)
+        return Refusal(target + ": " + failed.message());
     if (!std::filesystem::exists(status))
         return CZuError();
     if (!std::filesystem::is_regular_file(status))
