@@ -105,6 +105,11 @@ TEST_F(StagedFile, TakesTheLongestNameThatAFileMayHave) {
     EXPECT_EQ(Names_t{name}, m_Dir.Entries());
 }
 
+TEST_F(StagedFile, RefusesALongerNameBeforeAnythingIsWritten) {
+    CStagedFile file;
+    EXPECT_FAILS_SAYING(file.Begin(m_Dir.File(std::string(256, 'n')), false), "nnn: File name too long");
+}
+
 TEST_F(StagedFile, TwoForOneTargetHaveNamesOfTheirOwn) {
     CStagedFile first;
     CStagedFile second;
