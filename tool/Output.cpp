@@ -1,9 +1,20 @@
 #include "tool/Output.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 #include "agent/ErrorText.h"
+
+namespace {
+
+// U+0080 to U+009F are control characters too; in UTF-8 they are 0xC2 and a byte of that range.
+bool IsControl(unsigned char before, unsigned char byte) {
+    return byte < 0x20 || byte == 0x7F || (before == 0xC2 && byte >= 0x80 && byte < 0xA0);
+}
+
+}  // namespace
 
 std::string SizeText(uint64_t bytes) {
     static constexpr const char* units[] = {"B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
@@ -16,6 +27,20 @@ std::string SizeText(uint64_t bytes) {
     return text;
 }
 
+std::string Printable(const std::string& text) {
+    std::string printable;
+    unsigned char before = 0;
+    for (const char each : text) {
+        const auto byte = static_cast<unsigned char>(each);
+        char escape[8] = {each};
+        if (IsControl(before, byte))
+            std::snprintf(escape, sizeof(escape), "\\x%02X", byte);
+        printable += escape;
+        before = byte;
+    }
+    return printable;
+}
+
 void PrintJson(const Json_t& object) {
     std::puts(object.dump(2, ' ', false, Json_t::error_handler_t::replace).c_str());
 }
@@ -25,18 +50,29 @@ void PrintFacts(const std::vector<std::pair<std::string, std::string>>& facts) {
     for (const auto& [name, value] : facts)
         width = std::max(width, name.size());
     for (const auto& [name, value] : facts)
-        std::printf("%-*s  %s\n", static_cast<int>(width), name.c_str(), value.c_str());
+        std::printf("%-*s  %s\n", static_cast<int>(width), name.c_str(), Printable(value).c_str());
+}
+
+void PrintComplaint(const std::string& text) {
+    std::fprintf(stderr, "diskstream: %s\n", Printable(text).c_str());
 }
 
 int Fail(const OutputOptions_t& output, const CZuError& error) {
     const std::string text = DescribeError(error);
     if (output.json)
         PrintJson({{"error", text}});
-    std::fprintf(stderr, "diskstream: %s\n", text.c_str());
+    PrintComplaint(text);
     return ExitFailure;
 }
 
 void PrintWarnings(const std::vector<std::string>& warnings) {
     for (const std::string& warning : warnings)
-        std::fprintf(stderr, "diskstream: warning: %s\n", warning.c_str());
+        PrintComplaint("warning: " + warning);
+}
+
+int AfterOutput(int exitCode) {
+    if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0)
+        return exitCode;
+    PrintComplaint(std::string("the standard output: ") + std::strerror(errno));
+    return ExitFailure;
 }

@@ -24,14 +24,25 @@ using Json_t = nlohmann::ordered_json;
 // "1.5 GiB", and "512 B" for small ones.
 std::string SizeText(uint64_t bytes);
 
+// The text with its control characters spelled out ("\x1B"). Names come from disks and sets that
+// somebody else wrote, and a terminal obeys what it is shown.
+std::string Printable(const std::string& text);
+
 // Prints one object and ends the line. Bytes that aren't UTF-8 are replaced.
 void PrintJson(const Json_t& object);
 
 // Prints a column of "name: value" lines with the values below each other.
 void PrintFacts(const std::vector<std::pair<std::string, std::string>>& facts);
 
+// One line to the error output, behind the program's name.
+void PrintComplaint(const std::string& text);
+
 // Tells of a failure and gives the exit code for it.
 int Fail(const OutputOptions_t& output, const CZuError& error);
+
+// The exit code when all output is out: `exitCode`, or that of a failure where a result didn't get
+// where it was sent.
+int AfterOutput(int exitCode);
 
 // Warnings go to the error output, also when the output is quiet: they are about the result.
 void PrintWarnings(const std::vector<std::string>& warnings);
