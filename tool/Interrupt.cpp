@@ -4,18 +4,27 @@
 
 namespace {
 
+constexpr int Interrupts[] = {SIGINT, SIGTERM, SIGHUP};
+
 volatile std::sig_atomic_t g_wasInterrupted = 0;
 
-extern "C" void NoteInterrupt(int number) {
+// Who started the command may have it ignore some of them, as nohup does.
+void SetUnlessIgnored(int number, void (*handler)(int)) {
+    if (std::signal(number, handler) == SIG_IGN)
+        std::signal(number, SIG_IGN);
+}
+
+extern "C" void NoteInterrupt(int /*number*/) {
     g_wasInterrupted = 1;
-    std::signal(number, SIG_DFL);
+    for (const int number : Interrupts)
+        SetUnlessIgnored(number, SIG_DFL);
 }
 
 }  // namespace
 
 void CatchInterrupts() {
-    std::signal(SIGINT, NoteInterrupt);
-    std::signal(SIGTERM, NoteInterrupt);
+    for (const int number : Interrupts)
+        SetUnlessIgnored(number, NoteInterrupt);
 }
 
 bool WasInterrupted() {

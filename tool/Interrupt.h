@@ -1,6 +1,6 @@
 #pragma once
 
-// Ctrl-C and a polite kill let a long operation end by itself and clean up behind it. A second one
-// ends the command at once.
+// Ctrl-C, a polite kill and a closed terminal let a long operation end by itself and clean up
+// behind it. A second one, whichever it is, ends the command at once.
 void CatchInterrupts();
 bool WasInterrupted();

@@ -45,7 +45,9 @@ std::string LineText(const std::string& verb, const Progress_t& progress, double
 
 CProgressLine::CProgressLine(std::string verb, const OutputOptions_t& output)
     : m_Verb(std::move(verb)), m_IsShown(!output.quiet && !output.json && isatty(STDERR_FILENO) != 0),
-      m_Start(Clock_t::now()), m_LastShown(m_Start) {}
+      m_Start(Clock_t::now()), m_LastShown(m_Start) {
+    CatchInterrupts();
+}
 
 CProgressLine::~CProgressLine() {
     Erase();

@@ -8,7 +8,7 @@
 
 // One line on the terminal that tells how far a long operation is, its rate and the time that
 // remains. Silent when the error output is no terminal, or when the output is quiet or JSON.
-// It also asks whether the user has interrupted the command.
+// It also has interrupts end the operation, which nothing else in the command needs.
 class CProgressLine {
 public:
     CProgressLine(std::string verb, const OutputOptions_t& output);
