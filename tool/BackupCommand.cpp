@@ -92,10 +92,11 @@ int Run(const Arguments_t& arguments) {
 void AddBackupCommand(CLI::App& program, int& exitCode) {
     CLI::App* const command = program.add_subcommand("backup", "Back a disk image up into a new backup set");
     const auto arguments = std::make_shared<Arguments_t>();
-    command->add_option("IMAGE", arguments->image, "Disk image, or its descriptor")->required();
-    command->add_option("SET", arguments->set, "Backup set to write")->required();
-    command->add_option("--compression", arguments->compression, "none, zstd or zstd:LEVEL; zstd is level 1")
-        ->check(CLI::Validator(CheckCompression, "none|zstd[:LEVEL]"));
+    AddNameArgument(*command, "IMAGE", arguments->image, "Disk image, or its descriptor")->required();
+    AddNameArgument(*command, "SET", arguments->set, "Backup set to write")->required();
+    command->add_option("--compression", arguments->compression, "How blocks are kept; zstd, the default, is level 1")
+        ->type_name("none|zstd[:LEVEL]")
+        ->check(CLI::Validator(CheckCompression, ""));
     command->add_flag("-f,--force", arguments->force, "Replace a set that exists");
     AddImageArguments(*command, arguments->imageArguments);
     AddOutputArguments(*command, arguments->output);

@@ -22,5 +22,9 @@ struct ImageArguments_t {
     ImageOptions_t Options() const;
 };
 
+// An argument that names a file: its place in the command line, or an option before the name.
+CLI::Option* AddNameArgument(CLI::App& command, const std::string& argument, std::string& name,
+                             const std::string& description);
+
 void AddImageArguments(CLI::App& command, ImageArguments_t& arguments);
 void AddOutputArguments(CLI::App& command, OutputOptions_t& output);

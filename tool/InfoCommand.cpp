@@ -24,8 +24,9 @@ Json_t JsonOf(const ExtentInfo_t& info) {
     return extent;
 }
 
-Json_t JsonOf(const ImageInfo_t& info) {
-    Json_t object{{"type", DiskTypeName(info.diskType)}, {"disk_bytes", info.diskSectors * 512}};
+Json_t JsonOf(const Arguments_t& arguments, const ImageInfo_t& info) {
+    Json_t object{
+        {"image", arguments.image}, {"type", DiskTypeName(info.diskType)}, {"disk_bytes", info.diskSectors * 512}};
     if (info.hasParent)
         object["parent"] = info.parentName;
     object["extents"] = Json_t::array();
@@ -67,7 +68,7 @@ int Run(const Arguments_t& arguments) {
     if (error.IsErrorSet())
         return Fail(arguments.output, error);
     if (arguments.output.json)
-        PrintJson(JsonOf(info));
+        PrintJson(JsonOf(arguments, info));
     else
         PrintText(arguments, info);
     return ExitSuccess;
@@ -78,7 +79,7 @@ int Run(const Arguments_t& arguments) {
 void AddInfoCommand(CLI::App& program, int& exitCode) {
     CLI::App* const command = program.add_subcommand("info", "Tell what a disk image is");
     const auto arguments = std::make_shared<Arguments_t>();
-    command->add_option("IMAGE", arguments->image, "Disk image, or its descriptor")->required();
+    AddNameArgument(*command, "IMAGE", arguments->image, "Disk image, or its descriptor")->required();
     AddImageArguments(*command, arguments->imageArguments);
     command->add_flag("--json", arguments->output.json, "Print one JSON object");
     command->footer("Example:\n  diskstream info disk.vmdk");

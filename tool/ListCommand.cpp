@@ -70,7 +70,7 @@ int Run(const Arguments_t& arguments) {
 void AddListCommand(CLI::App& program, int& exitCode) {
     CLI::App* const command = program.add_subcommand("list", "Tell what a backup set holds");
     const auto arguments = std::make_shared<Arguments_t>();
-    command->add_option("SET", arguments->set, "Backup set")->required();
+    AddNameArgument(*command, "SET", arguments->set, "Backup set")->required();
     command->add_flag("--json", arguments->output.json, "Print one JSON object");
     command->footer("Example:\n  diskstream list monday.dset");
     command->callback([arguments, &exitCode] { exitCode = Run(*arguments); });

@@ -14,9 +14,15 @@ struct Arguments_t {
     OutputOptions_t output;
 };
 
+// Empty when it is one, as CLI11 wants it.
+std::string CheckKind(const std::string& text) {
+    return text == "raw" ? "" : "must be raw; without --as, a disk is restored as what it was";
+}
+
 void PrintResult(const Arguments_t& arguments, const RestoreResult_t& result, double seconds) {
     if (arguments.output.json) {
-        PrintJson({{"files", result.files},
+        PrintJson({{"set", arguments.set},
+                   {"files", result.files},
                    {"disk_bytes", result.diskBytes},
                    {"blocks", result.blockCount},
                    {"written_bytes", result.writtenBytes},
@@ -59,13 +65,12 @@ int Run(const Arguments_t& arguments) {
 void AddRestoreCommand(CLI::App& program, int& exitCode) {
     CLI::App* const command = program.add_subcommand("restore", "Restore a disk from a backup set");
     const auto arguments = std::make_shared<Arguments_t>();
-    command->add_option("SET", arguments->set, "Backup set")->required();
-    command->add_option("TARGET", arguments->target, "Main file of the restored disk, or a directory for it")
+    AddNameArgument(*command, "SET", arguments->set, "Backup set")->required();
+    AddNameArgument(*command, "TARGET", arguments->target, "Main file of the restored disk, or a directory for it")
         ->required();
-    command
-        ->add_option("--as", arguments->asKind,
-                     "raw: one raw image with holes, instead of the files that were backed up")
-        ->check(CLI::IsMember({"raw"}));
+    command->add_option("--as", arguments->asKind, "One raw image with holes, instead of the files that were backed up")
+        ->type_name("raw")
+        ->check(CLI::Validator(CheckKind, ""));
     command->add_flag("-f,--force", arguments->options.force, "Replace files that exist");
     command->add_flag("--allow-outside", arguments->options.allowOutside,
                       "Let files go where the set's names lead, out of the target's directory");

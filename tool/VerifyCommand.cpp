@@ -14,25 +14,33 @@ struct Arguments_t {
     OutputOptions_t output;
 };
 
+std::string ResultText(const Arguments_t& arguments, const VerifyResult_t& result) {
+    std::string text =
+        arguments.set + ": sound, " + std::to_string(result.blockCount) + " blocks with " + SizeText(result.plainBytes);
+    if (!arguments.against.empty() && result.differenceCount == 0)
+        text += "; " + arguments.against + " holds the same";
+    return text;
+}
+
 void PrintResult(const Arguments_t& arguments, const VerifyResult_t& result, double seconds) {
     if (arguments.output.json) {
-        PrintJson({{"sound", true},
+        PrintJson({{"set", arguments.set},
+                   {"sound", true},
                    {"blocks", result.blockCount},
                    {"plain_bytes", result.plainBytes},
                    {"difference_count", result.differenceCount},
                    {"differences", result.differences},
                    {"seconds", seconds}});
     } else if (!arguments.output.quiet) {
-        std::printf("%s: sound, %llu blocks with %s\n", arguments.set.c_str(),
-                    static_cast<unsigned long long>(result.blockCount), SizeText(result.plainBytes).c_str());
+        std::puts(Printable(ResultText(arguments, result)).c_str());
     }
 }
 
 void PrintDifferences(const Arguments_t& arguments, const VerifyResult_t& result) {
-    std::fprintf(stderr, "diskstream: %s and the set %s differ in %llu places:\n", arguments.against.c_str(),
-                 arguments.set.c_str(), static_cast<unsigned long long>(result.differenceCount));
+    PrintComplaint(arguments.against + " and the set " + arguments.set + " differ in " +
+                   std::to_string(result.differenceCount) + (result.differenceCount == 1 ? " place:" : " places:"));
     for (const std::string& difference : result.differences)
-        std::fprintf(stderr, "  %s\n", difference.c_str());
+        std::fprintf(stderr, "  %s\n", Printable(difference).c_str());
     if (result.differenceCount > result.differences.size())
         std::fprintf(stderr, "  and %llu more\n",
                      static_cast<unsigned long long>(result.differenceCount - result.differences.size()));
@@ -66,8 +74,9 @@ int Run(const Arguments_t& arguments) {
 void AddVerifyCommand(CLI::App& program, int& exitCode) {
     CLI::App* const command = program.add_subcommand("verify", "Prove every byte of a backup set");
     const auto arguments = std::make_shared<Arguments_t>();
-    command->add_option("SET", arguments->set, "Backup set")->required();
-    command->add_option("--against", arguments->against, "Disk image that should hold the same");
+    AddNameArgument(*command, "SET", arguments->set, "Backup set")->required();
+    AddNameArgument(*command, "--against", arguments->against, "Disk image that should hold the same")
+        ->type_name("IMAGE");
     AddImageArguments(*command, arguments->imageArguments);
     AddOutputArguments(*command, arguments->output);
     command->footer("Examples:\n"
