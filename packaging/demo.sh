@@ -1,0 +1,81 @@
+#!/bin/bash
+# Shows the main job on a real disk image: into a backup set, proved, and back. Usage: demo.sh COMMAND
+# COMMAND is the built `diskstream`. Everything happens in a directory that is gone at the end.
+set -euo pipefail
+
+command=$(realpath -- "${1:?"Usage: demo.sh COMMAND"}")
+top=$(realpath -- "$(dirname -- "$0")/..")
+sample=${DISKSTREAM_SAMPLES_DIR:-$top/../shared/samples}/vmdk/vmware-sparse-ntfs.tar.xz
+directory=$(mktemp -d)
+trap 'rm -rf -- "$directory"' EXIT
+cd "$directory"
+
+say() {
+    printf '\n# %s\n' "$*"
+}
+
+run() {
+    printf '$ %s\n' "$*"
+    "$@"
+}
+
+diskstream() {
+    "$command" "$@"
+}
+
+# Text at the beginning, bytes that can't be compressed in the middle, and room that was never written.
+make_image() {
+    (yes "This line was on the disk." || true) | head -c 4M >disk.raw
+    head -c 4M /dev/urandom | dd of=disk.raw bs=1M seek=24 conv=notrunc status=none
+    truncate -s 64M disk.raw
+    qemu-img convert -f raw -O vmdk disk.raw disk.vmdk
+    rm disk.raw
+}
+
+flip_bit_in_the_middle() {
+    local at byte
+    at=$(($(stat -c %s "$1") / 2))
+    byte=$(od -An -tu1 -j "$at" -N 1 "$1")
+    # shellcheck disable=SC2059 # the format is the byte
+    printf "\\$(printf %o $((byte ^ 1)))" | dd of="$1" bs=1 seek="$at" conv=notrunc status=none
+}
+
+if [ -r "$sample" ] && command -v xz >/dev/null; then
+    tar -xJf "$sample" -O --wildcards '*.vmdk' >disk.vmdk
+    say "disk.vmdk was made by a hypervisor and holds a Windows volume. What is it?"
+else
+    make_image
+    say "disk.vmdk was made by qemu-img: some text, some random bytes, the rest empty. What is it?"
+fi
+run diskstream info disk.vmdk
+
+say "Back it up: one file, compressed, with a digest of every block."
+run diskstream backup disk.vmdk monday.dset
+run diskstream list monday.dset
+
+say "Prove the set, and that the disk still holds the same."
+run diskstream verify monday.dset --against disk.vmdk
+
+say "In a copy of the set, flip one bit. The damage is found, and nothing damaged is restored."
+cp monday.dset damaged.dset
+flip_bit_in_the_middle damaged.dset
+if run diskstream verify damaged.dset 2>&1; then
+    echo "demo.sh: the damage was not found" >&2
+    exit 1
+fi
+if run diskstream restore damaged.dset damaged.vmdk 2>&1 || [ -e damaged.vmdk ]; then
+    echo "demo.sh: a damaged set was restored" >&2
+    exit 1
+fi
+
+say "Restore the disk, and let another program compare."
+run diskstream restore monday.dset restored.vmdk
+run qemu-img compare disk.vmdk restored.vmdk
+run cmp disk.vmdk restored.vmdk
+echo "The files are the same too, byte for byte."
+
+say "Or as a raw image, holes and all."
+run diskstream restore --as raw monday.dset disk.raw
+run qemu-img compare -f vmdk -F raw disk.vmdk disk.raw
+run du -h --apparent-size disk.raw
+run du -h disk.raw
