@@ -1,0 +1,44 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "tests/support/TempDir.h"
+
+// Programs of others, run for comparison.
+
+// Runs `command` in the shell; `output` becomes what it printed, errors included. False when it fails.
+inline bool RunProgram(const std::string& command, std::string* output = nullptr) {
+    const CTempDir dir;
+    const int result = std::system(("( " + command + " ) > '" + dir.File("output") + "' 2>&1").c_str());
+    if (output != nullptr)
+        *output = dir.Read("output");
+    return result == 0;
+}
+
+inline testing::AssertionResult Runs(const std::string& command) {
+    std::string output;
+    return RunProgram(command, &output) ? testing::AssertionSuccess()
+                                        : testing::AssertionFailure() << command << ": " << output;
+}
+
+inline bool HasProgram(const std::string& name) {
+    return RunProgram("command -v " + name);
+}
+
+// The first word that `command` prints.
+inline std::string FirstWordOf(const std::string& command) {
+    std::string output;
+    EXPECT_TRUE(RunProgram(command, &output)) << command << ": " << output;
+    return output.substr(0, output.find_first_of(" \n"));
+}
+
+// Both directories hold the same names and bytes.
+inline testing::AssertionResult HoldSameFiles(const std::string& left, const std::string& right) {
+    return Runs("diff -rq '" + left + "' '" + right + "'");
+}
