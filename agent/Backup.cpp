@@ -8,6 +8,7 @@
 #include "agent/ExtentStream.h"
 #include "agent/Version.h"
 #include "agent/detail/BlockBatch.h"
+#include "agent/detail/StagedFile.h"
 #include "foundation/detail/ErrorHandling.h"
 #include "foundation/detail/UtcTime.h"
 
@@ -48,6 +49,7 @@ public:
         m_Result.diskType = image.DiskType();
         m_Result.diskBytes = image.TotalSectors() << SectorShift;
         WarnOfParent(image);
+        ZU_RETURN_IF_ERROR(RefuseOwnFiles(image, setName));
         ZU_RETURN_IF_ERROR(m_Writer.Create(setName, m_Options.force));
         ZU_RETURN_IF_ERROR(WriteStreams(image));
         for (const SmallFile_t& file : image.SmallFiles())
@@ -58,6 +60,16 @@ public:
     }
 
 private:
+    // Replacing is for older sets. The image's own files are what the set is made from.
+    static CZuError RefuseOwnFiles(const CDiskImage& image, const std::string& setName) {
+        bool isOwn = IsSameFile(image.Path(), setName);
+        for (const DiskExtent_t& extent : image.Extents())
+            isOwn = isOwn || IsSameFile(extent.path, setName);
+        return isOwn ? Refusal(setName +
+                               ": is a file of the image that is to be backed up; give another name for the set")
+                     : CZuError();
+    }
+
     void WarnOfParent(const CDiskImage& image) {
         if (!image.HasParent())
             return;

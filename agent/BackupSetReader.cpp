@@ -114,6 +114,9 @@ CBackupSetReader::~CBackupSetReader() = default;
 
 CZuError CBackupSetReader::Open(const std::string& path) {
     m_Path = path;
+    m_Streams.clear();
+    m_Files.clear();
+    m_Impl = std::make_unique<Impl_t>();
     ZU_RETURN_IF_ERROR(RefuseUnlessDatabase(path));
     ZU_RETURN_IF_ERROR(m_Impl->database.OpenForReading(path));
     ZU_RETURN_IF_ERROR(CheckFormat());
@@ -216,7 +219,8 @@ CZuError CBackupSetReader::CheckStream(const SetStream_t& stream) const {
         return Damaged("the number of " + stream.fileName + " is out of range");
     if (stream.blockSectors == 0 || stream.blockSectors > LargestGrainSectors)
         return Damaged("the block size of " + stream.fileName + " is out of range");
-    if (stream.diskSectors > mostSectors || stream.fileBytes > uint64_t{INT64_MAX} || stream.recordBytes > UINT32_MAX)
+    if (stream.diskSectors > mostSectors || stream.fileBytes > uint64_t{INT64_MAX} ||
+        stream.recordBytes > LargestRecordBytes)
         return Damaged("a size of " + stream.fileName + " is out of range");
     return CZuError();
 }

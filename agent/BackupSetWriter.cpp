@@ -66,6 +66,9 @@ CZuError CBackupSetWriter::Create(const std::string& path, bool replacing) {
 
 CZuError CBackupSetWriter::BeginStream(const SetStream_t& stream, const CAutoMemory<char>& record,
                                        int compressionLevel) {
+    if (record.GetSize() > LargestRecordBytes)
+        return Refusal(CZuString::Format("{1}: its tables take {2} bytes, more than a set can keep", stream.fileName,
+                                         record.GetSize()));
     m_Impl->stream = stream;
     m_Impl->stream.recordBytes = record.GetSize();
     m_Impl->stream.recordDigest = DigestOf(record.GetPtr(), record.GetSize());

@@ -98,6 +98,10 @@ DiskType_t StreamTypeOf(DiskType_t created, VwExtentType line) {
     return line == VwExtentTypeVmfsSparse ? DiskType_VmfsSparse : created;
 }
 
+bool IsSparseType(DiskType_t type) {
+    return type == DiskType_MonolithicSparse || type == DiskType_VmfsSparse || type == DiskType_TwoGbMaxExtentSparse;
+}
+
 bool IsServedThroughDescriptor(DiskType_t created) {
     return created >= DiskType_MonolithicSparse && created <= DiskType_TwoGbMaxExtentFlat;
 }
@@ -145,9 +149,9 @@ CZuError CDiskImage::OpenSparseFile(DiskType_t type) {
     SparseExtentFacts_t facts;
     ZU_RETURN_IF_ERROR(CheckSparseExtent(m_Path, facts));
     m_DiskType = type != NoDiskType ? type : (facts.isCowd ? DiskType_VmfsSparse : DiskType_MonolithicSparse);
-    if (m_DiskType != DiskType_MonolithicSparse && m_DiskType != DiskType_VmfsSparse &&
-        m_DiskType != DiskType_TwoGbMaxExtentSparse)
-        return Refusal(m_Path + ": is a sparse extent, not " + DiskTypeName(m_DiskType));
+    if (!IsSparseType(m_DiskType) || facts.isCowd != (m_DiskType == DiskType_VmfsSparse))
+        return Refusal(m_Path + ": is a " + (facts.isCowd ? "COWD" : "sparse") + " extent, not " +
+                       DiskTypeName(m_DiskType));
 
     VmdkDescriptor_t descriptor;
     ReadVmdkParent(facts.descriptor, descriptor);
@@ -192,6 +196,10 @@ CZuError CDiskImage::OpenDescriptor(const ImageOptions_t& options) {
     for (const VmdkExtentDescriptor_t& line : descriptor.file.extents) {
         if (!IsFlat(line.type) && !IsSparse(line.type))
             return Refusal(m_Path + ": the extent " + line.fileName.c_str() + " is neither flat nor sparse");
+        if (IsSparse(line.type) != IsSparseType(m_DiskType))
+            return Refusal(m_Path + ": the extent " + line.fileName.c_str() + " is " +
+                           (IsSparse(line.type) ? "sparse" : "flat") + ", which doesn't go with the type " +
+                           DiskTypeName(m_DiskType));
         DiskExtent_t extent;
         extent.name = line.fileName.c_str();
         extent.diskType = StreamTypeOf(m_DiskType, line.type);

@@ -106,9 +106,12 @@ private:
         ++m_Result.blockCount;
         m_Result.plainBytes += block.plain.GetSize();
         m_Progress.doneBytes += block.block.encoded.sizeBytes;
-        if (m_Options.progress && !m_Options.progress(m_Progress))
-            return Refusal("The verification was cancelled");
-        return CZuError();
+        return TellProgress();
+    }
+
+    CZuError TellProgress() const {
+        const bool goesOn = !m_Options.progress || m_Options.progress(m_Progress);
+        return goesOn ? CZuError() : Refusal("The verification was cancelled");
     }
 
     CZuError Compare(const SetStream_t& stream, const BatchBlock_t& block, CImageSide& image) {
@@ -130,6 +133,7 @@ private:
         while (image.Place().has_value() && image.Place()->number < number) {
             if (!IsZeros(image.Bytes()))
                 AddDifference(stream, image.Place()->number);
+            ZU_RETURN_IF_ERROR(TellProgress());
             ZU_RETURN_IF_ERROR(image.Advance());
         }
         return CZuError();

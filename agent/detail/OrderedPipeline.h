@@ -26,10 +26,13 @@ public:
 
     void Run(const Produce_t& produce, const Work_t& work, const Consume_t& consume) {
         std::vector<std::thread> threads;
-        threads.emplace_back([&] { Guarded([&] { ProduceAll(produce); }); });
-        for (size_t worker = 0; worker < m_WorkerCount; ++worker)
-            threads.emplace_back([&, worker] { Guarded([&] { WorkOnAll(work, worker); }); });
-        Guarded([&] { ConsumeAll(consume); });
+        Guarded([&] {
+            threads.reserve(m_WorkerCount + 1);
+            threads.emplace_back([&] { Guarded([&] { ProduceAll(produce); }); });
+            for (size_t worker = 0; worker < m_WorkerCount; ++worker)
+                threads.emplace_back([&, worker] { Guarded([&] { WorkOnAll(work, worker); }); });
+            ConsumeAll(consume);
+        });
         Stop();
         for (std::thread& thread : threads)
             thread.join();

@@ -4,7 +4,6 @@
 #include "VirtualServer/VMInfo/UtilityFunctions.h"
 #include "agent/ErrorText.h"
 #include "agent/detail/RestoreTarget.h"
-#include "agent/detail/StagedFile.h"
 #include "agent/detail/VmdkDescriptor.h"
 #include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
@@ -19,7 +18,7 @@ public:
         ZU_RETURN_IF_ERROR(ErrorAt(set.Path(), ResolveExtentName(".", set.Info().imageName, false, directChild)));
         const std::string name = std::filesystem::path(set.Info().imageName).stem().string() + ".raw";
         ZU_RETURN_IF_ERROR(SumSectors(set));
-        return m_File.Begin(TargetFile(target, name), options.force);
+        return BeginRestored(m_File, set, TargetFile(target, name), options.force);
     }
 
     CZuError BeginStream(CBackupSetReader& /*set*/, const SetStream_t& stream) override {
@@ -80,6 +79,12 @@ private:
 
 std::unique_ptr<IRestoreTarget> MakeRawTarget() {
     return std::make_unique<CRawTarget>();
+}
+
+CZuError BeginRestored(CStagedFile& file, const CBackupSetReader& set, const std::string& path, bool replacing) {
+    if (IsSameFile(path, set.Path()))
+        return Refusal(path + ": is the set that is to be restored; give another target");
+    return file.Begin(path, replacing);
 }
 
 std::string TargetFile(const std::string& target, const std::string& name) {

@@ -8,7 +8,6 @@
 #include "agent/ErrorText.h"
 #include "agent/detail/RestoreTarget.h"
 #include "agent/detail/SparseRecord.h"
-#include "agent/detail/StagedFile.h"
 #include "agent/detail/VmdkDescriptor.h"
 #include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
@@ -39,6 +38,7 @@ public:
         for (const SetFile_t& file : set.Files())
             ZU_RETURN_IF_ERROR(StageFile(set, file.name, options, m_SmallFiles));
         m_SmallFileContents = set.Files();
+        m_SetPath = set.Path();
         return CZuError();
     }
 
@@ -59,7 +59,11 @@ public:
         // A grain goes as a whole; what is behind the disk's end is cut off with the file's size.
         if (IsSparse(m_Stream.diskType) && block.sectors < m_Stream.blockSectors)
             ZU_RETURN_IF_ERROR(FillUp(plain));
-        return ErrorAt(m_ExtentFiles[m_StreamIndex].Target(), m_Core->WriteBlock(plain, block.number, m_Context));
+        const CZuError error = m_Core->WriteBlock(plain, block.number, m_Context);
+        if (error.GetErrorType() == ErrorType::Condition)
+            return Refusal(CZuString::Format("{1}: the set is damaged: block {2} has no place in {3}", m_SetPath,
+                                             block.number, m_Stream.fileName));
+        return ErrorAt(m_ExtentFiles[m_StreamIndex].Target(), error);
     }
 
     // The core's close can't tell of a write that failed late; the sync in `Commit` does.
@@ -127,7 +131,7 @@ private:
             return Refusal(set.Path() + ": two of its files would become " + path +
                            "; give a target that has another name");
         group.emplace_back();
-        return group.back().Begin(path, options.force);
+        return BeginRestored(group.back(), set, path, options.force);
     }
 
     CZuError FillUp(CAutoMemory<char>& plain) const {
@@ -139,6 +143,7 @@ private:
         return CZuError();
     }
 
+    std::string m_SetPath;
     std::string m_MainFile;
     std::string m_Directory;
     std::set<std::string> m_Paths;

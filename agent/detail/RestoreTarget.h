@@ -6,6 +6,7 @@
 
 #include "agent/BackupSetReader.h"
 #include "agent/Restore.h"
+#include "agent/detail/StagedFile.h"
 #include "foundation/AutoMemory.h"
 #include "foundation/ZuError.h"
 
@@ -31,6 +32,9 @@ public:
 
 std::unique_ptr<IRestoreTarget> MakeSameKindTarget();
 std::unique_ptr<IRestoreTarget> MakeRawTarget();
+
+// Begins `file`, which gets one of the set's files. The set itself is never what it replaces.
+CZuError BeginRestored(CStagedFile& file, const CBackupSetReader& set, const std::string& path, bool replacing);
 
 // `target` itself, or `name` in it where it is a directory.
 std::string TargetFile(const std::string& target, const std::string& name);

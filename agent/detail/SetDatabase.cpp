@@ -13,10 +13,10 @@ constexpr int LargestValueBytes = 64 << 20;  // a block of the largest size and 
 
 // Where a file can't be made, SQLite tries to read it and then says that it isn't there.
 CZuError MakeEmptyFile(const std::string& path) {
-    constexpr int ownerWritesAllRead = 420;
+    constexpr int ownerReadsAndWrites = 384;  // it holds all that the disk holds
     CZuFile file;
     ZU_RETURN_IF_ERROR(
-        file.Open(path.c_str(), OpenAsBinary | OpenNotInherited | OpenCreating | OpenForBoth, ownerWritesAllRead));
+        file.Open(path.c_str(), OpenAsBinary | OpenNotInherited | OpenCreating | OpenForBoth, ownerReadsAndWrites));
     return file.Close();
 }
 

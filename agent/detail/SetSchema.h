@@ -8,6 +8,10 @@
 constexpr int64_t SetApplicationId = 0x44534231;  // "DSB1"
 constexpr uint32_t RecordPieceBytes = 1U << 20U;
 
+// More than the record of any disk whose tables the core takes into memory, those that it leaves
+// out as zeros counted.
+constexpr uint64_t LargestRecordBytes = uint64_t{3} << 29U;
+
 // A block's id is its stream's times 2^40 plus its number in it. SQLite appends rows by one number
 // several times as fast as by a key of two columns, which for people are there all the same.
 constexpr unsigned BlockNumberBits = 40;

@@ -43,7 +43,7 @@ CZuError RefuseExisting(const std::string& target, bool replacing) {
     if (!std::filesystem::is_regular_file(status))
         return Refusal(target + ": exists and is no regular file; give another target");
     if (!replacing)
-        return Refusal(target + ": exists already; give another name, or --force to overwrite it");
+        return Refusal(target + ": exists already; give another target, or --force to overwrite it");
     return CZuError();
 }
 
@@ -55,6 +55,11 @@ CZuError SyncFile(const std::string& name) {
 }
 
 }  // namespace
+
+bool IsSameFile(const std::string& left, const std::string& right) {
+    std::error_code ignored;  // what isn't there is no other file's name
+    return std::filesystem::equivalent(left, right, ignored);
+}
 
 CStagedFile::CStagedFile(CStagedFile&& other) noexcept
     : m_Target(std::move(other.m_Target)), m_TemporaryName(std::exchange(other.m_TemporaryName, std::string())),

@@ -93,6 +93,14 @@ bool LeavesDirectory(const std::string& name) {
            std::any_of(path.begin(), path.end(), [](const auto& part) { return part == ".."; });
 }
 
+// Where links lead counts, for what is there of the path.
+bool LiesBelow(const std::string& directory, const std::string& path) {
+    std::error_code error;
+    const std::filesystem::path base = std::filesystem::weakly_canonical(directory, error);
+    const std::filesystem::path file = std::filesystem::weakly_canonical(path, error);
+    return !error && std::mismatch(base.begin(), base.end(), file.begin(), file.end()).first == base.end();
+}
+
 }  // namespace
 
 CZuError ParseVmdkDescriptor(const std::string& name, const std::string& text, VmdkDescriptor_t& descriptor) {
@@ -134,5 +142,8 @@ CZuError ResolveExtentName(const std::string& directory, const std::string& name
         return Refusal("\"" + name + "\" leads out of the directory " + directory +
                        "; if that is what you want, say --allow-outside");
     path = (std::filesystem::path(directory) / portable).string();
+    if (!allowOutside && !LiesBelow(directory, path))
+        return Refusal("\"" + name + "\" is a link that leads out of the directory " + directory +
+                       "; if that is what you want, say --allow-outside");
     return CZuError();
 }

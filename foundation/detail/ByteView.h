@@ -25,7 +25,7 @@ public:
         if (!Holds(offset, size))
             return false;
         if (size != 0)
-            std::memcpy(target, m_Data + offset, size);
+            std::memcpy(target, m_Data + offset, static_cast<size_t>(size));
         return true;
     }
 

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <new>
 #include <stdexcept>
+#include <system_error>
 
 #include "foundation/ZuError.h"
 #include "foundation/ZuString.h"
@@ -68,6 +69,8 @@ template <typename Step> CZuError WithinMemory(const char* text, Step step) {
         return Refusal(text);
     } catch (const std::length_error&) {
         return Refusal(text);
+    } catch (const std::system_error& error) {  // no more threads, or the system's other refusals
+        return SystemFailure(error.code().value());
     }
 }
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -123,6 +124,27 @@ TEST_F(BackupOfADisk, AStandingSetIsReplacedOnlyByForce) {
     ASSERT_OK(BackUpDisk(disk, m_Sets.File("set"), m_Options, m_Result));
     EXPECT_OK(Verify(m_Sets.File("set")));
     EXPECT_EQ(Names_t{"set"}, m_Sets.Entries());
+}
+
+TEST_F(BackupOfADisk, TheImagesOwnFilesAreNeverReplacedByTheSet) {
+    const std::string disk = FlatDisk();
+    const Names_t before = m_Disks.Entries();
+    const std::string extent = m_Disks.Read("disk-f001.vmdk");
+    std::filesystem::create_symlink(m_Disks.File("disk-f001.vmdk"), m_Sets.File("link"));
+    m_Options.force = true;
+    for (const std::string& set :
+         {disk, m_Disks.File("disk-f001.vmdk"), m_Disks.File("./disk-f002.vmdk"), m_Sets.File("link")}) {
+        SCOPED_TRACE(set);
+        EXPECT_FAILS_SAYING(BackUpDisk(disk, set, m_Options, m_Result), set, "is a file of the image");
+    }
+    EXPECT_EQ(before, m_Disks.Entries());
+    EXPECT_SAME_BYTES(extent, m_Disks.Read("disk-f001.vmdk"));
+}
+
+TEST_F(BackupOfADisk, ASetIsForItsOwnerAlone) {
+    ASSERT_OK(BackUpDisk(FlatDisk(), m_Sets.File("set"), m_Options, m_Result));
+    EXPECT_EQ(std::filesystem::perms::owner_read | std::filesystem::perms::owner_write,
+              std::filesystem::status(m_Sets.File("set")).permissions());
 }
 
 TEST_F(BackupOfADisk, AForcedOneThatFailsKeepsTheStandingSet) {
@@ -265,6 +287,28 @@ TEST_F(BackupOfADisk, VerifyCanBeCancelled) {
     VerifyResult_t result;
     options.progress = [](const Progress_t&) { return false; };
     EXPECT_FAILS_SAYING(VerifySet(m_Sets.File("set"), options, result), "cancelled");
+}
+
+TEST_F(BackupOfADisk, VerifyOfAnEmptySetAgainstAFullImageCanBeCancelled) {
+    const std::string zeros = WriteFlatDisk(m_Disks, {std::string(1024 * 512, '\0')});
+    const std::string empty = CVmdkSparseBuilder().GrainSize(128).Capacity(1024).WriteTo(m_Sets, "empty");
+    ASSERT_OK(BackUp(empty, m_Sets.File("set")));
+    VerifyOptions_t options;
+    VerifyResult_t result;
+    options.against = zeros;
+    options.progress = [](const Progress_t&) { return false; };
+    EXPECT_FAILS_SAYING(VerifySet(m_Sets.File("set"), options, result), "cancelled");
+}
+
+TEST_F(BackupOfADisk, AReaderOpensOneSetAfterTheOther) {
+    const std::string disk = FlatDisk();
+    ASSERT_OK(BackUp(disk, m_Sets.File("set")));
+    CBackupSetReader set;
+    for (int round = 0; round < 2; ++round) {
+        ASSERT_OK(set.Open(m_Sets.File("set")));
+        EXPECT_EQ(2U, set.Streams().size());
+        EXPECT_EQ(1U, set.Files().size());
+    }
 }
 
 }  // namespace

@@ -190,6 +190,23 @@ TEST_F(DiskImage, TheTypeOfASparseFileIsFoundOrTold) {
     }
 }
 
+TEST_F(DiskImage, AToldTypeMustGoWithWhatTheFilesAre) {
+    const std::string sparse = CVmdkSparseBuilder().WriteTo(m_Dir);
+    const std::string cowd = CCowdBuilder().WriteTo(m_Dir);
+    m_Options.type = DiskType_VmfsSparse;
+    EXPECT_FAILS_SAYING(Open(sparse), sparse, "is a sparse extent, not vmfsSparse");
+    m_Options.type = DiskType_MonolithicSparse;
+    EXPECT_FAILS_SAYING(Open(cowd), cowd, "is a COWD extent, not monolithicSparse");
+
+    CVmdkSparseBuilder().WriteTo(m_Dir, "x");
+    m_Options.type = DiskType_TwoGbMaxExtentFlat;
+    EXPECT_FAILS_SAYING(Open(Descriptor("twoGbMaxExtentSparse", "SPARSE", 256, "x")),
+                        "the extent x is sparse, which doesn't go with the type twoGbMaxExtentFlat");
+    m_Options.type = DiskType_TwoGbMaxExtentSparse;
+    EXPECT_FAILS_SAYING(Open(Descriptor("monolithicFlat", "FLAT", 1, "x")),
+                        "the extent x is flat, which doesn't go with the type twoGbMaxExtentSparse");
+}
+
 TEST_F(DiskImage, AFlatFileNeedsToBeToldItsType) {
     const std::string flat = m_Dir.Write("disk-flat.vmdk", std::string(5120, 'x'));
     EXPECT_FAILS_SAYING(Open(flat), "--type monolithicFlat");
@@ -303,6 +320,21 @@ TEST_F(DiskImage, ExtentsOutsideTheDirectoryAreOpenedOnlyIfAllowed) {
         ASSERT_OK(Open(m_Dir.File("disk.vmdk")));
         EXPECT_EQ(10U, m_Image.TotalSectors());
     }
+}
+
+TEST_F(DiskImage, ALinkOutOfTheDirectoryIsFollowedOnlyIfAllowed) {
+    const CTempDir outside;
+    std::filesystem::create_symlink(outside.Write("x", std::string(5120, 'x')), m_Dir.File("x"));
+    const std::string disk = Descriptor("monolithicFlat", "FLAT", 10, "x");
+    EXPECT_FAILS_SAYING(Open(disk), disk, "leads out of the directory", "--allow-outside");
+    m_Options.allowOutside = true;
+    ASSERT_OK(Open(disk));
+}
+
+TEST_F(DiskImage, ALinkInsideTheDirectoryIsFollowed) {
+    m_Dir.Write("y", std::string(5120, 'x'));
+    std::filesystem::create_symlink("y", m_Dir.File("x"));
+    ASSERT_OK(Open(Descriptor("monolithicFlat", "FLAT", 10, "x")));
 }
 
 TEST_F(DiskImage, ExtentsBelowTheDirectoryAreFoundWithEitherSeparator) {

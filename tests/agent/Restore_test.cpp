@@ -74,6 +74,14 @@ TEST_F(RestoreOfASet, EachStandingFileIsInTheWayUnlessForced) {
     }
 }
 
+TEST_F(RestoreOfASet, TheSetItselfIsNeverReplaced) {
+    const std::string set = SplitSet();
+    const std::string before = m_Sets.Read("set");
+    EXPECT_FAILS_SAYING(Restore(set, set, true), set, "is the set that is to be restored");
+    EXPECT_FAILS_SAYING(RestoreRaw(set, m_Sets.Path() + "/./set", true), "is the set that is to be restored");
+    EXPECT_SAME_BYTES(before, m_Sets.Read("set"));
+}
+
 TEST_F(RestoreOfASet, AsRawGetsANameOfItsOwnInADirectory) {
     ASSERT_OK(RestoreRaw(SplitSet(), m_Target.Path()));
     EXPECT_EQ(Names_t{"disk.raw"}, m_Target.Entries());

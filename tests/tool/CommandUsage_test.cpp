@@ -108,7 +108,7 @@ TEST_F(CommandUsage, FailuresEndWithOneAndSayWhatWhereAndWhatToDo) {
         {{"info", "."}, ".: Is a directory"},
         {{"info", "flat.vmdk"}, "elsewhere.vmdk: No such file or directory"},
         {{"backup", "none.vmdk", "x.dset"}, "none.vmdk: No such file or directory"},
-        {{"backup", "disk.vmdk", "disk.dset"}, "disk.dset: exists already; give another name, or --force"},
+        {{"backup", "disk.vmdk", "disk.dset"}, "disk.dset: exists already; give another target, or --force"},
         {{"backup", "disk.vmdk", "nowhere/x.dset"}, "nowhere/x.dset: its directory doesn't exist"},
         {{"backup", "disk.vmdk", "."}, ".: exists and is no regular file"},
         {{"backup", "disk.dset", "x.dset"}, "disk.dset: is no disk image"},
@@ -118,7 +118,7 @@ TEST_F(CommandUsage, FailuresEndWithOneAndSayWhatWhereAndWhatToDo) {
         {{"list", "none.dset"}, "none.dset: No such file or directory"},
         {{"list", "text"}, "text: is no backup set"},
         {{"restore", "none.dset", "x.vmdk"}, "none.dset: No such file or directory"},
-        {{"restore", "disk.dset", "disk.vmdk"}, "disk.vmdk: exists already; give another name, or --force"},
+        {{"restore", "disk.dset", "disk.vmdk"}, "disk.vmdk: exists already; give another target, or --force"},
         {{"restore", "disk.dset", "nowhere/x.vmdk"}, "nowhere/x.vmdk: its directory doesn't exist"},
         {{"restore", "disk.dset", "nowhere/x.raw", "--as", "raw"}, "nowhere/x.raw: its directory doesn't exist"},
     };

@@ -34,7 +34,7 @@ bool LieTogether(uint32_t firstSector, uint32_t secondSector, uint32_t entriesPe
 CZuError CGrainTableLoader::Load(const CAutoMemory<Le32_t>& directory, std::vector<GrainTableRef_t>& tables) {
     const uint64_t count = directory.GetSize();
     ZU_RETURN_IF_ERROR(m_Budget.Charge(count * sizeof(GrainTableRef_t)));
-    tables.reserve(tables.size() + count);
+    tables.reserve(tables.size() + static_cast<size_t>(count));
     const Le32_t* const entries = directory.GetPtr();
     for (uint64_t index = 0; index < count; ++index) {
         const uint32_t sector = entries[index];
