@@ -90,16 +90,18 @@ bool IsSparse(VwExtentType type) {
     return type == VwExtentTypeSparse || type == VwExtentTypeVmfsSparse;
 }
 
+bool IsSparseType(DiskType_t type) {
+    return type == DiskType_MonolithicSparse || type == DiskType_VmfsSparse || type == DiskType_TwoGbMaxExtentSparse;
+}
+
 // Which reader of the core serves a line of a disk of type `created`. An ESX disk ("vmfs") has
 // plain bytes in its extents, as a flat disk has, and no reader under its own number.
 DiskType_t StreamTypeOf(DiskType_t created, VwExtentType line) {
     if (IsFlat(line))
         return created == DiskType_TwoGbMaxExtentFlat ? created : DiskType_MonolithicFlat;
-    return line == VwExtentTypeVmfsSparse ? DiskType_VmfsSparse : created;
-}
-
-bool IsSparseType(DiskType_t type) {
-    return type == DiskType_MonolithicSparse || type == DiskType_VmfsSparse || type == DiskType_TwoGbMaxExtentSparse;
+    if (line == VwExtentTypeVmfsSparse)
+        return DiskType_VmfsSparse;
+    return IsSparseType(created) ? created : DiskType_MonolithicSparse;
 }
 
 bool IsServedThroughDescriptor(DiskType_t created) {
@@ -196,7 +198,7 @@ CZuError CDiskImage::OpenDescriptor(const ImageOptions_t& options) {
     for (const VmdkExtentDescriptor_t& line : descriptor.file.extents) {
         if (!IsFlat(line.type) && !IsSparse(line.type))
             return Refusal(m_Path + ": the extent " + line.fileName.c_str() + " is neither flat nor sparse");
-        if (IsSparse(line.type) != IsSparseType(m_DiskType))
+        if (options.type.has_value() && IsSparse(line.type) != IsSparseType(m_DiskType))
             return Refusal(m_Path + ": the extent " + line.fileName.c_str() + " is " +
                            (IsSparse(line.type) ? "sparse" : "flat") + ", which doesn't go with the type " +
                            DiskTypeName(m_DiskType));

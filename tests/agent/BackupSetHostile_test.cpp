@@ -278,12 +278,22 @@ TEST_F(HostileSet, MoreOrLargerFilesThanADiskHasAreRefused) {
 }
 
 TEST_F(HostileSet, ARecordThatPromisesMoreThanItHasIsRefused) {
-    for (const uint64_t promised : {uint64_t{1000000}, uint64_t{4294967295}}) {
+    for (const uint64_t promised : {uint64_t{1000000}, LargestRecordBytes}) {
         SCOPED_TRACE(promised);
         const std::string set = Written();
         AlterAndSign(set, "UPDATE stream SET record_bytes = " + std::to_string(promised) + " WHERE id = 0",
                      [&](std::vector<SetStream_t>& streams) { streams[0].recordBytes = promised; });
         EXPECT_FAILS_SAYING(Verify(set), set, "metadata record of disk-f001.vmdk");
+    }
+}
+
+TEST_F(HostileSet, ARecordThatPromisesMoreThanAnyDiskHasIsRefusedAtOnce) {
+    for (const uint64_t promised : {LargestRecordBytes + 1, uint64_t{4294967295}}) {
+        SCOPED_TRACE(promised);
+        const std::string set = Written();
+        AlterAndSign(set, "UPDATE stream SET record_bytes = " + std::to_string(promised) + " WHERE id = 0",
+                     [&](std::vector<SetStream_t>& streams) { streams[0].recordBytes = promised; });
+        EXPECT_FAILS_SAYING(Verify(set), set, "a size of disk-f001.vmdk is out of range");
     }
 }
 

@@ -207,6 +207,24 @@ TEST_F(DiskImage, AToldTypeMustGoWithWhatTheFilesAre) {
                         "the extent x is flat, which doesn't go with the type twoGbMaxExtentSparse");
 }
 
+TEST_F(DiskImage, ADescriptorMayHaveSparseAndFlatExtentsBoth) {
+    CVmdkSparseBuilder().WriteTo(m_Dir, "a");
+    m_Dir.Write("b", std::string(5120, 'x'));
+    for (const char* createType : {"monolithicFlat", "twoGbMaxExtentSparse"}) {
+        SCOPED_TRACE(createType);
+        ASSERT_OK(Open(CVmdkDescriptorBuilder()
+                           .CreateType(createType)
+                           .Extent(256, "SPARSE", "a")
+                           .Extent(10, "FLAT", "b")
+                           .WriteTo(m_Dir)));
+        ASSERT_EQ(2U, m_Image.Extents().size());
+        EXPECT_TRUE(m_Image.Extents()[0].diskType == DiskType_MonolithicSparse ||
+                    m_Image.Extents()[0].diskType == DiskType_TwoGbMaxExtentSparse);
+        EXPECT_EQ(DiskType_MonolithicFlat, m_Image.Extents()[1].diskType);
+        EXPECT_EQ(266U, m_Image.TotalSectors());
+    }
+}
+
 TEST_F(DiskImage, AFlatFileNeedsToBeToldItsType) {
     const std::string flat = m_Dir.Write("disk-flat.vmdk", std::string(5120, 'x'));
     EXPECT_FAILS_SAYING(Open(flat), "--type monolithicFlat");
