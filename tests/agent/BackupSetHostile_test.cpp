@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "agent/detail/SetSchema.h"
 #include "tests/agent/AgentAssertions.h"
 #include "tests/agent/AgentRuns.h"
 #include "tests/agent/SetSurgery.h"
