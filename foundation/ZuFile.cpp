@@ -23,8 +23,49 @@ struct CZuFile::Shared_t {
         return Files().Close(closing);
     }
 
+    int Seek(int64_t offset, int whence, int64_t& position) {
+        if (whence == FromStart && offset >= 0 && Files().IsPositional()) {
+            ownPosition = offset;
+            position = offset;
+            return 0;
+        }
+        const int error = GiveSystemThePosition();
+        return error != 0 ? error : Files().Seek(fd, offset, whence, position);
+    }
+
+    int Read(void* buffer, uint32_t size, uint32_t& got) {
+        if (ownPosition == SystemHasIt)
+            return Files().Read(fd, buffer, size, got);
+        const int error = Files().ReadAt(fd, ownPosition, buffer, size, got);
+        ownPosition += got;
+        return error;
+    }
+
+    int Write(const void* buffer, uint32_t size, uint32_t& put) {
+        if (ownPosition == SystemHasIt)
+            return Files().Write(fd, buffer, size, put);
+        const int error = Files().WriteAt(fd, ownPosition, buffer, size, put);
+        ownPosition += put;
+        return error;
+    }
+
+    int GiveSystemThePosition() {
+        if (ownPosition == SystemHasIt || fd == NoDescriptor)
+            return 0;
+        int64_t reached = 0;
+        const int error = Files().Seek(fd, ownPosition, FromStart, reached);
+        ownPosition = SystemHasIt;
+        return error;
+    }
+
+    static constexpr int FromStart = 0;
+    static constexpr int64_t SystemHasIt = -1;
+
     std::string name;
     int fd;
+    // Most transfers follow a seek from the start, and a call that names its place does for both.
+    // So such a seek is only noted here, where all copies of the object see it.
+    int64_t ownPosition = SystemHasIt;
 };
 
 CZuError CZuFile::Open(const char* name, int flags, int mode) {
@@ -47,11 +88,14 @@ CZuError CZuFile::Close() {
 }
 
 bool CZuFile::IsValid() const {
-    return GetFD() != NoDescriptor;
+    return m_Shared != nullptr && m_Shared->fd != NoDescriptor;
 }
 
 int CZuFile::GetFD() const {
-    return m_Shared != nullptr ? m_Shared->fd : NoDescriptor;
+    if (!IsValid())
+        return NoDescriptor;
+    m_Shared->GiveSystemThePosition();  // a failure shows itself in what is done with the descriptor
+    return m_Shared->fd;
 }
 
 const char* CZuFile::GetName() const {
@@ -60,7 +104,7 @@ const char* CZuFile::GetName() const {
 
 CZuError CZuFile::Read(void* buffer, unsigned int size, unsigned int* got) {
     uint32_t count = 0;
-    const int error = IsValid() ? Files().Read(GetFD(), buffer, size, count) : EBADF;
+    const int error = IsValid() ? m_Shared->Read(buffer, size, count) : EBADF;
     if (got != nullptr)
         *got = count;
     if (error != 0)
@@ -72,7 +116,7 @@ CZuError CZuFile::Read(void* buffer, unsigned int size, unsigned int* got) {
 
 CZuError CZuFile::Write(const void* buffer, unsigned int size, unsigned int* put) {
     uint32_t count = 0;
-    const int error = IsValid() ? Files().Write(GetFD(), buffer, size, count) : EBADF;
+    const int error = IsValid() ? m_Shared->Write(buffer, size, count) : EBADF;
     if (put != nullptr)
         *put = count;
     if (error != 0)
@@ -84,20 +128,20 @@ CZuError CZuFile::Write(const void* buffer, unsigned int size, unsigned int* put
 
 CZuError CZuFile::Seek(int64_t offset, int whence, int64_t* newPosition) {
     int64_t position = 0;
-    const int error = IsValid() ? Files().Seek(GetFD(), offset, whence, position) : EBADF;
+    const int error = IsValid() ? m_Shared->Seek(offset, whence, position) : EBADF;
     if (error == 0 && newPosition != nullptr)
         *newPosition = position;
     return SystemFailure(error);
 }
 
 CZuError CZuFile::Size(uint64_t& size) const {
-    return SystemFailure(IsValid() ? Files().Size(GetFD(), size) : EBADF);
+    return SystemFailure(IsValid() ? Files().Size(m_Shared->fd, size) : EBADF);
 }
 
 CZuError CZuFile::Truncate(int64_t size) {
-    return SystemFailure(IsValid() ? Files().Truncate(GetFD(), size) : EBADF);
+    return SystemFailure(IsValid() ? Files().Truncate(m_Shared->fd, size) : EBADF);
 }
 
 CZuError CZuFile::Sync() {
-    return SystemFailure(IsValid() ? Files().Sync(GetFD()) : EBADF);
+    return SystemFailure(IsValid() ? Files().Sync(m_Shared->fd) : EBADF);
 }

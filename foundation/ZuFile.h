@@ -21,7 +21,11 @@ public:
     // Closing what isn't open is no error.
     CZuError Close();
     bool IsValid() const;
-    int GetFD() const;  // -1 when not open
+
+    // -1 when not open. The descriptor's position is the object's when it is given away; one that
+    // others move later isn't seen here.
+    int GetFD() const;
+
     const char* GetName() const;
 
     // Reads up to `size` bytes at the position. At the end of the file it fails with a text that

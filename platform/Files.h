@@ -33,6 +33,13 @@ public:
     virtual int Read(int fd, void* buffer, uint32_t size, uint32_t& got) = 0;  // got 0 only at the end of the file
     virtual int Write(int fd, const void* buffer, uint32_t size, uint32_t& put) = 0;
     virtual int Seek(int fd, int64_t offset, int whence, int64_t& position) = 0;
+
+    // True where a transfer can name its place, which spares a call for each. `ReadAt` and `WriteAt`
+    // are for that case alone, and leave the file's position as it is.
+    virtual bool IsPositional() const { return false; }
+    virtual int ReadAt(int fd, int64_t offset, void* buffer, uint32_t size, uint32_t& got);
+    virtual int WriteAt(int fd, int64_t offset, const void* buffer, uint32_t size, uint32_t& put);
+
     virtual int Size(int fd, uint64_t& sizeBytes) = 0;
     virtual int Truncate(int fd, int64_t sizeBytes) = 0;
     virtual int Sync(int fd) = 0;  // returns when the file's bytes and size are on the medium

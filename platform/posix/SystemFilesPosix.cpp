@@ -105,6 +105,20 @@ public:
         return count < 0 ? errno : 0;
     }
 
+    bool IsPositional() const override { return true; }
+
+    int ReadAt(int fd, int64_t offset, void* buffer, uint32_t size, uint32_t& got) override {
+        const ssize_t count = RetryInterrupted([&] { return pread(fd, buffer, size, offset); });
+        got = count > 0 ? static_cast<uint32_t>(count) : 0;
+        return count < 0 ? errno : 0;
+    }
+
+    int WriteAt(int fd, int64_t offset, const void* buffer, uint32_t size, uint32_t& put) override {
+        const ssize_t count = RetryInterrupted([&] { return pwrite(fd, buffer, size, offset); });
+        put = count > 0 ? static_cast<uint32_t>(count) : 0;
+        return count < 0 ? errno : 0;
+    }
+
     int Seek(int fd, int64_t offset, int whence, int64_t& position) override {
         const off_t reached = lseek(fd, offset, whence);
         if (reached < 0)
