@@ -299,13 +299,15 @@ TEST_F(ArchiveVirtualDiskFileStream, AFailedFirstBlockIsNotPossibleOnceTheDiskIs
 }
 
 TEST_F(ArchiveVirtualDiskFileStream, ManyHolesAreSkippedWithoutTouchingTheFile) {
+    const CFaultyFiles counting;
     OpenSparse(CVmdkSparseBuilder().GrainSize(1).Capacity(400 * 512).Grain(204799, 'x'));
     m_Context.blockSectors = 1;
-    const CFaultyFiles counting;
+    const unsigned int readsBefore = counting.Calls(FaultOp::Read);
+    const unsigned int seeksBefore = counting.Calls(FaultOp::Seek);
     ASSERT_OK(Next());
     EXPECT_EQ(204799U, m_Number);
-    EXPECT_EQ(1U, counting.Calls(FaultOp::Read));
-    EXPECT_EQ(1U, counting.Calls(FaultOp::Seek));
+    EXPECT_EQ(readsBefore + 1, counting.Calls(FaultOp::Read));
+    EXPECT_EQ(seeksBefore + 1, counting.Calls(FaultOp::Seek));
 }
 
 TEST_F(ArchiveVirtualDiskFileStream, ACopyOfAnOpenDiskStreamsTheSame) {

@@ -180,6 +180,16 @@ TEST_F(VmdkCowdExtent, AnObjectGoesFromOneFormToTheOther) {
     }
 }
 
+TEST_F(VmdkCowdExtent, AfterItAHostedExtentIsCreatedWithItsOwnHeader) {
+    ASSERT_OK(Open(Sound()));
+    ASSERT_OK(m_Reader.CloseExtent());
+    const CVmdkSparseBuilder hosted = CVmdkSparseBuilder().Descriptor("text").Grain(1, 'x');
+    ASSERT_OK(Create(hosted.Record()));
+    CAutoMemory<char> metadata;
+    ASSERT_OK(m_Reader.GetMetadataInfo(metadata));
+    EXPECT_SAME_BYTES(hosted.Record(), BytesOf(metadata));
+}
+
 // Callers rely on it: an extent of this form can't be made from its own record.
 TEST_F(VmdkCowdExtent, ItsOwnRecordIsRefusedAndLeavesAnEmptyFileOpen) {
     CAutoMemory<char> metadata;

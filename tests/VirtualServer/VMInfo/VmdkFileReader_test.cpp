@@ -105,6 +105,13 @@ TEST_F(VmdkFileReader, FlatExtentsLieOneBehindTheOther) {
     }
 }
 
+TEST_F(VmdkFileReader, EveryExtentBeginsBehindAllBeforeIt) {
+    ASSERT_OK(m_Reader.OpenDisk(FlatDisk({3, 5, 2, 4}).c_str(), DiskType_TwoGbMaxExtentFlat));
+    EXPECT_SAME_BYTES(PatternedBytes(512, 3), ReadSector(8));
+    EXPECT_SAME_BYTES(PatternedBytes(512, 4), ReadSector(10));
+    EXPECT_OUT_OF_RANGE(m_Reader.ReadSector(14, m_Buffer, 512));
+}
+
 TEST_F(VmdkFileReader, SparseExtentsLieOneBehindTheOther) {
     ASSERT_OK(m_Reader.OpenDisk(SparseDisk().c_str(), DiskType_TwoGbMaxExtentSparse));
     EXPECT_SAME_BYTES(std::string(512, 'a'), ReadSector(7));
@@ -198,6 +205,11 @@ TEST_F(VmdkFileReader, ASecondOpenTakesThePlaceOfTheFirst) {
     ASSERT_OK(m_Reader.OpenDisk(SparseDisk().c_str(), DiskType_TwoGbMaxExtentSparse));
     EXPECT_SAME_BYTES(std::string(512, 'a'), ReadSector(0));
     EXPECT_SECTOR_NOT_FOUND(m_Reader.ReadSector(8, m_Buffer, 512));
+    EXPECT_EQ("00000002", Dump("x", 8).substr(0, 8));
+    const std::string single = CVmdkSparseBuilder().Grain(0, 's').WriteTo(m_Dir);
+    ASSERT_OK(m_Reader.OpenDisk(single.c_str(), DiskType_MonolithicSparse));
+    EXPECT_SAME_BYTES(std::string(512, 's'), ReadSector(0));
+    EXPECT_OUT_OF_RANGE(m_Reader.ReadSector(256, m_Buffer, 512));
     ASSERT_OK(m_Reader.OpenDisk(FlatDisk({4}).c_str(), DiskType_MonolithicFlat));
     EXPECT_OUT_OF_RANGE(m_Reader.ReadSector(8, m_Buffer, 512));
 }

@@ -116,6 +116,7 @@ TEST_F(VmdkSparseExtentCreate, PutsEveryStructureBackWhereItLay) {
         {"a descriptor", CVmdkSparseBuilder().Descriptor(PatternedBytes(1300)).Grain(7, 'x')},
         {"copies that differ", CVmdkSparseBuilder().Grain(5, 'r', TableCopy_t::Redundant).RedundantIsActive()},
         {"tables backwards", CVmdkSparseBuilder().Capacity(3 * 4096).TablesInReverse().GapBetweenTables(2)},
+        {"a table's length between tables", CVmdkSparseBuilder().Capacity(4 * 4096).GapBetweenTables(4)},
         {"one table for all", CVmdkSparseBuilder().Capacity(5 * 4096).OneTableForAll().Grain(2, 'x')},
         {"many tables", CVmdkSparseBuilder().GrainSize(1).Capacity(1100 * 512).Grain(563199, 'x')},
         {"closed uncleanly", CVmdkSparseBuilder().Unclean().Flags(0xFFFFFFFF)},
@@ -197,6 +198,19 @@ TEST_F(VmdkSparseExtentCreate, AGrainThatTheSourceDidNotHaveIsRefused) {
     EXPECT_END_OF_EXTENT(WriteGrain(1024, std::string(4096, 'z')));
     EXPECT_END_OF_EXTENT(WriteGrain(~uint64_t{0}, std::string(4096, 'z')));
     EXPECT_SAME_BYTES(before, m_Dir.Read("made"));
+}
+
+TEST_F(VmdkSparseExtentCreate, OnlyFlag2MakesTheRedundantTablesPlaceTheGrains) {
+    for (const bool redundantIsActive : {false, true}) {
+        CVmdkSparseBuilder file;
+        file.Grain(3, 'r', TableCopy_t::Redundant).Grain(4, 'p', TableCopy_t::Primary);
+        ASSERT_OK(Create((redundantIsActive ? file.RedundantIsActive() : file).Record()));
+        const uint64_t held = redundantIsActive ? 3 : 4;
+        EXPECT_SECTOR_NOT_FOUND(WriteGrain(redundantIsActive ? 4 : 3, std::string(4096, 'z')));
+        ASSERT_OK(WriteGrain(held, std::string(4096, 'n')));
+        EXPECT_SAME_BYTES(std::string(4096, 'n'), m_Dir.Read("made").substr(file.GrainSector(held) * 512, 4096));
+        ASSERT_OK(m_Reader.CloseExtent());
+    }
 }
 
 TEST_F(VmdkSparseExtentCreate, AWriteTestsTheFileThenTheSizeThenThePlace) {

@@ -298,10 +298,19 @@ TEST_F(VmdkSparseExtentHostile, TablesThatOverlapAreReadAsTheyLie) {
 // Only holes make a file as long as its header claims. The tables of one object end at 1 GiB, what
 // keeps track of them included.
 TEST_F(VmdkSparseExtentHostile, AFileOfHolesThatHasAllThatItsHeaderClaimsIsOutOfMemory) {
-    constexpr uint32_t entries = (1U << 30U) / sizeof(GrainTableRef_t);
-    const std::string path =
-        CCowdBuilder().Put32(4 * 512, 0).Put32(24, entries).CutTo(uint64_t{3} << 40U).WriteTo(m_Dir, "hole");
-    EXPECT_REFUSED(m_Reader.OpenExtent(path.c_str(), 0, VwExtentTypeSparse), "Out of memory");
+    constexpr uint32_t ceiling = 1U << 30U;
+    const struct {
+        const char* name;
+        uint32_t entries;
+    } rows[] = {
+        {"no room for references to the tables", ceiling / sizeof(GrainTableRef_t)},
+        {"no room for the first table", ceiling / (sizeof(GrainTableRef_t) + 4)},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        const std::string path = CCowdBuilder().Put32(24, row.entries).CutTo(uint64_t{3} << 40U).WriteTo(m_Dir);
+        EXPECT_REFUSED(m_Reader.OpenExtent(path.c_str(), 0, VwExtentTypeSparse), "Out of memory");
+    }
     EXPECT_OK(m_Reader.OpenExtent(Hosted().WriteTo(m_Dir).c_str(), 0, VwExtentTypeSparse));
 }
 

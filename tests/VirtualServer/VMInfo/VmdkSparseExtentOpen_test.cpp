@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <cstdint>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "VirtualServer/VMInfo/VmdkSparseExtentReader.h"
 #include "tests/support/ErrorAssertions.h"
@@ -242,6 +244,7 @@ TEST_F(VmdkSparseExtentOpen, TablesMayLieAnywhereInAnyOrder) {
         CVmdkSparseBuilder().GrainSize(1),
         CVmdkSparseBuilder().GrainSize(1).TablesInReverse(),
         CVmdkSparseBuilder().GrainSize(1).GapBetweenTables(3),
+        CVmdkSparseBuilder().GrainSize(1).GapBetweenTables(4),
         CVmdkSparseBuilder().GrainSize(1).GapBetweenTables(1).TablesInReverse(),
         CVmdkSparseBuilder().GrainSize(1).NoTable(1),
     };
@@ -256,6 +259,13 @@ TEST_F(VmdkSparseExtentOpen, TablesMayLieAnywhereInAnyOrder) {
         EXPECT_SECTOR_NOT_FOUND(m_Reader.ReadExtentSector(512, m_Sector, 512));
         ASSERT_OK(m_Reader.CloseExtent());
     }
+}
+
+TEST_F(VmdkSparseExtentOpen, TablesThatLieTogetherAreReadTogether) {
+    const std::string path = CVmdkSparseBuilder().Capacity(5 * 4096).WriteTo(m_Dir);
+    const CFaultyFiles counting;
+    ASSERT_OK(m_Reader.OpenExtent(path.c_str(), 0, VwExtentTypeSparse));
+    EXPECT_EQ((std::vector<uint32_t>{4, 512, 20, 20, 5 * 2048, 5 * 2048}), counting.Sizes(FaultOp::Read));
 }
 
 TEST_F(VmdkSparseExtentOpen, GeometryFollowsTheHeader) {
