@@ -16,7 +16,7 @@ constexpr ProductType_t NoProduct = ProductType_t{0};
 constexpr char NoFileIsOpen[] = "No file is open. Make sure Open succeeded";
 constexpr char AlreadyOpen[] = "Already have an open file. Close it first";
 
-enum class Reader_t { None, SparseExtent, FlatExtent };
+enum class Reader_t { None, SparseExtent, FlatExtent, VhdFixed, VhdDynamic, PhysicalDisk };
 
 // Which reader serves which kind of disk. A reader that lands adds its rows.
 struct ServedDisk_t {
@@ -31,7 +31,14 @@ constexpr ServedDisk_t ServedDisks[] = {
     {VirtualProdType_VMware, DiskType_TwoGbMaxExtentSparse, Reader_t::SparseExtent},
     {VirtualProdType_VMware, DiskType_MonolithicFlat, Reader_t::FlatExtent},
     {VirtualProdType_VMware, DiskType_TwoGbMaxExtentFlat, Reader_t::FlatExtent},
+    {VirtualProdType_HyperV, DiskType_VhdFixed, Reader_t::VhdFixed},
+    {VirtualProdType_HyperV, DiskType_VhdDynamic, Reader_t::VhdDynamic},
+    {VirtualProdType_HyperV, DiskType_VhdDifferencing, Reader_t::VhdDynamic},
+    {VirtualProdType_Physical, DiskType_PhysicalDisk, Reader_t::PhysicalDisk},
+    {VirtualProdType_Physical, DiskType_PhysicalDisk2, Reader_t::PhysicalDisk},
 };
+
+constexpr uint64_t DefaultVhdBlockSectors = 0x10000;
 
 Reader_t ReaderOf(DiskType_t type) {
     for (const ServedDisk_t& row : ServedDisks) {
@@ -104,6 +111,8 @@ CZuError CArchiveVirtualDiskFile::Create(const char* name, DiskType_t type, CAut
 CZuError CArchiveVirtualDiskFile::Close() {
     LogClosing("flat extent", m_FlatExtent.CloseExtent());
     LogClosing("sparse extent", m_SparseExtent.CloseExtent());
+    LogClosing("physical disk", m_PhysicalDisk.CloseDisk());
+    LogClosing("VHD file", m_VhdFile.CloseDisk());
     m_DiskType = NoDiskType;
     m_ProductType = NoProduct;
     return CZuError();
@@ -121,6 +130,13 @@ CZuError CArchiveVirtualDiskFile::GetFirstBlock(CAutoMemory<char>& metadata, uns
         ZU_RETURN_IF_ERROR(m_SparseExtent.GetMetadataInfo(metadata));
         break;
     case Reader_t::FlatExtent: ZU_RETURN_IF_ERROR(m_FlatExtent.GetMetadataInfo(metadata)); break;
+    case Reader_t::VhdDynamic: context.blockSectors = m_VhdFile.GetBlockSize(); [[fallthrough]];
+    case Reader_t::VhdFixed:
+        if (context.blockSectors == 0)
+            context.blockSectors = DefaultVhdBlockSectors;
+        ZU_RETURN_IF_ERROR(m_VhdFile.GetMetadataInfo(metadata));
+        break;
+    case Reader_t::PhysicalDisk:
     case Reader_t::None: break;
     }
     return CZuError();
@@ -150,18 +166,22 @@ CZuError CArchiveVirtualDiskFile::ReadBlock(CAutoMemory<char>& block, uint64_t b
 CZuError CArchiveVirtualDiskFile::WriteBlock(CAutoMemory<char>& data, uint64_t blockNumber, Context_t& context) {
     if (m_DiskType == NoDiskType)
         return Refusal(NoFileIsOpen);
+    const auto blockSectors = static_cast<unsigned int>(context.blockSectors);
     switch (ReaderOf(m_DiskType)) {
     case Reader_t::SparseExtent: ZU_RETURN_IF_ERROR(m_SparseExtent.WriteGrain(blockNumber, data)); break;
-    case Reader_t::FlatExtent:
-        ZU_RETURN_IF_ERROR(m_FlatExtent.WriteGrain(blockNumber, static_cast<unsigned int>(context.blockSectors), data));
-        break;
+    case Reader_t::FlatExtent: ZU_RETURN_IF_ERROR(m_FlatExtent.WriteGrain(blockNumber, blockSectors, data)); break;
+    case Reader_t::VhdFixed:
+    case Reader_t::VhdDynamic: ZU_RETURN_IF_ERROR(m_VhdFile.WriteBlock(blockNumber, blockSectors, data)); break;
+    case Reader_t::PhysicalDisk: ZU_RETURN_IF_ERROR(m_PhysicalDisk.WriteBlock(blockNumber, blockSectors, data)); break;
     case Reader_t::None: break;
     }
     return CZuError();
 }
 
-CZuError CArchiveVirtualDiskFile::SetDiskSize(uint64_t /*size*/) {
-    return m_DiskType != NoDiskType ? CZuError() : Refusal(NoFileIsOpen);
+CZuError CArchiveVirtualDiskFile::SetDiskSize(uint64_t size) {
+    if (m_DiskType == NoDiskType)
+        return Refusal(NoFileIsOpen);
+    return ReaderOf(m_DiskType) == Reader_t::PhysicalDisk ? m_PhysicalDisk.SetDiskSize(size) : CZuError();
 }
 
 CZuError CArchiveVirtualDiskFile::ParseDiskMetaData(DiskType_t type, CAutoMemory<char>& /*metadata*/,
@@ -200,6 +220,9 @@ CZuError CArchiveVirtualDiskFile::OpenReader(const char* name, DiskType_t type) 
     switch (ReaderOf(type)) {
     case Reader_t::SparseExtent: ZU_RETURN_IF_ERROR(m_SparseExtent.OpenExtent(name, 0, VwExtentTypeSparse)); break;
     case Reader_t::FlatExtent: ZU_RETURN_IF_ERROR(m_FlatExtent.OpenExtent(name, 0, VwExtentTypeFlat)); break;
+    case Reader_t::VhdFixed:
+    case Reader_t::VhdDynamic: ZU_RETURN_IF_ERROR(m_VhdFile.OpenDisk(name, type)); break;
+    case Reader_t::PhysicalDisk: ZU_RETURN_IF_ERROR(m_PhysicalDisk.OpenDisk(name)); break;
     case Reader_t::None: return NotSupported(type);
     }
     return CZuError();
@@ -209,14 +232,29 @@ CZuError CArchiveVirtualDiskFile::CreateTarget(const char* name, DiskType_t type
                                                unsigned int blockSectors, Context_t& context) {
     switch (m_ProductType) {
     case VirtualProdType_VMware: return CreateVmdkFile(name, type, metadata, blockSectors, context);
-    case VirtualProdType_HyperV: return NotSupported(type);
-    case VirtualProdType_Physical:
-        if (!IsPhysicalKind(type))
-            return Refusal(CZuString::Format("Unknown disk type {1} for product type VirtualProdType_Physical",
-                                             static_cast<int>(type)));
-        return NotSupported(type);
+    case VirtualProdType_HyperV: return CreateVhdFile(name, type, metadata, blockSectors, context);
+    case VirtualProdType_Physical: return CreatePhysicalDisk(name, type, blockSectors, context);
     }
     return UnknownProduct(m_ProductType);
+}
+
+CZuError CArchiveVirtualDiskFile::CreateVhdFile(const char* name, DiskType_t type, CAutoMemory<char>& metadata,
+                                                unsigned int blockSectors, Context_t& context) {
+    ZU_RETURN_IF_ERROR(m_VhdFile.CreateDisk(name, type, metadata));
+    context.blockSectors = m_VhdFile.GetBlockSize() != 0 ? m_VhdFile.GetBlockSize() : blockSectors;
+    return CZuError();
+}
+
+CZuError CArchiveVirtualDiskFile::CreatePhysicalDisk(const char* name, DiskType_t type, unsigned int blockSectors,
+                                                     Context_t& context) {
+    if (!IsPhysicalKind(type))
+        return Refusal(CZuString::Format("Unknown disk type {1} for product type VirtualProdType_Physical",
+                                         static_cast<int>(type)));
+    if (ReaderOf(type) != Reader_t::PhysicalDisk)
+        return NotSupported(type);
+    ZU_RETURN_IF_ERROR(m_PhysicalDisk.CreateDisk(name));
+    context.blockSectors = blockSectors;
+    return CZuError();
 }
 
 CZuError CArchiveVirtualDiskFile::CreateVmdkFile(const char* name, DiskType_t type, CAutoMemory<char>& metadata,
@@ -230,9 +268,8 @@ CZuError CArchiveVirtualDiskFile::CreateVmdkFile(const char* name, DiskType_t ty
         ZU_RETURN_IF_ERROR(m_FlatExtent.CreateExtent(name, VwExtentTypeFlat, metadata));
         context.blockSectors = blockSectors;
         return CZuError();
-    case Reader_t::None: break;
+    default: return NotSupported(type);
     }
-    return NotSupported(type);
 }
 
 CZuError CArchiveVirtualDiskFile::AllocateBlock(CAutoMemory<char>& block, const char* outOfMemory,
@@ -248,8 +285,8 @@ CZuError CArchiveVirtualDiskFile::AllocateBlock(CAutoMemory<char>& block, const 
 // Reads the context's block, or the next one that the disk file holds.
 CZuError CArchiveVirtualDiskFile::ReadForward(CAutoMemory<char>& block, Context_t& context) {
     CZuError error = ReadCurrentBlock(block, context);
-    while (m_SparseExtent.IsErrorSectorNotFound(error) != 0) {
-        context.blockNumber = m_SparseExtent.NextHeldGrain(context.blockNumber + 1);
+    while (IsHole(error)) {
+        context.blockNumber = NextHeldBlock(context.blockNumber + 1);
         error = ReadCurrentBlock(block, context);
     }
     if (IsEndOfReader(error))
@@ -262,6 +299,9 @@ CZuError CArchiveVirtualDiskFile::ReadCurrentBlock(CAutoMemory<char>& block, con
     switch (ReaderOf(m_DiskType)) {
     case Reader_t::SparseExtent: return ReadSparseGrain(block, context);
     case Reader_t::FlatExtent: return ReadFlatGrain(block, context);
+    case Reader_t::VhdFixed:
+    case Reader_t::VhdDynamic: return ReadVhdBlock(block, context);
+    case Reader_t::PhysicalDisk: return ReadPhysicalBlock(block, context);
     case Reader_t::None: break;
     }
     return CZuError();
@@ -282,6 +322,33 @@ CZuError CArchiveVirtualDiskFile::ReadFlatGrain(CAutoMemory<char>& block, const 
     return CZuError();
 }
 
+// A fixed disk says how much came; a block of a dynamic one comes whole.
+CZuError CArchiveVirtualDiskFile::ReadVhdBlock(CAutoMemory<char>& block, const Context_t& context) {
+    unsigned int gotSectors = 0;
+    CZuError error =
+        m_VhdFile.ReadBlock(context.blockNumber, block.GetPtr(), block.GetSize() >> SectorShift, gotSectors);
+    if (error.IsErrorSet())
+        return error;
+    if (ReaderOf(m_DiskType) == Reader_t::VhdFixed)
+        block.Alloc(gotSectors << SectorShift);
+    return CZuError();
+}
+
+CZuError CArchiveVirtualDiskFile::ReadPhysicalBlock(CAutoMemory<char>& block, const Context_t& context) {
+    return m_PhysicalDisk.ReadBlock(context.blockNumber, block.GetPtr(), block.GetSize() >> SectorShift);
+}
+
+bool CArchiveVirtualDiskFile::IsHole(const CZuError& error) const {
+    return m_SparseExtent.IsErrorSectorNotFound(error) != 0 || m_VhdFile.IsErrorSectorNotFound(error) != 0;
+}
+
+// Empty disks have millions of holes, which the tables pass over faster than reads would.
+uint64_t CArchiveVirtualDiskFile::NextHeldBlock(uint64_t number) const {
+    return ReaderOf(m_DiskType) == Reader_t::SparseExtent ? m_SparseExtent.NextHeldGrain(number)
+                                                          : m_VhdFile.NextHeldBlock(number);
+}
+
 bool CArchiveVirtualDiskFile::IsEndOfReader(const CZuError& error) const {
-    return m_SparseExtent.IsErrorEOF(error) != 0 || m_FlatExtent.IsErrorEOF(error) != 0;
+    return m_SparseExtent.IsErrorEOF(error) != 0 || m_FlatExtent.IsErrorEOF(error) != 0 ||
+           m_VhdFile.IsErrorEOF(error) != 0 || m_PhysicalDisk.IsErrorEOF(error) != 0;
 }

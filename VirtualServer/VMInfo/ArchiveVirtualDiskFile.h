@@ -4,6 +4,8 @@
 #include <string>
 
 #include "VirtualServer/VMInfo/DiskTypes.h"
+#include "VirtualServer/VMInfo/PhysicalDiskReader.h"
+#include "VirtualServer/VMInfo/VHDFileReader.h"
 #include "VirtualServer/VMInfo/VmdkFileReader.h"
 #include "VirtualServer/VMInfo/VmdkFlatExtentReader.h"
 #include "VirtualServer/VMInfo/VmdkSparseExtentReader.h"
@@ -45,7 +47,8 @@ public:
     CZuError Close();
 
     // Fills `metadata` with the disk's record and brings `context` to the start of the stream.
-    // `blockSectors` is the block size of the kinds that have none of their own, and isn't 0.
+    // `blockSectors` is the block size of the kinds that have none of their own, and isn't 0 but
+    // for a fixed VHD, which takes 0x10000 then. A physical disk has no record: it stays empty.
     CZuError GetFirstBlock(CAutoMemory<char>& metadata, unsigned int blockSectors, Context_t& context);
 
     // The next block that holds data, in a buffer that is reused from call to call. `blockNumber`
@@ -59,7 +62,7 @@ public:
     // Writes one block of the stream. A failure leaves the object open.
     CZuError WriteBlock(CAutoMemory<char>& data, uint64_t blockNumber, Context_t& context);
 
-    // The size in bytes of a physical target. Kinds that know their size pass over it.
+    // The size in bytes of a physical disk. Kinds that know their size pass over it.
     CZuError SetDiskSize(uint64_t size);
 
     // What a record of a disk behind a hypervisor tells. Other kinds touch nothing.
@@ -83,15 +86,24 @@ private:
                           Context_t& context);
     CZuError CreateVmdkFile(const char* name, DiskType_t type, CAutoMemory<char>& metadata, unsigned int blockSectors,
                             Context_t& context);
+    CZuError CreateVhdFile(const char* name, DiskType_t type, CAutoMemory<char>& metadata, unsigned int blockSectors,
+                           Context_t& context);
+    CZuError CreatePhysicalDisk(const char* name, DiskType_t type, unsigned int blockSectors, Context_t& context);
     CZuError ReadForward(CAutoMemory<char>& block, Context_t& context);
     CZuError AllocateBlock(CAutoMemory<char>& block, const char* outOfMemory, const Context_t& context) const;
     CZuError ReadCurrentBlock(CAutoMemory<char>& block, const Context_t& context);
     CZuError ReadSparseGrain(CAutoMemory<char>& block, const Context_t& context);
     CZuError ReadFlatGrain(CAutoMemory<char>& block, const Context_t& context);
+    CZuError ReadVhdBlock(CAutoMemory<char>& block, const Context_t& context);
+    CZuError ReadPhysicalBlock(CAutoMemory<char>& block, const Context_t& context);
+    bool IsHole(const CZuError& error) const;
+    uint64_t NextHeldBlock(uint64_t number) const;
     bool IsEndOfReader(const CZuError& error) const;
 
     ProductType_t m_ProductType;
     DiskType_t m_DiskType = NoDiskType;
     CVmdkSparseExtentReader m_SparseExtent;
     CVmdkFlatExtentReader m_FlatExtent;
+    CPhysicalDiskReader m_PhysicalDisk;
+    CVHDFileReader m_VhdFile;
 };

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "VirtualServer/VMInfo/UtilityFunctions.h"
 #include "VirtualServer/VMInfo/detail/SparseDumpRecord.h"
 #include "VirtualServer/VMInfo/detail/TableReader.h"
 #include "VirtualServer/VMInfo/detail/VmdkDescriptorText.h"
@@ -17,6 +18,18 @@ CZuString IndexedName(const char* name, size_t index) {
     char text[17];
     std::snprintf(text, sizeof(text), "%08x", static_cast<unsigned int>(index));
     return CZuString::Format("{1}_{2}", name, text);
+}
+
+// Asks the extents in their order until one has the sector that `ask` is about.
+template <typename Extent, typename Ask> CZuError AskExtents(std::vector<Extent>& extents, Ask ask) {
+    for (Extent& extent : extents) {
+        CZuError error = ask(extent);
+        if (extent.IsErrorEOF(error) != 0)
+            continue;  // it lies in another extent
+        ZU_RETURN_IF_ERROR(error);
+        return CZuError();
+    }
+    return SectorOutOfRange.Error();
 }
 
 }  // namespace
@@ -44,9 +57,23 @@ CZuError CVmdkFileReader::CloseDisk() {
 }
 
 CZuError CVmdkFileReader::ReadSector(uint64_t sector, char* buffer, unsigned long size) {
+    if (m_OpenKind == OpenKind_t::Flat)
+        return AskExtents(m_FlatExtents, [&](auto& extent) { return extent.ReadExtentSector(sector, buffer, size); });
+    return AskExtents(m_SparseExtents, [&](auto& extent) {
+        CZuError error = extent.ReadExtentSector(sector, buffer, static_cast<uint32_t>(size));
+        return extent.IsErrorSectorNotFound(error) != 0 ? SectorNotFound.Error() : error;
+    });
+}
+
+CZuError CVmdkFileReader::FindRun(uint64_t sector, uint64_t mostSectors, SectorRun_t& run) {
     ZU_RETURN_IF_ERROR(RefuseUnlessOpen());
-    return m_OpenKind == OpenKind_t::Flat ? ReadFlatSector(sector, buffer, size)
-                                          : ReadSparseSector(sector, buffer, size);
+    const auto findRun = [&](auto& extent) { return extent.FindRun(sector, mostSectors, run); };
+    return m_OpenKind == OpenKind_t::Flat ? AskExtents(m_FlatExtents, findRun) : AskExtents(m_SparseExtents, findRun);
+}
+
+CZuError CVmdkFileReader::ReadRun(const SectorRun_t& run, char* buffer, uint32_t size) {
+    ZU_RETURN_IF_ERROR(ReadFileAt(*run.file, run.fileOffset, 0, buffer, size, nullptr));
+    return CZuError();
 }
 
 CZuError CVmdkFileReader::ParseVmdkDescriptorFile(const char* name, VmdkDescriptorFile_t& out, DiskType_t /*type*/) {
@@ -131,28 +158,4 @@ CZuError CVmdkFileReader::RefuseUnlessOpen() const {
     case OpenKind_t::Sparse: return CZuError();
     }
     return Refusal("Object is in invalid state. Note sure what is the file type");
-}
-
-CZuError CVmdkFileReader::ReadFlatSector(uint64_t sector, char* buffer, unsigned long size) {
-    for (CVmdkFlatExtentReader& extent : m_FlatExtents) {
-        CZuError error = extent.ReadExtentSector(sector, buffer, size);
-        if (extent.IsErrorEOF(error))
-            continue;  // it lies in another extent
-        ZU_RETURN_IF_ERROR(error);
-        return CZuError();
-    }
-    return SectorOutOfRange.Error();
-}
-
-CZuError CVmdkFileReader::ReadSparseSector(uint64_t sector, char* buffer, unsigned long size) {
-    for (CVmdkSparseExtentReader& extent : m_SparseExtents) {
-        CZuError error = extent.ReadExtentSector(sector, buffer, static_cast<uint32_t>(size));
-        if (extent.IsErrorEOF(error))
-            continue;  // it lies in another extent
-        if (extent.IsErrorSectorNotFound(error))
-            return SectorNotFound.Error();
-        ZU_RETURN_IF_ERROR(error);
-        return CZuError();
-    }
-    return SectorOutOfRange.Error();
 }

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "VirtualServer/VMInfo/DiskTypes.h"
+#include "VirtualServer/VMInfo/SectorRun.h"
 #include "VirtualServer/VMInfo/VmdkFlatExtentReader.h"
 #include "VirtualServer/VMInfo/VmdkSparseExtentReader.h"
 #include "foundation/ZuError.h"
@@ -54,6 +55,13 @@ public:
     // no extent has that sector, `IsErrorSectorNotFound` when its grain was never allocated.
     CZuError ReadSector(uint64_t sector, char* buffer, unsigned long size);
 
+    // Tells how far the answer for `sector` holds, over at most `mostSectors` sectors. Fails as
+    // `ReadSector` does, but a sector that was never allocated is an answer and no failure.
+    CZuError FindRun(uint64_t sector, uint64_t mostSectors, SectorRun_t& run);
+
+    // Reads `size` bytes of a held run of this disk from its start on.
+    CZuError ReadRun(const SectorRun_t& run, char* buffer, uint32_t size);
+
     // Reads the descriptor file `name` of at most 20 KiB. `type` has no effect. After a failure
     // `out` is partly filled.
     CZuError ParseVmdkDescriptorFile(const char* name, VmdkDescriptorFile_t& out, DiskType_t type);
@@ -78,8 +86,6 @@ private:
     template <typename Extent>
     CZuError OpenExtents(const VmdkDescriptorFile_t& descriptor, VwExtentType type, std::vector<Extent>& extents);
     CZuError RefuseUnlessOpen() const;
-    CZuError ReadFlatSector(uint64_t sector, char* buffer, unsigned long size);
-    CZuError ReadSparseSector(uint64_t sector, char* buffer, unsigned long size);
 
     DiskType_t m_DiskType = NoDiskType;
     OpenKind_t m_OpenKind = OpenKind_t::None;

@@ -1,5 +1,7 @@
 #include "VirtualServer/VMInfo/VmdkFlatExtentReader.h"
 
+#include <algorithm>
+
 #include "VirtualServer/VMInfo/UtilityFunctions.h"
 #include "VirtualServer/VMInfo/detail/MetadataRecord.h"
 #include "VirtualServer/VMInfo/detail/SparseDumpRecord.h"
@@ -58,6 +60,17 @@ CZuError CVmdkFlatExtentReader::ReadExtentSector(uint64_t sector, char* buffer, 
         return Refusal("Cannot read more than sector size");
     ZU_RETURN_IF_ERROR(ReadFileAt(m_File, FileOffsetOfSector(sector - m_FirstSector), 0, buffer,
                                   static_cast<unsigned int>(size), nullptr));
+    return CZuError();
+}
+
+CZuError CVmdkFlatExtentReader::FindRun(uint64_t sector, uint64_t mostSectors, SectorRun_t& run) {
+    if (sector < m_FirstSector || sector - m_FirstSector >= GetTotalSectors())
+        return EndOfExtent.Error();
+    if (!m_File.IsValid())
+        return Refusal(NoOpenFile);
+    run.sectors = std::min(mostSectors, m_LastSector - sector + 1);
+    run.file = &m_File;
+    run.fileOffset = FileOffsetOfSector(sector - m_FirstSector);
     return CZuError();
 }
 

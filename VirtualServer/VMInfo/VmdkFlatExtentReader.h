@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "VirtualServer/VMInfo/DiskTypes.h"
+#include "VirtualServer/VMInfo/SectorRun.h"
 #include "foundation/AutoMemory.h"
 #include "foundation/ZuError.h"
 #include "foundation/ZuFile.h"
@@ -33,6 +34,10 @@ public:
     // Reads the first `size` bytes (at most 512) of disk sector `sector` into `buffer`.
     // `IsErrorEOF` holds for the error when the sector lies outside this extent.
     CZuError ReadExtentSector(uint64_t sector, char* buffer, unsigned long size);
+
+    // Tells where `sector` and those behind it lie, at most `mostSectors`. `IsErrorEOF` holds when it
+    // lies outside this extent.
+    CZuError FindRun(uint64_t sector, uint64_t mostSectors, SectorRun_t& run);
 
     // Reads block `number` of `sectors` sectors; `gotSectors` tells how many came. Callers rely on
     // blocks being counted from the file's start, whatever the extent's first sector: blocks are

@@ -114,9 +114,30 @@ CZuError CVmdkSparseExtentReader::ReadExtentSector(uint64_t sector, char* data, 
         return Refusal(VmdkSparseNoData);
     if (size > m_SectorSize)
         return Refusal("Cannot read more than sector size");
-    uint64_t fileSector = 0;
-    ZU_RETURN_IF_ERROR(FindSector(sector, fileSector));
-    ZU_RETURN_IF_ERROR(ReadFileAt(m_File, FileOffsetOfSector(fileSector), 0, data, size, nullptr));
+    SectorRun_t run;
+    ZU_RETURN_IF_ERROR(FindRun(sector, 1, run));
+    if (!run.IsHeld())
+        return SectorNotFound.Error();
+    ZU_RETURN_IF_ERROR(ReadFileAt(m_File, run.fileOffset, 0, data, size, nullptr));
+    return CZuError();
+}
+
+CZuError CVmdkSparseExtentReader::FindRun(uint64_t sector, uint64_t mostSectors, SectorRun_t& run) {
+    if (sector < m_StartSector || sector > m_EndSector || m_GrainSize == 0)
+        return EndOfExtent.Error();
+    if (!m_File.IsValid())
+        return Refusal(VmdkSparseNoOpenFile);
+    const uint64_t relative = sector - m_StartSector;
+    const uint64_t grain = relative / m_GrainSize;
+    const uint64_t inGrain = relative % m_GrainSize;
+    if (grain >= GrainBound())
+        return EndOfExtent.Error();
+    const uint64_t most = std::min(mostSectors, m_EndSector - sector + 1);
+    const uint64_t grains = CountEqualGrains(grain, most / m_GrainSize + 2);
+    const uint32_t grainSector = GrainSectorOrHole(grain);
+    run.sectors = std::min(most, grains * m_GrainSize - inGrain);
+    run.file = grainSector != 0 ? &m_File : nullptr;
+    run.fileOffset = FileOffsetOfSector(grainSector + inGrain);
     return CZuError();
 }
 
@@ -320,23 +341,26 @@ uint64_t CVmdkSparseExtentReader::GrainBound() const {
 CZuError CVmdkSparseExtentReader::FindGrain(uint64_t index, uint32_t& sector) const {
     if (index >= GrainBound())
         return EndOfExtent.Error();
-    const GrainTableRef_t& table = ActiveGTs()[static_cast<size_t>(index / m_NumGTEsPerGT)];
-    if (table.sector == 0)
-        return SectorNotFound.Error();
-    sector = table.entries[static_cast<size_t>(index % m_NumGTEsPerGT)];
+    sector = GrainSectorOrHole(index);
     return sector != 0 ? CZuError() : SectorNotFound.Error();
 }
 
-// The file sector at which disk sector `sector`, which lies inside the extent, is kept.
-CZuError CVmdkSparseExtentReader::FindSector(uint64_t sector, uint64_t& fileSector) const {
-    if (m_GrainSize == 0)
-        return EndOfExtent.Error();
-    const uint64_t relative = sector - m_StartSector;
-    uint32_t grainSector = 0;
-    if (CZuError error = FindGrain(relative / m_GrainSize, grainSector); error.IsErrorSet())
-        return error;
-    fileSector = grainSector + relative % m_GrainSize;
-    return CZuError();
+// The file sector at which grain `index`, which is below the bound, lies; 0 for a hole.
+uint32_t CVmdkSparseExtentReader::GrainSectorOrHole(uint64_t index) const {
+    const GrainTableRef_t& table = ActiveGTs()[static_cast<size_t>(index / m_NumGTEsPerGT)];
+    return table.sector != 0 ? table.entries[static_cast<size_t>(index % m_NumGTEsPerGT)] : Le32_t{};
+}
+
+// The grains from `index` on that follow one another in the file, or that are all holes.
+uint64_t CVmdkSparseExtentReader::CountEqualGrains(uint64_t index, uint64_t mostGrains) const {
+    const uint64_t most = std::min(mostGrains, GrainBound() - index);
+    const uint64_t first = GrainSectorOrHole(index);
+    if (first == 0)
+        return std::min(NextHeldGrain(index) - index, most);
+    uint64_t count = 1;
+    while (count < most && GrainSectorOrHole(index + count) == first + count * m_GrainSize)
+        ++count;
+    return count;
 }
 
 // The size counts absent tables too; callers rely on the zeros that they leave at the end.

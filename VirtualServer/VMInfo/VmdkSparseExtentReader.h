@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "VirtualServer/VMInfo/DiskTypes.h"
+#include "VirtualServer/VMInfo/SectorRun.h"
 #include "VirtualServer/VMInfo/VmdkSparseFormat.h"
 #include "foundation/AutoMemory.h"
 #include "foundation/ByteOrder.h"
@@ -48,6 +49,11 @@ public:
     // Reads the first `size` bytes (at most 512) of disk sector `sector`. `IsErrorEOF` holds when
     // it lies outside the extent, `IsErrorSectorNotFound` when no grain holds it.
     CZuError ReadExtentSector(uint64_t sector, char* data, uint32_t size);
+
+    // Tells how far the answer for `sector` holds, over at most `mostSectors` sectors: grains that lie
+    // one behind the other in the file make one run, and so do grains that none holds. `IsErrorEOF`
+    // holds when the sector lies outside the extent.
+    CZuError FindRun(uint64_t sector, uint64_t mostSectors, SectorRun_t& run);
 
     // Reads grain `index`, counted from the extent's start, into `data`, which holds a whole grain.
     // `IsErrorEOF` holds behind the last table's last grain, which may lie beyond the capacity.
@@ -94,7 +100,8 @@ private:
 
     uint64_t GrainBound() const;
     CZuError FindGrain(uint64_t index, uint32_t& sector) const;
-    CZuError FindSector(uint64_t sector, uint64_t& fileSector) const;
+    uint32_t GrainSectorOrHole(uint64_t index) const;
+    uint64_t CountEqualGrains(uint64_t index, uint64_t mostGrains) const;
     bool ComputeMetadataSize(uint32_t& sizeBytes) const;
     uint32_t HeaderBytes() const;
     CZuError WriteBitmaps(CZuFile& out) const;

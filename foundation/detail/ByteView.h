@@ -52,6 +52,14 @@ public:
         return true;
     }
 
+    // Passes over the next `size` bytes; false, and nothing passed, when fewer are left.
+    [[nodiscard]] bool Skip(uint64_t size) {
+        if (!m_Rest.Holds(0, size))
+            return false;
+        m_Rest = m_Rest.From(size);
+        return true;
+    }
+
     CByteView Rest() const { return m_Rest; }
 
 private:

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <string>
 
+#include "platform/DriveName.h"
 #include "platform/Files.h"
 #include "platform/SystemFiles.h"
 
@@ -61,8 +62,8 @@ int StopNotWaiting(int fd) {
     return 0;
 }
 
-std::string WithSlashes(const char* name) {
-    std::string path = name;
+std::string SystemPath(const char* name) {
+    std::string path = WithoutDrivePrefix(name);
     std::replace(path.begin(), path.end(), '\\', '/');
     return path;
 }
@@ -70,7 +71,7 @@ std::string WithSlashes(const char* name) {
 class CPosixFiles final : public IFiles {
 public:
     int Open(const char* name, int flags, int mode, int& fd) override {
-        const std::string path = WithSlashes(name);
+        const std::string path = SystemPath(name);
         int error = RefuseNameUnlessDisk(path.c_str());
         if (error != 0)
             return error;

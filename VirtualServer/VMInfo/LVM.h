@@ -1,0 +1,119 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "VirtualServer/VMInfo/DiskTypes.h"
+#include "VirtualServer/VMInfo/HardDiskReader.h"
+#include "VirtualServer/VMInfo/NtfsVolumeData.h"
+#include "foundation/Guid.h"
+#include "foundation/ZuError.h"
+#include "platform/Export.h"
+
+class IVMInfo;
+
+constexpr uint32_t NoHardDisk = 0xFFFFFFFF;
+
+// One disk as the caller gives it.
+struct LVM_HardDisk_t {
+    ProductType_t ProductType = VirtualProdType_VMware;
+    std::vector<Disk_t> Disks;  // the chain, base first
+};
+
+// One run of sectors on one disk.
+struct LVM_Component_t {
+    GUID DiskGUID{};  // of the disk in its dynamic-disk database; zero otherwise
+    uint64_t DiskLBAStart = 0;
+    uint64_t DiskLBAEnd = 0;  // inside the run
+    uint64_t VolLBAStart = 0;
+    uint64_t VolLBAEnd = 0;  // inside the run
+    int32_t ColumnIndex = 0;
+    uint32_t HardDiskIndex = NoHardDisk;  // into the disks; all ones for one that wasn't found
+};
+
+struct LVM_Segment_t {
+    std::vector<LVM_Component_t> Components;  // by place in the volume, or by column where striped
+    uint64_t StripeSize = 0;                  // sectors; 0 for no stripes
+    uint64_t LBAStart = 0;                    // of the volume
+    uint64_t LBAEnd = 0;                      // the last one; callers rely on a plain partition's being one behind it
+};
+
+struct LVM_Volume_t {
+    GUID VolGUID{};          // of a dynamic volume; zero for a plain partition
+    char VolName[100] = {};  // ended by 0
+    int32_t IsRaid5 = 0;
+    uint8_t SystemID = 0;                 // the partition's type: 7 for NTFS, 0x8E for Linux LVM2
+    int32_t AllDiskFound = 0;             // every component has its disk
+    std::vector<LVM_Segment_t> Segments;  // in the order of the volume
+};
+
+// The volumes on a set of disks, found without an operating system's help.
+//
+// Construct, `InitializeFromDisk`, `GetVolumes`, read in any order. The disks stay open until
+// `Reset` or the end of the object. Not for use by two threads at once, reads included.
+class DISKSTREAM_EXPORT CLVM {
+public:
+    // Looks up in the settings whether Linux volumes are looked for: number `LinuxMetadataSupport`
+    // of section "VirtualServer".
+    CLVM();
+    CLVM(const CLVM&) = delete;
+    CLVM& operator=(const CLVM&) = delete;
+    ~CLVM();
+
+    // Closes all disks and forgets all volumes.
+    void Reset();
+
+    // What disks behind a hypervisor need. `info` stays the caller's.
+    void SetVMInfo(IVMInfo* info, const char* first, const char* second);
+
+    // Opens the disks and finds their volumes. A disk that opens but can't be read is passed over,
+    // and gets no index. A volume whose disks aren't all there is kept, and marked. After a failure
+    // what was found so far stays. Of plain partitions only those with NTFS become volumes.
+    CZuError InitializeFromDisk(std::vector<LVM_HardDisk_t>& disks);
+
+    std::vector<LVM_Volume_t> GetVolumes() const { return m_Volumes; }
+
+    // Reads `length` bytes, not 0, at byte `offset` of `volume`. `bytesRead`, which may be null, is
+    // what was read, after a failure too.
+    //
+    // Callers keep each read within one stripe and one component: behind such a boundary the place
+    // on the disk is worked out from the start of the request all the same, and other bytes come.
+    CZuError ReadVolumeData(const LVM_Volume_t& volume, uint64_t offset, void* buffer, uint32_t length,
+                            uint32_t* bytesRead) const;
+
+    // Fills `info` from the volume's boot sector.
+    CZuError GetNTFSVolInfo(const LVM_Volume_t& volume, NTFS_VOLUME_DATA_BUFFER* info) const;
+
+    // Kept for the process: set once, before work starts.
+    using QuitFlagCallback_t = int (*)(int, void*, void*);
+    static void SetQuitFlagCallback(QuitFlagCallback_t callback, int first, void* second);
+
+private:
+    struct Place_t;
+
+    CZuError AddHardDisk(const LVM_HardDisk_t& disk);
+    CZuError ParseAndAddDOSPartitions(uint32_t diskIndex);
+    CZuError ParseAndAddLDMPartitions(uint32_t diskIndex, int64_t privateHeadLBA, int64_t dataStartLBA);
+    void AddPartition(const Partition_Entry_t& entry, uint32_t diskIndex);
+    CZuError AddLinuxVolumes();
+    void FinishVolumes();
+    static void FinishSegments(LVM_Volume_t& volume);
+
+    static CZuError FindPlace(const LVM_Volume_t& volume, uint64_t offset, uint64_t lba, Place_t& place);
+    static CZuError FindInStripes(const LVM_Volume_t& volume, uint64_t offset, uint64_t lba, Place_t& place);
+    static CZuError FindInSpan(const LVM_Volume_t& volume, uint64_t offset, uint64_t lba, Place_t& place);
+
+    std::vector<std::unique_ptr<CHardDiskReader>> m_HardDisks;  // by `HardDiskIndex`
+    std::vector<LVM_Volume_t> m_Volumes;
+    std::vector<LVM_Component_t> m_UndecidedComponents;  // that may be Linux physical volumes
+    IVMInfo* m_pVMInfo = nullptr;
+    std::string m_VMInfoName1;
+    std::string m_VMInfoName2;
+    int32_t m_LinuxMetadataSupport = 0;
+
+    static QuitFlagCallback_t CheckQuitFlag;
+    static int checkQuitFlagCallbackFirstArg;
+    static void* checkQuitFlagCallbackSecondArg;
+};

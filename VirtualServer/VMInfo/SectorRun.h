@@ -1,0 +1,15 @@
+#pragma once
+
+#include <cstdint>
+
+class CZuFile;
+
+// How far one answer holds from a sector on: so many sectors are kept one behind the other, or none
+// of so many is kept. It spares callers that read on to ask for each sector anew.
+struct SectorRun_t {
+    uint64_t sectors = 0;     // at least 1
+    CZuFile* file = nullptr;  // the reader's own, which holds the run; null where nothing does
+    uint64_t fileOffset = 0;  // bytes; where the run lies in the file
+
+    bool IsHeld() const { return file != nullptr; }
+};
