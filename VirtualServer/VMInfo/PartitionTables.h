@@ -6,8 +6,8 @@
 #include "foundation/ByteOrder.h"
 #include "foundation/Guid.h"
 
-// The partition tables of a disk as they lie in its sectors. The GPT is that of the UEFI
-// specification; docs/formats/partition-tables.md describes both.
+// The partition tables of a disk as they lie in its sectors. docs/formats/partition-tables.md
+// describes them.
 
 // One of the four slots of a master or extended boot record.
 struct BootRecordSlot_t {
