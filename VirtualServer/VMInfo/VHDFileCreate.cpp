@@ -64,7 +64,7 @@ CZuError CVHDFileReader::WriteBlock(uint64_t index, uint32_t blockSectors, CAuto
         return Refusal(VhdNoOpenDisk);
     ZU_RETURN_IF_ERROR(RefuseOtherBlockSize(blockSectors));
     if (data.GetSize() > uint64_t{blockSectors} << SectorShift)
-        return Refusal("Data size is greater than grain size");
+        return Refusal("Data size greater than grain size");
     uint64_t firstSector = 0;
     if (HasNoSectors() || !CheckedMul(index, blockSectors, firstSector) || firstSector > m_LastSector)
         return VhdEndOfDisk.Error();
