@@ -57,6 +57,7 @@ CZuError CVmdkFileReader::CloseDisk() {
 }
 
 CZuError CVmdkFileReader::ReadSector(uint64_t sector, char* buffer, unsigned long size) {
+    ZU_RETURN_IF_ERROR(RefuseUnlessOpen());
     if (m_OpenKind == OpenKind_t::Flat)
         return AskExtents(m_FlatExtents, [&](auto& extent) { return extent.ReadExtentSector(sector, buffer, size); });
     return AskExtents(m_SparseExtents, [&](auto& extent) {

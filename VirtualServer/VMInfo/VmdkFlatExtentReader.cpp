@@ -68,7 +68,7 @@ CZuError CVmdkFlatExtentReader::FindRun(uint64_t sector, uint64_t mostSectors, S
         return EndOfExtent.Error();
     if (!m_File.IsValid())
         return Refusal(NoOpenFile);
-    run.sectors = std::min(mostSectors, m_LastSector - sector + 1);
+    run.sectors = std::min(std::max<uint64_t>(mostSectors, 1), m_LastSector - sector + 1);
     run.file = &m_File;
     run.fileOffset = FileOffsetOfSector(sector - m_FirstSector);
     return CZuError();

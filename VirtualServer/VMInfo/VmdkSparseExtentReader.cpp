@@ -132,10 +132,12 @@ CZuError CVmdkSparseExtentReader::FindRun(uint64_t sector, uint64_t mostSectors,
     const uint64_t inGrain = relative % m_GrainSize;
     if (grain >= GrainBound())
         return EndOfExtent.Error();
-    const uint64_t most = std::min(mostSectors, m_EndSector - sector + 1);
-    const uint64_t grains = CountEqualGrains(grain, most / m_GrainSize + 2);
+    // The 1 is added last: an extent of no sectors at sector 0 ends at all ones.
+    const uint64_t most = std::min(std::max<uint64_t>(mostSectors, 1) - 1, m_EndSector - sector) + 1;
+    const uint64_t grains = CountEqualGrains(grain, std::min(most / m_GrainSize, GrainBound()) + 2);
     const uint32_t grainSector = GrainSectorOrHole(grain);
-    run.sectors = std::min(most, grains * m_GrainSize - inGrain);
+    uint64_t grainsSectors = 0;
+    run.sectors = CheckedMul(grains, m_GrainSize, grainsSectors) ? std::min(most, grainsSectors - inGrain) : most;
     run.file = grainSector != 0 ? &m_File : nullptr;
     run.fileOffset = FileOffsetOfSector(grainSector + inGrain);
     return CZuError();
