@@ -123,10 +123,10 @@ CZuError CVHDFileReader::ReadBlock(uint64_t index, char* data, uint32_t blockSec
 }
 
 uint64_t CVHDFileReader::NextHeldBlock(uint64_t index) const {
-    const Be32_t* const entries = m_BAT.GetPtr();
-    while (index < m_BAT.GetSize() && entries[index] == VhdBlockNotAllocated)
-        ++index;
-    return index;
+    if (GetBlockSize() == 0)
+        return index;
+    const uint64_t endOfDisk = m_LastSector / GetBlockSize() + 1;
+    return std::max(index, std::min(NextTableEntry(index), endOfDisk));
 }
 
 int CVHDFileReader::IsErrorEOF(const CZuError& error) const {
@@ -212,6 +212,14 @@ CZuError CVHDFileReader::FindDynamicRun(uint64_t sector, uint64_t mostSectors, S
     run.file = HasBit(*bitmap, inBlock) ? &m_File : nullptr;
     run.fileOffset = FileOffsetOfSector(uint64_t{blockSector} + m_BitmapSectors + inBlock);
     return CZuError();
+}
+
+// The first entry from `index` on that names a block, or one behind the last.
+uint64_t CVHDFileReader::NextTableEntry(uint64_t index) const {
+    const Be32_t* const entries = m_BAT.GetPtr();
+    while (index < m_BAT.GetSize() && entries[index] == VhdBlockNotAllocated)
+        ++index;
+    return index;
 }
 
 // The file sector at which block `index` begins. A table that is too short for the disk ends it.

@@ -52,7 +52,8 @@ public:
     // of a large dynamic disk never come. `IsErrorEOF` and `IsErrorSectorNotFound` tell the rest.
     CZuError ReadBlock(uint64_t index, char* data, uint32_t blockSectors, unsigned int& gotSectors);
 
-    // The first block from `index` on that the table has, or one behind its last entry.
+    // Where reading block by block from `index` on would come to first: a block that the table has,
+    // one behind its last entry, or the first block behind the disk's end. To step over holes.
     uint64_t NextHeldBlock(uint64_t index) const;
 
     // Writes `data`, at most `blockSectors` sectors, as block `index`: for a dynamic disk the bitmap
@@ -88,6 +89,7 @@ private:
 
     CZuError FindFixedRun(uint64_t sector, uint64_t mostSectors, SectorRun_t& run);
     CZuError FindDynamicRun(uint64_t sector, uint64_t mostSectors, SectorRun_t& run);
+    uint64_t NextTableEntry(uint64_t index) const;
     CZuError FindBlock(uint64_t index, uint32_t& sector) const;
     CZuError LoadBitmap(uint32_t blockSector, const CAutoMemory<char>*& bitmap);
     CZuError ReadFixedBlock(uint64_t index, char* data, uint32_t blockSectors, unsigned int& gotSectors);

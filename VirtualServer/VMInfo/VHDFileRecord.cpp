@@ -122,11 +122,11 @@ CZuError CVHDFileReader::WriteBitmaps(CZuFile& out) {
     if (bitmap.Alloc(std::max(topBytes, bitmapBytes)) == nullptr)
         return Refusal(OutOfMemory);
     std::fill_n(bitmap.GetPtr(), topBytes, '\0');
-    for (uint64_t index = NextHeldBlock(0); index < count; index = NextHeldBlock(index + 1))
+    for (uint64_t index = NextTableEntry(0); index < count; index = NextTableEntry(index + 1))
         SetBit(bitmap.GetPtr(), index);
     if (topBytes != 0)
         ZU_RETURN_IF_ERROR(WriteWhole(out, bitmap.GetPtr(), topBytes));
-    for (uint64_t index = NextHeldBlock(0); index < count; index = NextHeldBlock(index + 1)) {
+    for (uint64_t index = NextTableEntry(0); index < count; index = NextTableEntry(index + 1)) {
         const uint64_t offset = FileOffsetOfSector(m_BAT.GetPtr()[index]);
         ZU_RETURN_IF_ERROR(ReadFileAt(m_File, offset, 0, bitmap.GetPtr(), bitmapBytes, nullptr));
         ZU_RETURN_IF_ERROR(WriteWhole(out, bitmap.GetPtr(), bitmapBytes));

@@ -15,6 +15,7 @@
 #include "tests/support/MetadataRecordText.h"
 #include "tests/support/SameBytes.h"
 #include "tests/support/TempDir.h"
+#include "tests/support/VhdBuilder.h"
 #include "tests/support/VmdkSparseBuilder.h"
 
 namespace {
@@ -31,10 +32,26 @@ bool IsFlat(int type) {
     return type == 3 || type == 6;
 }
 
+bool IsServed(int product, int type) {
+    const bool isVhd = type >= 12 && type <= 14;
+    const bool isPhysical = type == 15 || type == 16;
+    return (product == 1 && (IsSparse(type) || IsFlat(type))) || (product == 2 && isVhd) ||
+           (product == 3 && isPhysical);
+}
+
 class ArchiveVirtualDiskFileOpen : public testing::Test {
 protected:
     std::string Sparse() const { return CVmdkSparseBuilder().Grain(1, 'x').WriteTo(m_Dir); }
     std::string Flat() const { return m_Dir.Write("flat", PatternedBytes(16 * 512)); }
+    std::string Vhd(int type) const {
+        const CVhdBuilder files[] = {CVhdBuilder::Fixed(16), CVhdBuilder::Dynamic(16), CVhdBuilder::Differencing(16)};
+        return files[type - 12].WriteTo(m_Dir);
+    }
+    std::string FileFor(int type) const {
+        if (type >= 12 && type <= 14)
+            return Vhd(type);
+        return IsSparse(type) ? Sparse() : Flat();
+    }
 
     void ExpectClosed(CArchiveVirtualDiskFile& disk) {
         CAutoMemory<char> buffer = BufferOf("emptied");
@@ -51,14 +68,12 @@ protected:
 
 // A reader that lands takes its pairs out of the refused ones.
 TEST_F(ArchiveVirtualDiskFileOpen, TakesThePairsThatAReaderServesAndNoOther) {
-    const std::string sparse = Sparse();
-    const std::string flat = Flat();
     for (int product = 1; product <= 3; ++product) {
         for (int type = 0; type <= 20; ++type) {
             SCOPED_TRACE("product " + std::to_string(product) + ", type " + std::to_string(type));
             CArchiveVirtualDiskFile disk{ProductType_t(product)};
-            const CZuError error = disk.Open((IsSparse(type) ? sparse : flat).c_str(), DiskType_t(type));
-            if (product == 1 && (IsSparse(type) || IsFlat(type))) {
+            const CZuError error = disk.Open(FileFor(type).c_str(), DiskType_t(type));
+            if (IsServed(product, type)) {
                 EXPECT_OK(error);
                 continue;
             }
@@ -182,10 +197,10 @@ TEST_F(ArchiveVirtualDiskFileOpen, AClosedObjectRefusesEveryBlockCallAndStillSet
 }
 
 TEST_F(ArchiveVirtualDiskFileOpen, TheFileNameIsEmptyForEveryImage) {
-    for (const int type : {0, 1, 3}) {
-        CArchiveVirtualDiskFile disk{VirtualProdType_VMware};
+    for (const auto& [product, type] : {std::pair{1, 0}, {1, 1}, {1, 3}, {2, 12}, {2, 13}, {2, 14}, {3, 15}, {3, 16}}) {
+        CArchiveVirtualDiskFile disk{ProductType_t(product)};
         if (type != 0) {
-            ASSERT_OK(disk.Open((type == 1 ? Sparse() : Flat()).c_str(), DiskType_t(type)));
+            ASSERT_OK(disk.Open(FileFor(type).c_str(), DiskType_t(type)));
         }
         std::string name = "emptied";
         disk.GetFileName(name);

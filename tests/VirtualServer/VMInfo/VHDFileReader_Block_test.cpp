@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -177,14 +178,33 @@ TEST_F(VHDFileReaderBlock, ABlockSizeBelowASectorIsTheBitmapAlone) {
         << "sector 3 is the table";
 }
 
-TEST_F(VHDFileReaderBlock, TheNextHeldBlockIsFoundInTheTable) {
-    Open(CVhdBuilder::Dynamic(800).Block(7, 'x').Block(2, 'y').Block(80, 'z'));
+TEST_F(VHDFileReaderBlock, TheNextHeldBlockIsTheOneThatReadsWouldFind) {
     const struct {
-        uint64_t from;
-        uint64_t next;
-    } rows[] = {{0, 2}, {2, 2}, {3, 7}, {7, 7}, {8, 80}, {80, 80}};
-    for (const auto& row : rows)
-        EXPECT_EQ(row.next, m_Reader.NextHeldBlock(row.from)) << row.from;
+        const char* name;
+        CVhdBuilder file;
+    } rows[] = {
+        {"some blocks", CVhdBuilder::Dynamic(800).Block(7, 'x').Block(2, 'y').Block(80, 'z')},
+        {"no block", CVhdBuilder::Dynamic(800)},
+        {"a block behind the end", CVhdBuilder::Dynamic(800).Block(89, 'x').Block(99, 'y')},
+        {"a table shorter than the disk", CVhdBuilder::Dynamic(800).Entries(20).Block(3, 'x')},
+        {"a table longer than the disk", CVhdBuilder::Dynamic(80).Entries(200).Block(150, 'x')},
+        {"a block at the last sector", CVhdBuilder::Dynamic(73).Entries(20).Block(8, 'x')},
+        {"a disk of one sector", CVhdBuilder::Dynamic(1)},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        Open(row.file);
+        uint64_t next = 0;
+        for (uint64_t index = 0; index < 210; ++index) {
+            const bool isHole = m_Reader.IsErrorSectorNotFound(Read(index, 9)) != 0;
+            next = std::max(index, next);
+            while (m_Reader.IsErrorSectorNotFound(Read(next, 9)) != 0)
+                ++next;
+            if (isHole) {
+                EXPECT_EQ(next, m_Reader.NextHeldBlock(index)) << index;
+            }
+        }
+    }
 }
 
 TEST_F(VHDFileReaderBlock, ABlockReadNeitherUsesNorFillsTheCacheOfBitmaps) {
