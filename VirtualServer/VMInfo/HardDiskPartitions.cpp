@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cstring>
+#include <unordered_map>
 #include <unordered_set>
 
 #include "VirtualServer/VMInfo/HardDiskReader.h"
@@ -65,8 +66,8 @@ Partition_Entry_t LogicalEntry(const BootRecordSlot_t& slot, uint64_t recordLBA)
 // The records of one extended partition, each of which may lead to four more. The walk keeps its
 // frames on the heap, so a chain of any length that ends is followed to its end. A record that is
 // its own ancestor would never end but for want of memory, which is what its callers are told. A
-// part that gave nothing is not walked again: a few records could otherwise lead to it more often
-// than anybody can wait.
+// record that is reached again gives what it gave before without being walked: a few records could
+// otherwise lead to it more often than anybody can wait.
 class CExtendedWalk {
 public:
     CExtendedWalk(CHardDiskReader& disk, std::vector<Partition_Entry_t>& partitions, uint64_t extendedBaseLBA)
@@ -94,6 +95,12 @@ private:
         BootRecordSlot_t slots[BootRecordSlotCount];
     };
 
+    // What a record and all that it leads to gave: a stretch of the partitions.
+    struct Given_t {
+        size_t first;
+        size_t end;
+    };
+
     CZuError Enter(uint64_t recordLBA) {
         BootRecord_t record;
         ZU_RETURN_IF_ERROR(ReadBootRecord(m_Disk, recordLBA, record));
@@ -110,8 +117,8 @@ private:
         if (!IsExtendedPartition(slot.type))
             return Append(m_Partitions, LogicalEntry(slot, recordLBA));
         const uint64_t next = slot.firstLba + m_BaseLBA;
-        if (m_Barren.count(next) != 0)
-            return CZuError();
+        if (const auto known = m_Given.find(next); known != m_Given.end())
+            return GiveAgain(known->second);
         if (m_Ancestors.count(next) != 0)
             return Refusal(OutOfMemory);
         return Enter(next);
@@ -119,10 +126,17 @@ private:
 
     void Leave() {
         const Frame_t& frame = m_Frames.back();
-        if (frame.partitionsBefore == m_Partitions.size())
-            m_Barren.insert(frame.recordLBA);
+        m_Given[frame.recordLBA] = Given_t{frame.partitionsBefore, m_Partitions.size()};
         m_Ancestors.erase(frame.recordLBA);
         m_Frames.pop_back();
+    }
+
+    CZuError GiveAgain(const Given_t& given) {
+        for (size_t index = given.first; index < given.end; ++index) {
+            const Partition_Entry_t entry = m_Partitions[index];  // appending moves them
+            ZU_RETURN_IF_ERROR(Append(m_Partitions, entry));
+        }
+        return CZuError();
     }
 
     CHardDiskReader& m_Disk;
@@ -130,7 +144,7 @@ private:
     const uint64_t m_BaseLBA;
     std::vector<Frame_t> m_Frames;
     std::unordered_set<uint64_t> m_Ancestors;
-    std::unordered_set<uint64_t> m_Barren;
+    std::unordered_map<uint64_t, Given_t> m_Given;  // by record
 };
 
 // The entries of a GPT. They are read in pieces, and one by one where a piece can't be read: what
