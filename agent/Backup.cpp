@@ -1,5 +1,6 @@
 #include "agent/Backup.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -7,6 +8,7 @@
 #include "agent/BackupSetWriter.h"
 #include "agent/ExtentStream.h"
 #include "agent/Version.h"
+#include "agent/WholeDisk.h"
 #include "agent/detail/BlockBatch.h"
 #include "agent/detail/StagedFile.h"
 #include "foundation/detail/ErrorHandling.h"
@@ -45,7 +47,9 @@ public:
 
     CZuError Run(const std::string& imageName, const std::string& setName) {
         CDiskImage image;
-        ZU_RETURN_IF_ERROR(image.Open(imageName, m_Options.image));
+        ZU_RETURN_IF_ERROR(m_Options.flatten ? image.OpenFlattened(imageName, m_Options.image)
+                                             : image.Open(imageName, m_Options.image));
+        m_Result.warnings = image.Warnings();
         m_Result.diskType = image.DiskType();
         m_Result.diskBytes = image.TotalSectors() << SectorShift;
         WarnOfParent(image);
@@ -64,10 +68,22 @@ private:
     static CZuError RefuseOwnFiles(const CDiskImage& image, const std::string& setName) {
         bool isOwn = IsSameFile(image.Path(), setName);
         for (const DiskExtent_t& extent : image.Extents())
-            isOwn = isOwn || IsSameFile(extent.path, setName);
+            isOwn = isOwn || IsSameFile(extent.path, setName) || IsOfChain(extent, setName);
         return isOwn ? Refusal(setName +
                                ": is a file of the image that is to be backed up; give another name for the set")
                      : CZuError();
+    }
+
+    static bool IsOfChain(const DiskExtent_t& extent, const std::string& setName) {
+        if (extent.chain == nullptr)
+            return false;
+        for (const CDiskImage& link : extent.chain->Links()) {
+            if (IsSameFile(link.Path(), setName) ||
+                std::any_of(link.Extents().begin(), link.Extents().end(),
+                            [&](const DiskExtent_t& each) { return IsSameFile(each.path, setName); }))
+                return true;
+        }
+        return false;
     }
 
     void WarnOfParent(const CDiskImage& image) {
@@ -75,7 +91,7 @@ private:
             return;
         const std::string parent = image.ParentName().empty() ? "another image" : image.ParentName();
         m_Result.warnings.push_back(image.Path() + " is one link of a chain: the set holds this link alone, and not " +
-                                    parent + ", on which it builds");
+                                    parent + ", on which it builds; --flatten keeps the whole disk");
     }
 
     // The bytes to come are known only when each stream has been opened; opening is cheap beside

@@ -12,7 +12,8 @@
 
 struct BackupOptions_t {
     ImageOptions_t image;
-    bool force = false;  // a set that stands at the target is replaced
+    bool flatten = false;  // the disk as it reads through its chain, instead of the image alone
+    bool force = false;    // a set that stands at the target is replaced
     int compressionLevel = DefaultCompression;
     ProgressCallback_t progress;
 };

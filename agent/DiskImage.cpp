@@ -5,19 +5,23 @@
 #include <set>
 
 #include "VirtualServer/VMInfo/UtilityFunctions.h"
+#include "VirtualServer/VMInfo/VHDFormat.h"
 #include "VirtualServer/VMInfo/VmdkSparseFormat.h"
 #include "agent/ErrorText.h"
+#include "agent/WholeDisk.h"
+#include "agent/detail/VhdFacts.h"
 #include "agent/detail/VmdkDescriptor.h"
 #include "agent/detail/VmdkExtentCheck.h"
 #include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
+#include "platform/DriveName.h"
+#include "platform/DriveSize.h"
 
 namespace {
 
 constexpr uint64_t LargestDescriptorBytes = 0x5000;
-constexpr char VhdCookie[] = "conectix";
 
-enum class Content_t { SparseExtent, Descriptor, FixedVhd, DynamicVhd, Unknown };
+enum class Content_t { SparseExtent, Descriptor, Vhd, Unknown };
 
 struct Beginning_t {
     std::string bytes;  // the file's first sector, or all of a shorter file
@@ -38,6 +42,10 @@ CZuError ReadBeginning(const std::string& path, Beginning_t& beginning) {
     return CZuError();
 }
 
+std::string NameOf(const std::string& path) {
+    return std::filesystem::path(WithoutDrivePrefix(path)).filename().string();
+}
+
 bool BeginsWith(const std::string& text, const char* beginning) {
     return text.rfind(beginning, 0) == 0;
 }
@@ -52,10 +60,8 @@ Content_t ContentOf(const Beginning_t& beginning) {
         return Content_t::SparseExtent;
     if (LooksLikeDescriptor(beginning.bytes))
         return Content_t::Descriptor;
-    if (BeginsWith(beginning.bytes, VhdCookie))
-        return Content_t::DynamicVhd;
-    if (BeginsWith(beginning.end, VhdCookie))
-        return Content_t::FixedVhd;
+    if (BeginsWith(beginning.bytes, VhdFooterCookie) || BeginsWith(beginning.end, VhdFooterCookie))
+        return Content_t::Vhd;
     return Content_t::Unknown;
 }
 
@@ -90,10 +96,6 @@ bool IsSparse(VwExtentType type) {
     return type == VwExtentTypeSparse || type == VwExtentTypeVmfsSparse;
 }
 
-bool IsSparseType(DiskType_t type) {
-    return type == DiskType_MonolithicSparse || type == DiskType_VmfsSparse || type == DiskType_TwoGbMaxExtentSparse;
-}
-
 // Which reader of the core serves a line of a disk of type `created`. An ESX disk ("vmfs") has
 // plain bytes in its extents, as a flat disk has, and no reader under its own number.
 DiskType_t StreamTypeOf(DiskType_t created, VwExtentType line) {
@@ -101,7 +103,7 @@ DiskType_t StreamTypeOf(DiskType_t created, VwExtentType line) {
         return created == DiskType_TwoGbMaxExtentFlat ? created : DiskType_MonolithicFlat;
     if (line == VwExtentTypeVmfsSparse)
         return DiskType_VmfsSparse;
-    return IsSparseType(created) ? created : DiskType_MonolithicSparse;
+    return IsSparseVmdk(created) ? created : DiskType_MonolithicSparse;
 }
 
 bool IsServedThroughDescriptor(DiskType_t created) {
@@ -128,16 +130,47 @@ CZuError CDiskImage::Open(const std::string& path, const ImageOptions_t& options
     m_Path = path;
     Beginning_t beginning;
     ZU_RETURN_IF_ERROR(ErrorAt(path, ReadBeginning(path, beginning)));
+    if (options.type == DiskType_PhysicalDisk || IsBlockDevice(path) || IsDriveName(path))
+        return OpenRaw();
     switch (ContentOf(beginning)) {
     case Content_t::SparseExtent: return OpenSparseFile(options.type.value_or(NoDiskType));
     case Content_t::Descriptor: return OpenDescriptor(options);
-    case Content_t::DynamicVhd: return NotSupported(path, DiskType_VhdDynamic);
-    case Content_t::FixedVhd: return NotSupported(path, DiskType_VhdFixed);
+    case Content_t::Vhd: return OpenVhd(options.type.value_or(NoDiskType));
     case Content_t::Unknown: break;
     }
     if (options.type.has_value())
         return OpenFlatFile(*options.type);
-    return Refusal(path + ": is no disk image of a known kind; if it is a flat extent, say --type monolithicFlat");
+    if (options.rawUnlessKnown)
+        return OpenRaw();
+    return Refusal(path + ": is no disk image of a known kind; if it holds the plain bytes of a disk, say --type raw");
+}
+
+CZuError CDiskImage::OpenFlattened(const std::string& path, const ImageOptions_t& options) {
+    const auto disk = std::make_shared<CWholeDisk>();
+    ZU_RETURN_IF_ERROR(disk->Open(path, options));
+    *this = CDiskImage();
+    m_Path = path;
+    m_DiskType = DiskType_PhysicalDisk;
+    DiskExtent_t extent;
+    extent.path = path;
+    extent.name = NameOf(path);
+    extent.product = VirtualProdType_Physical;
+    extent.diskType = m_DiskType;
+    extent.diskSectors = disk->TotalSectors();
+    extent.totalSectors = disk->TotalSectors();
+    extent.fileBytes = disk->TotalSectors() << SectorShift;
+    extent.chain = disk;
+    for (const CDiskImage& link : disk->Links())
+        m_Warnings.insert(m_Warnings.end(), link.Warnings().begin(), link.Warnings().end());
+    return AddExtent(std::move(extent));
+}
+
+ProductType_t CDiskImage::Product() const {
+    return ProductOf(m_DiskType);
+}
+
+std::string CDiskImage::ParentName() const {
+    return m_Parent.has_value() && !m_Parent->names.empty() ? m_Parent->names.front() : std::string();
 }
 
 uint64_t CDiskImage::TotalSectors() const {
@@ -151,17 +184,17 @@ CZuError CDiskImage::OpenSparseFile(DiskType_t type) {
     SparseExtentFacts_t facts;
     ZU_RETURN_IF_ERROR(CheckSparseExtent(m_Path, facts));
     m_DiskType = type != NoDiskType ? type : (facts.isCowd ? DiskType_VmfsSparse : DiskType_MonolithicSparse);
-    if (!IsSparseType(m_DiskType) || facts.isCowd != (m_DiskType == DiskType_VmfsSparse))
+    if (!IsSparseVmdk(m_DiskType) || facts.isCowd != (m_DiskType == DiskType_VmfsSparse))
         return Refusal(m_Path + ": is a " + (facts.isCowd ? "COWD" : "sparse") + " extent, not " +
                        DiskTypeName(m_DiskType));
 
-    VmdkDescriptor_t descriptor;
-    ReadVmdkParent(facts.descriptor, descriptor);
-    m_HasParent = descriptor.hasParent;
-    m_ParentName = descriptor.parentHint;
+    VmdkIdentity_t identity;
+    ReadVmdkIdentity(facts.descriptor, identity);
+    m_Identity = identity.own;
+    m_Parent = identity.parent;
     DiskExtent_t extent;
     extent.path = m_Path;
-    extent.name = std::filesystem::path(m_Path).filename().string();
+    extent.name = NameOf(m_Path);
     extent.diskType = m_DiskType;
     extent.diskSectors = facts.capacitySectors;
     extent.totalSectors = facts.capacitySectors;
@@ -175,7 +208,7 @@ CZuError CDiskImage::OpenFlatFile(DiskType_t type) {
     m_DiskType = type;
     DiskExtent_t extent;
     extent.path = m_Path;
-    extent.name = std::filesystem::path(m_Path).filename().string();
+    extent.name = NameOf(m_Path);
     extent.diskType = StreamTypeOf(type, VwExtentTypeFlat);
     ZU_RETURN_IF_ERROR(MeasureExtent(extent, true));
     extent.diskSectors = extent.totalSectors;
@@ -183,13 +216,13 @@ CZuError CDiskImage::OpenFlatFile(DiskType_t type) {
 }
 
 CZuError CDiskImage::OpenDescriptor(const ImageOptions_t& options) {
-    SmallFile_t file{std::filesystem::path(m_Path).filename().string(), {}};
+    SmallFile_t file{NameOf(m_Path), {}};
     ZU_RETURN_IF_ERROR(ErrorAt(m_Path, ReadDescriptorText(m_Path, file.bytes)));
     VmdkDescriptor_t descriptor;
     ZU_RETURN_IF_ERROR(ParseVmdkDescriptor(m_Path, file.bytes, descriptor));
     m_SmallFiles.push_back(file);
-    m_HasParent = descriptor.hasParent;
-    m_ParentName = descriptor.parentHint;
+    m_Identity = descriptor.identity.own;
+    m_Parent = descriptor.identity.parent;
     m_DiskType = options.type.value_or(descriptor.file.createType);
     if (!IsServedThroughDescriptor(m_DiskType))
         return NotSupported(m_Path, m_DiskType);
@@ -198,7 +231,7 @@ CZuError CDiskImage::OpenDescriptor(const ImageOptions_t& options) {
     for (const VmdkExtentDescriptor_t& line : descriptor.file.extents) {
         if (!IsFlat(line.type) && !IsSparse(line.type))
             return Refusal(m_Path + ": the extent " + line.fileName.c_str() + " is neither flat nor sparse");
-        if (options.type.has_value() && IsSparse(line.type) != IsSparseType(m_DiskType))
+        if (options.type.has_value() && IsSparse(line.type) != IsSparseVmdk(m_DiskType))
             return Refusal(m_Path + ": the extent " + line.fileName.c_str() + " is " +
                            (IsSparse(line.type) ? "sparse" : "flat") + ", which doesn't go with the type " +
                            DiskTypeName(m_DiskType));
@@ -214,6 +247,46 @@ CZuError CDiskImage::OpenDescriptor(const ImageOptions_t& options) {
     if (m_Extents.empty())
         return Refusal(m_Path + ": its descriptor names no extents");
     return CZuError();
+}
+
+CZuError CDiskImage::OpenVhd(DiskType_t type) {
+    VhdFacts_t facts;
+    ZU_RETURN_IF_ERROR(ReadVhdFacts(m_Path, facts));
+    m_DiskType = facts.diskType;
+    if (type != NoDiskType && type != m_DiskType)
+        return Refusal(m_Path + ": is a VHD of the kind " + DiskTypeName(m_DiskType) + ", not " + DiskTypeName(type));
+    for (const std::string& warning : facts.warnings)
+        m_Warnings.push_back(m_Path + ": " + warning);
+    m_Identity = facts.uniqueId;
+    if (m_DiskType == DiskType_VhdDifferencing)
+        m_Parent = ImageParent_t{facts.parentNames, facts.parentUniqueId};
+    DiskExtent_t extent;
+    extent.path = m_Path;
+    extent.name = NameOf(m_Path);
+    extent.product = VirtualProdType_HyperV;
+    extent.diskType = m_DiskType;
+    extent.diskSectors = facts.diskSectors;
+    extent.totalSectors = facts.diskSectors;
+    extent.fileBytes = facts.fileBytes;
+    return AddExtent(extent);
+}
+
+CZuError CDiskImage::OpenRaw() {
+    m_DiskType = DiskType_PhysicalDisk;
+    DiskExtent_t extent;
+    extent.path = m_Path;
+    extent.name = NameOf(m_Path);
+    extent.product = VirtualProdType_Physical;
+    extent.diskType = m_DiskType;
+    ZU_RETURN_IF_ERROR(FileBytes(m_Path, extent.fileBytes));
+    if (extent.fileBytes % SectorSize != 0)
+        return Refusal(CZuString::Format("{1}: has {2} bytes, and a disk is made of whole sectors of 512", m_Path,
+                                         extent.fileBytes));
+    if (extent.fileBytes == 0)
+        return Refusal(m_Path + ": is empty");
+    extent.diskSectors = extent.fileBytes / SectorSize;
+    extent.totalSectors = extent.diskSectors;
+    return AddExtent(extent);
 }
 
 CZuError CDiskImage::AddExtent(DiskExtent_t extent) {

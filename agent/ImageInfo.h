@@ -16,18 +16,28 @@ struct SparseInfoSummary_t {
     bool canBeMadeAgain = true;
 };
 
+// What the footer and the header of a VHD tell.
+struct VhdInfoSummary_t {
+    std::string uniqueId;
+    std::string creator;       // four letters, as the file has them
+    uint64_t blockBytes = 0;   // data bytes in a block; 0 for a fixed disk
+    uint64_t blockCount = 0;   // that the file holds
+    uint64_t tableEntries = 0;
+};
+
 struct ExtentInfo_t {
     DiskExtent_t extent;
-    std::optional<SparseInfoSummary_t> sparse;  // absent for a flat extent
+    std::optional<SparseInfoSummary_t> sparse;  // of a sparse VMDK extent alone
+    std::optional<VhdInfoSummary_t> vhd;        // of a VHD alone
 };
 
 struct ImageInfo_t {
     DiskType_t diskType = NoDiskType;
     uint64_t diskSectors = 0;
-    bool hasParent = false;
-    std::string parentName;
+    std::optional<ImageParent_t> parent;
     std::vector<ExtentInfo_t> extents;
     std::vector<std::string> files;  // that belong to the image beside its extents
+    std::vector<std::string> warnings;
 };
 
 // Looks at a disk image: its headers, descriptor and tables, none of its blocks.

@@ -11,10 +11,12 @@ namespace {
 class CRestoreRun {
 public:
     CRestoreRun(const RestoreOptions_t& options, RestoreResult_t& result)
-        : m_Options(options), m_Result(result), m_Target(options.asRaw ? MakeRawTarget() : MakeSameKindTarget()) {}
+        : m_Options(options), m_Result(result) {}
 
     CZuError Run(const std::string& setName, const std::string& target) {
         ZU_RETURN_IF_ERROR(m_Set.Open(setName));
+        const bool isRaw = m_Options.asRaw || m_Set.Info().product == VirtualProdType_Physical;
+        m_Target = isRaw ? MakeRawTarget() : MakeSameKindTarget();
         ZU_RETURN_IF_ERROR(m_Target->Prepare(m_Set, target, m_Options));
         WarnOfParent();
         for (const SetStream_t& stream : m_Set.Streams()) {
@@ -40,7 +42,7 @@ private:
         return m_Target->EndStream();
     }
 
-    // The files are new, so what is never written reads as zeros.
+    // What is never written is zeros at the target.
     CZuError WriteBlock(BatchBlock_t& block) {
         if (block.block.encoded.encoding != BlockEncoding_t::Zeros) {
             ZU_RETURN_IF_ERROR(m_Target->WriteBlock(block.block, block.plain));

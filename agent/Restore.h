@@ -27,5 +27,8 @@ struct RestoreResult_t {
 // under its own name; the image's other files go beside it. Every block is proved before it is
 // written. The files get their names when all are whole and on the medium; until then nothing
 // stands or changes at the target.
+//
+// A raw image may go to a block device as well, if `force` is set: that is overwritten in place, so
+// a failure leaves it half written.
 [[nodiscard]] DISKSTREAM_EXPORT CZuError RestoreDisk(const std::string& set, const std::string& target,
                                                      const RestoreOptions_t& options, RestoreResult_t& result);

@@ -54,13 +54,21 @@ public:
 
 private:
     CZuError OpenImage(const std::string& name) {
-        m_Image.emplace();
-        ZU_RETURN_IF_ERROR(m_Image->Open(name, m_Options.image));
+        ZU_RETURN_IF_ERROR(OpenAsTheSetIs(name));
         if (m_Image->Extents().size() != m_Set.Streams().size())
             return Refusal(CZuString::Format("{1}: has {2} extents where the set {3} has {4} streams", name,
                                              m_Image->Extents().size(), m_Set.Path(), m_Set.Streams().size()));
         CompareFiles();
         return CZuError();
+    }
+
+    // A set of a raw disk holds what the image makes together with its chain, whatever its kind.
+    CZuError OpenAsTheSetIs(const std::string& name) {
+        ImageOptions_t options = m_Options.image;
+        const bool isRaw = m_Set.Info().product == VirtualProdType_Physical;
+        options.rawUnlessKnown = isRaw;
+        m_Image.emplace();
+        return isRaw ? m_Image->OpenFlattened(name, options) : m_Image->Open(name, options);
     }
 
     void CompareFiles() {

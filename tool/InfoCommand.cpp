@@ -21,25 +21,43 @@ Json_t JsonOf(const ExtentInfo_t& info) {
         extent["grains"] = info.sparse->grainCount;
         extent["can_be_made_again"] = info.sparse->canBeMadeAgain;
     }
+    if (info.vhd.has_value()) {
+        extent["unique_id"] = info.vhd->uniqueId;
+        extent["creator"] = info.vhd->creator;
+        extent["block_bytes"] = info.vhd->blockBytes;
+        extent["blocks"] = info.vhd->blockCount;
+        extent["table_entries"] = info.vhd->tableEntries;
+    }
     return extent;
 }
 
 Json_t JsonOf(const Arguments_t& arguments, const ImageInfo_t& info) {
     Json_t object{
         {"image", arguments.image}, {"type", DiskTypeName(info.diskType)}, {"disk_bytes", info.diskSectors * 512}};
-    if (info.hasParent)
-        object["parent"] = info.parentName;
+    if (info.parent.has_value()) {
+        object["parent"] = info.parent->names.empty() ? "" : info.parent->names.front();
+        object["parent_identity"] = info.parent->identity;
+    }
     object["extents"] = Json_t::array();
     for (const ExtentInfo_t& extent : info.extents)
         object["extents"].push_back(JsonOf(extent));
     object["files"] = info.files;
+    object["warnings"] = info.warnings;
     return object;
+}
+
+std::string ParentText(const ImageParent_t& parent) {
+    const std::string name = parent.names.empty() ? "another image" : parent.names.front();
+    return name + " (" + parent.identity + ")";
 }
 
 std::string ExtentText(const ExtentInfo_t& info) {
     std::string text = info.extent.name + ", " + DiskTypeName(info.extent.diskType) + ", " +
                        SizeText(info.extent.diskSectors * 512) + " of the disk in a file of " +
                        SizeText(info.extent.fileBytes);
+    if (info.vhd.has_value() && info.vhd->blockBytes != 0)
+        text += ", " + std::to_string(info.vhd->blockCount) + " of " + std::to_string(info.vhd->tableEntries) +
+                " blocks of " + SizeText(info.vhd->blockBytes);
     if (!info.sparse.has_value())
         return text;
     text += ", " + std::to_string(info.sparse->grainCount) + " grains of " + SizeText(info.sparse->grainSectors * 512);
@@ -53,8 +71,8 @@ void PrintText(const Arguments_t& arguments, const ImageInfo_t& info) {
         {"Image", arguments.image},
         {"Type", DiskTypeName(info.diskType)},
         {"Disk size", SizeText(info.diskSectors * 512) + " (" + std::to_string(info.diskSectors) + " sectors)"}};
-    if (info.hasParent)
-        facts.emplace_back("Parent", info.parentName.empty() ? "another image" : info.parentName);
+    if (info.parent.has_value())
+        facts.emplace_back("Parent", ParentText(*info.parent));
     for (const std::string& file : info.files)
         facts.emplace_back("File", file);
     for (const ExtentInfo_t& extent : info.extents)
@@ -71,6 +89,7 @@ int Run(const Arguments_t& arguments) {
         PrintJson(JsonOf(arguments, info));
     else
         PrintText(arguments, info);
+    PrintWarnings(info.warnings);
     return ExitSuccess;
 }
 

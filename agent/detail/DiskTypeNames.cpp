@@ -22,10 +22,10 @@ constexpr DiskTypeName_t Names[] = {
     {DiskType_PartitionedDevice, "partitionedDevice", false},
     {DiskType_VmfsRawDeviceMap, "vmfsRawDeviceMap", false},
     {DiskType_VmfsPassthroughRawDeviceMap, "vmfsPassthroughRawDeviceMap", false},
-    {DiskType_VhdFixed, "vhdFixed", false},
-    {DiskType_VhdDynamic, "vhdDynamic", false},
-    {DiskType_VhdDifferencing, "vhdDifferencing", false},
-    {DiskType_PhysicalDisk, "raw", false},
+    {DiskType_VhdFixed, "vhdFixed", true},
+    {DiskType_VhdDynamic, "vhdDynamic", true},
+    {DiskType_VhdDifferencing, "vhdDifferencing", true},
+    {DiskType_PhysicalDisk, "raw", true},
 };
 
 }  // namespace

@@ -1,51 +1,53 @@
 #include <algorithm>
 #include <filesystem>
+#include <optional>
 
-#include "VirtualServer/VMInfo/UtilityFunctions.h"
 #include "agent/ErrorText.h"
+#include "agent/detail/RawOutput.h"
 #include "agent/detail/RestoreTarget.h"
+#include "agent/detail/VhdRecord.h"
 #include "agent/detail/VmdkDescriptor.h"
 #include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
 
 namespace {
 
-// One file with the disk's sectors. What the set has no block for stays a hole.
+// One file or device with the disk's sectors. What the set has no block for is zeros.
 class CRawTarget final : public IRestoreTarget {
 public:
     CZuError Prepare(CBackupSetReader& set, const std::string& target, const RestoreOptions_t& options) override {
         std::string directChild;  // the name comes from the set, so it is proved before it is used
         ZU_RETURN_IF_ERROR(ErrorAt(set.Path(), ResolveExtentName(".", set.Info().imageName, false, directChild)));
-        const std::string name = std::filesystem::path(set.Info().imageName).stem().string() + ".raw";
         ZU_RETURN_IF_ERROR(SumSectors(set));
-        return BeginRestored(m_File, set, TargetFile(target, name), options.force);
+        const std::filesystem::path imageName(set.Info().imageName);
+        const std::string name = imageName.extension() == ".raw" || set.Info().diskType == DiskType_PhysicalDisk
+                                     ? imageName.string()
+                                     : imageName.stem().string() + ".raw";
+        return m_Output.Prepare(set, TargetFile(target, name), m_TotalSectors << SectorShift, options);
     }
 
-    CZuError BeginStream(CBackupSetReader& /*set*/, const SetStream_t& stream) override {
-        if (!m_Raw.IsValid())
-            ZU_RETURN_IF_ERROR(ErrorAt(m_File.Target(), CreateFile()));
+    CZuError BeginStream(CBackupSetReader& set, const SetStream_t& stream) override {
+        if (!m_Output.HasBegun())
+            ZU_RETURN_IF_ERROR(m_Output.Begin());
         m_Stream = stream;
         m_FirstSector = m_NextFirstSector;
         m_NextFirstSector += stream.diskSectors;
-        return CZuError();
+        m_VhdShape.reset();
+        return IsDynamicVhd(stream.diskType) ? ReadVhdShape(set) : CZuError();
     }
 
     CZuError WriteBlock(const SetBlock_t& block, CAutoMemory<char>& plain) override {
-        const uint64_t sector = block.number * m_Stream.blockSectors;
-        if (sector >= m_Stream.diskSectors)
-            return CZuError();  // behind the disk's end
-        const uint64_t sectors = std::min<uint64_t>(block.sectors, m_Stream.diskSectors - sector);
-        return ErrorAt(m_File.Target(), WriteFileAt(m_Raw, (m_FirstSector + sector) << SectorShift, 0, plain.GetPtr(),
-                                                    static_cast<unsigned int>(sectors << SectorShift), nullptr));
+        if (m_VhdShape.has_value())
+            return WriteVhdBlock(block, plain);
+        return WriteSectors(block.number * m_Stream.blockSectors, plain.GetPtr(), block.sectors);
     }
 
-    CZuError EndStream() override { return CZuError(); }
+    CZuError EndStream() override { return m_Output.FinishUpTo(m_NextFirstSector << SectorShift); }
 
     CZuError Commit(std::vector<std::string>& files) override {
-        ZU_RETURN_IF_ERROR(ErrorAt(m_File.Target(), m_Raw.Close()));
-        ZU_RETURN_IF_ERROR(m_File.Commit());
-        files.push_back(m_File.Target());
-        return CZuError();
+        if (!m_Output.HasBegun())
+            ZU_RETURN_IF_ERROR(m_Output.Begin());
+        return m_Output.Commit(files);
     }
 
 private:
@@ -59,17 +61,57 @@ private:
         return CZuError();
     }
 
-    CZuError CreateFile() {
-        constexpr int ownerReadsAndWrites = 384;
-        ZU_RETURN_IF_ERROR(m_Raw.Open(m_File.TemporaryName().c_str(),
-                                      OpenAsBinary | OpenNotInherited | OpenCreating | OpenTruncating | OpenForBoth,
-                                      ownerReadsAndWrites));
-        return m_Raw.Truncate(static_cast<int64_t>(m_TotalSectors << SectorShift));
+    CZuError ReadVhdShape(CBackupSetReader& set) {
+        CAutoMemory<char> bytes;
+        CVhdRecord record;
+        ZU_RETURN_IF_ERROR(set.ReadRecord(m_Stream, bytes));
+        ZU_RETURN_IF_ERROR(ErrorAt(set.Path(), record.Open(bytes)));
+        if (record.IsFixed() ||
+            uint64_t{record.Shape().bitmapSectors} + record.Shape().dataSectors != m_Stream.blockSectors)
+            return set.Damaged("the block size of " + m_Stream.fileName + " isn't that of its record");
+        m_VhdShape = record.Shape();
+        return CZuError();
     }
 
-    CStagedFile m_File;
-    CZuFile m_Raw;
+    // The bitmap in front tells which sectors the block has; the others are zeros.
+    CZuError WriteVhdBlock(const SetBlock_t& block, CAutoMemory<char>& plain) {
+        const uint64_t firstSector = block.number * m_VhdShape->dataSectors;
+        if (block.sectors < m_VhdShape->bitmapSectors)
+            return CZuError();
+        const uint32_t sectors = std::min(m_VhdShape->dataSectors, block.sectors - m_VhdShape->bitmapSectors);
+        const char* const data = plain.GetPtr() + (m_VhdShape->bitmapSectors << SectorShift);
+        for (uint32_t first = 0; first < sectors;) {
+            const uint32_t count = CountEqualBits(plain.GetPtr(), first, sectors);
+            if (HasBit(plain.GetPtr(), first))
+                ZU_RETURN_IF_ERROR(WriteSectors(firstSector + first, data + (first << SectorShift), count));
+            first += count;
+        }
+        return CZuError();
+    }
+
+    static bool HasBit(const char* bitmap, uint32_t sector) {
+        return (static_cast<uint8_t>(bitmap[sector / 8]) & (0x80U >> (sector % 8))) != 0;
+    }
+
+    static uint32_t CountEqualBits(const char* bitmap, uint32_t first, uint32_t end) {
+        uint32_t next = first + 1;
+        while (next < end && HasBit(bitmap, next) == HasBit(bitmap, first))
+            ++next;
+        return next - first;
+    }
+
+    // Of what lies behind the disk's end nothing is written.
+    CZuError WriteSectors(uint64_t sector, const char* bytes, uint32_t sectors) {
+        if (sector >= m_Stream.diskSectors)
+            return CZuError();
+        const uint64_t count = std::min<uint64_t>(sectors, m_Stream.diskSectors - sector);
+        return m_Output.Write((m_FirstSector + sector) << SectorShift, bytes,
+                              static_cast<uint32_t>(count << SectorShift));
+    }
+
+    CRawOutput m_Output;
     SetStream_t m_Stream;
+    std::optional<VhdBlockShape_t> m_VhdShape;  // of a stream whose blocks have bitmaps
     uint64_t m_TotalSectors = 0;
     uint64_t m_FirstSector = 0;  // of the current stream, on the disk
     uint64_t m_NextFirstSector = 0;

@@ -7,25 +7,14 @@
 #include "VirtualServer/VMInfo/UtilityFunctions.h"
 #include "agent/ErrorText.h"
 #include "agent/detail/RestoreTarget.h"
+#include "agent/detail/SmallFileWrite.h"
 #include "agent/detail/SparseRecord.h"
+#include "agent/detail/VhdRecord.h"
 #include "agent/detail/VmdkDescriptor.h"
 #include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
 
 namespace {
-
-bool IsSparse(DiskType_t type) {
-    return type == DiskType_MonolithicSparse || type == DiskType_VmfsSparse || type == DiskType_TwoGbMaxExtentSparse;
-}
-
-CZuError WriteWholeFile(const std::string& name, const std::string& bytes) {
-    constexpr int ownerReadsAndWrites = 384;
-    CZuFile file;
-    ZU_RETURN_IF_ERROR(
-        file.Open(name.c_str(), OpenAsBinary | OpenNotInherited | OpenCreating | OpenForWriting, ownerReadsAndWrites));
-    ZU_RETURN_IF_ERROR(WriteFileAt(file, 0, 0, bytes.data(), static_cast<unsigned int>(bytes.size()), nullptr));
-    return file.Close();
-}
 
 // The files that the image had, made anew by the core from their records and blocks.
 class CSameKindTarget final : public IRestoreTarget {
@@ -45,10 +34,12 @@ public:
     CZuError BeginStream(CBackupSetReader& set, const SetStream_t& stream) override {
         m_Stream = stream;
         m_Core.emplace(set.Info().product);
-        CAutoMemory<char> record;
-        ZU_RETURN_IF_ERROR(set.ReadRecord(stream, record));
+        ZU_RETURN_IF_ERROR(set.ReadRecord(stream, m_Record));
+        m_Vhd.reset();
+        if (IsDynamicVhd(stream.diskType))
+            ZU_RETURN_IF_ERROR(ErrorAt(set.Path(), m_Vhd.emplace().Open(m_Record)));
         const CStagedFile& file = m_ExtentFiles[m_StreamIndex];
-        ZU_RETURN_IF_ERROR(ErrorAt(file.Target(), m_Core->Create(file.TemporaryName().c_str(), stream.diskType, record,
+        ZU_RETURN_IF_ERROR(ErrorAt(file.Target(), m_Core->Create(file.TemporaryName().c_str(), stream.diskType, m_Record,
                                                                  stream.blockSectors, m_Context)));
         if (m_Context.blockSectors != stream.blockSectors)
             return set.Damaged("the block size of " + stream.fileName + " isn't that of its record");
@@ -56,28 +47,29 @@ public:
     }
 
     CZuError WriteBlock(const SetBlock_t& block, CAutoMemory<char>& plain) override {
+        if (m_Vhd.has_value() && block.number >= m_Vhd->FirstBlockLeftOut())
+            return ErrorAt(m_ExtentFiles[m_StreamIndex].Target(), PutBackLeftOut(block, plain));
         // A grain goes as a whole; what is behind the disk's end is cut off with the file's size.
-        if (IsSparse(m_Stream.diskType) && block.sectors < m_Stream.blockSectors)
+        if (IsSparseVmdk(m_Stream.diskType) && block.sectors < m_Stream.blockSectors)
             ZU_RETURN_IF_ERROR(FillUp(plain));
         const CZuError error = m_Core->WriteBlock(plain, block.number, m_Context);
         if (error.GetErrorType() == ErrorType::Condition)
-            return Refusal(CZuString::Format("{1}: the set is damaged: block {2} has no place in {3}", m_SetPath,
-                                             block.number, m_Stream.fileName));
+            return HasNoPlace(block);
         return ErrorAt(m_ExtentFiles[m_StreamIndex].Target(), error);
     }
 
     // The core's close can't tell of a write that failed late; the sync in `Commit` does.
     CZuError EndStream() override {
         CStagedFile& file = m_ExtentFiles[m_StreamIndex++];
-        ZU_RETURN_IF_ERROR(ErrorAt(file.Target(), m_Core->Close()));
-        m_Core.reset();
+        CloseCore();
+        ZU_RETURN_IF_ERROR(ErrorAt(file.Target(), m_LeftOutFile.Close()));
         return ErrorAt(file.Target(), file.SetSize(m_Stream.fileBytes));
     }
 
     // Extents first: a descriptor never stands there without what it names.
     CZuError Commit(std::vector<std::string>& files) override {
         for (size_t index = 0; index < m_SmallFiles.size(); ++index)
-            ZU_RETURN_IF_ERROR(ErrorAt(m_SmallFiles[index].Target(), WriteWholeFile(m_SmallFiles[index].TemporaryName(),
+            ZU_RETURN_IF_ERROR(ErrorAt(m_SmallFiles[index].Target(), WriteSmallFile(m_SmallFiles[index].TemporaryName(),
                                                                                     m_SmallFileContents[index].bytes)));
         for (std::vector<CStagedFile>* group : {&m_ExtentFiles, &m_SmallFiles}) {
             for (CStagedFile& file : *group)
@@ -95,7 +87,7 @@ public:
 private:
     static CZuError RefuseWhatTheCoreCant(CBackupSetReader& set) {
         for (const SetStream_t& stream : set.Streams()) {
-            if (!IsSparse(stream.diskType))
+            if (!IsSparseVmdk(stream.diskType))
                 continue;
             CAutoMemory<char> bytes;
             CSparseRecord record;
@@ -134,6 +126,30 @@ private:
         return BeginRestored(group.back(), set, path, options.force);
     }
 
+    void CloseCore() {
+        if (m_Core.has_value())
+            Dropped(m_Core->Close());  // it never fails
+        m_Core.reset();
+    }
+
+    CZuError HasNoPlace(const SetBlock_t& block) const {
+        return Refusal(CZuString::Format("{1}: the set is damaged: block {2} has no place in {3}", m_SetPath,
+                                         block.number, m_Stream.fileName));
+    }
+
+    // The core's stream left these blocks out, and its writing does the same. They come last, so they
+    // are put where the table has them when the core is done with the file.
+    CZuError PutBackLeftOut(const SetBlock_t& block, const CAutoMemory<char>& plain) {
+        const uint32_t sector = m_Vhd->BlockSector(block.number);
+        if (sector == VhdBlockNotAllocated || block.sectors != m_Stream.blockSectors)
+            return HasNoPlace(block);
+        CloseCore();
+        if (!m_LeftOutFile.IsValid())
+            ZU_RETURN_IF_ERROR(m_LeftOutFile.Open(m_ExtentFiles[m_StreamIndex].TemporaryName().c_str(),
+                                                  OpenAsBinary | OpenNotInherited | OpenForBoth, 0));
+        return WriteFileAt(m_LeftOutFile, FileOffsetOfSector(sector), 0, plain.GetPtr(), plain.GetSize(), nullptr);
+    }
+
     CZuError FillUp(CAutoMemory<char>& plain) const {
         const uint32_t got = plain.GetSize();
         const uint32_t whole = m_Stream.blockSectors << SectorShift;
@@ -152,7 +168,10 @@ private:
     std::vector<SetFile_t> m_SmallFileContents;
     size_t m_StreamIndex = 0;
     SetStream_t m_Stream;
+    CAutoMemory<char> m_Record;
+    std::optional<CVhdRecord> m_Vhd;  // a look into the record of a dynamic VHD
     std::optional<CArchiveVirtualDiskFile> m_Core;
+    CZuFile m_LeftOutFile;
     Context_t m_Context{};
 };
 

@@ -2,17 +2,17 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <sstream>
 
 #include "VirtualServer/VMInfo/ArchiveVirtualDiskFile.h"
-#include "VirtualServer/VMInfo/UtilityFunctions.h"
 #include "agent/ErrorText.h"
+#include "agent/detail/PrivateDirectoryGuard.h"
+#include "agent/detail/SmallFileWrite.h"
 #include "foundation/ZuPath.h"
 #include "foundation/detail/ErrorHandling.h"
-#include "foundation/detail/ScopeGuard.h"
-#include "platform/PrivateDirectory.h"
 
 namespace {
 
@@ -50,6 +50,16 @@ std::string Unquoted(const std::string& value) {
     return isQuoted ? value.substr(1, value.size() - 2) : value;
 }
 
+unsigned long CidOf(const std::string& value) {
+    return std::strtoul(value.c_str(), nullptr, 16) & NoParentCid;
+}
+
+std::string CidText(unsigned long cid) {
+    char text[16];
+    std::snprintf(text, sizeof(text), "CID %08lx", cid);
+    return text;
+}
+
 bool IsForTheCore(const std::string& key) {
     return key.empty() || key.rfind("ddb.", 0) == 0 ||
            std::find(std::begin(CoreKeys), std::end(CoreKeys), key) != std::end(CoreKeys);
@@ -70,15 +80,6 @@ std::string CutToTheCore(const std::string& text) {
             kept += line + "\n";
     });
     return kept;
-}
-
-CZuError WriteText(const std::string& name, const std::string& text) {
-    constexpr int ownerReadsAndWrites = 384;
-    CZuFile file;
-    ZU_RETURN_IF_ERROR(
-        file.Open(name.c_str(), OpenAsBinary | OpenNotInherited | OpenCreating | OpenForWriting, ownerReadsAndWrites));
-    ZU_RETURN_IF_ERROR(WriteFileAt(file, 0, 0, text.data(), static_cast<unsigned int>(text.size()), nullptr));
-    return file.Close();
 }
 
 // The core puts the descriptor's directory and a backslash in front.
@@ -104,32 +105,43 @@ bool LiesBelow(const std::string& directory, const std::string& path) {
 }  // namespace
 
 CZuError ParseVmdkDescriptor(const std::string& name, const std::string& text, VmdkDescriptor_t& descriptor) {
-    const std::string directory = MakePrivateDirectory();
-    if (directory.empty())
+    const CPrivateDirectory directory;
+    if (!directory.IsMade())
         return Refusal(name + ": no temporary directory can be made for its descriptor; set TMPDIR to one that can be "
                               "written to");
-    const ScopeGuard removeDirectory([&] {
-        std::error_code ignored;  // a temporary text is all that is left
-        std::filesystem::remove_all(directory, ignored);
-    });
-
-    const std::string cutName = directory + "/descriptor.vmdk";
-    ZU_RETURN_IF_ERROR(ErrorAt(name, WriteText(cutName, CutToTheCore(text))));
+    const std::string cutName = directory.File("descriptor.vmdk");
+    ZU_RETURN_IF_ERROR(ErrorAt(name, WriteSmallFile(cutName, CutToTheCore(text))));
     ZU_RETURN_IF_ERROR(
         ErrorAt(name, CArchiveVirtualDiskFile::ParseVmdkDescriptorFile(cutName.c_str(), descriptor.file, NoDiskType)));
     for (VmdkExtentDescriptor_t& extent : descriptor.file.extents)
-        extent.fileName = WithoutDirectory(extent.fileName, directory);
-    ReadVmdkParent(text, descriptor);
+        extent.fileName = WithoutDirectory(extent.fileName, directory.Path());
+    ReadVmdkIdentity(text, descriptor.identity);
     return CZuError();
 }
 
-void ReadVmdkParent(const std::string& text, VmdkDescriptor_t& descriptor) {
+void ReadVmdkIdentity(const std::string& text, VmdkIdentity_t& identity) {
+    ImageParent_t parent;
+    bool hasParent = false;
     ForEachLine(text, [&](const std::string& /*line*/, const KeyAndValue_t& split) {
         if (split.key == "parentfilenamehint")
-            descriptor.parentHint = Unquoted(split.value);
-        if (split.key == "parentcid")
-            descriptor.hasParent = std::strtoul(split.value.c_str(), nullptr, 16) != NoParentCid;
+            parent.names = {Unquoted(split.value)};
+        if (split.key == "cid")
+            identity.own = CidText(CidOf(split.value));
+        if (split.key == "parentcid") {
+            hasParent = CidOf(split.value) != NoParentCid;
+            parent.identity = CidText(CidOf(split.value));
+        }
     });
+    if (hasParent)
+        identity.parent = parent;
+}
+
+std::string CoreDescriptorText(const std::vector<CoreExtentLine_t>& extents) {
+    std::string text = std::string(DescriptorBeginning) + "\nversion=1\nCID=0\nparentCID=ffffffff\n";
+    for (const CoreExtentLine_t& extent : extents)
+        text += "RW " + std::to_string(extent.sectors) + (extent.isSparse ? " SPARSE \"" : " FLAT \"") + extent.name +
+                "\"" + (extent.isSparse ? "" : " 0") + "\n";
+    return text;
 }
 
 CZuError ResolveExtentName(const std::string& directory, const std::string& name, bool allowOutside,

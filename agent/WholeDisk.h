@@ -1,0 +1,46 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "VirtualServer/VMInfo/HardDiskReader.h"
+#include "agent/DiskImage.h"
+#include "foundation/ZuError.h"
+#include "platform/Export.h"
+
+class CPrivateDirectory;
+
+// A whole disk as a flat run of sectors, whatever it is kept in: an image with the older links of
+// its chain, a device, a raw file. One thread at a time.
+class DISKSTREAM_EXPORT CWholeDisk {
+public:
+    CWholeDisk();
+    CWholeDisk(const CWholeDisk&) = delete;
+    CWholeDisk& operator=(const CWholeDisk&) = delete;
+    ~CWholeDisk();
+
+    // Errors say which file and what is the matter with it.
+    CZuError Open(const std::string& path, const ImageOptions_t& options);
+
+    const std::string& Path() const { return m_Links.back().Path(); }
+    uint64_t TotalSectors() const { return m_Links.back().TotalSectors(); }
+
+    // Base first.
+    const std::vector<CDiskImage>& Links() const { return m_Links; }
+
+    // The core's reader. Its errors don't name the disk.
+    CHardDiskReader& Reader() { return *m_Reader; }
+
+    // Reads `length` bytes at byte `offset`; errors name the disk.
+    CZuError Read(uint64_t offset, void* buffer, uint32_t length);
+
+private:
+    CZuError AddCoreLink(const CDiskImage& image, std::vector<Disk_t>& disks);
+    CZuError PrepareDescriptor(const CDiskImage& image, Disk_t& disk);
+
+    std::vector<CDiskImage> m_Links;
+    std::unique_ptr<CPrivateDirectory> m_Directory;  // of the descriptors that the core is given
+    std::unique_ptr<CHardDiskReader> m_Reader;
+};
