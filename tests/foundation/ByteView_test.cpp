@@ -71,3 +71,26 @@ TEST(ByteReader, TakesPiecesOneBehindTheOther) {
     EXPECT_FALSE(reader.Take(piece, 1));
     EXPECT_TRUE(reader.Take(piece, 0));
 }
+
+TEST(ByteReader, PassesOverPieces) {
+    CByteReader reader(View);
+    char piece[4] = {};
+    EXPECT_TRUE(reader.Skip(3));
+    EXPECT_TRUE(reader.Take(piece, 2));
+    EXPECT_EQ(std::string(piece, 2), "34");
+    EXPECT_TRUE(reader.Skip(0));
+    EXPECT_FALSE(reader.Skip(6)) << "one more than is left";
+    EXPECT_FALSE(reader.Skip(Most));
+    EXPECT_EQ(reader.Rest().Size(), 5U) << "a failure passes nothing";
+    EXPECT_EQ(reader.Rest().Data(), Bytes + 5);
+    EXPECT_TRUE(reader.Skip(5));
+    EXPECT_EQ(reader.Rest().Size(), 0U);
+    EXPECT_FALSE(reader.Skip(1));
+    EXPECT_TRUE(reader.Skip(0));
+}
+
+TEST(ByteReader, HasNothingToPassInAnEmptyView) {
+    CByteReader reader{CByteView()};
+    EXPECT_TRUE(reader.Skip(0));
+    EXPECT_FALSE(reader.Skip(1));
+}
