@@ -8,6 +8,8 @@ in the same directories under found-*, and isn't touched.
 import pathlib
 import struct
 import sys
+import uuid
+import zlib
 
 SECTOR = 512
 ENTRIES = 512
@@ -250,6 +252,95 @@ def records():
     }
 
 
+BASIC_DATA = uuid.UUID("EBD0A0A2-B9E5-4433-87C0-68B6B72699C7")
+LDM_METADATA = uuid.UUID("5808C8AA-7E8F-42E0-85D2-E1E90434CFB3")
+LDM_DATA = uuid.UUID("AF9B60A0-1431-4F62-BC68-3311714A69AD")
+EFI_SYSTEM = uuid.UUID("C12A7328-F81F-11D2-BA4B-00A0C93EC93B")
+
+
+def boot_record(*slots):
+    """Slots are (type, first sector, sectors); None for an empty one."""
+    image = bytearray(SECTOR)
+    for index, slot in enumerate(slots):
+        if slot:
+            put(image, 446 + 16 * index, struct.pack("<4xB3xII", slot[0], slot[1] & 0xFFFFFFFF, slot[2] & 0xFFFFFFFF))
+    put(image, 510, b"\x55\xaa")
+    return bytes(image)
+
+
+def ntfs(total_sectors=5, name=b"NTFS    ", sectors_per_cluster=8, record=0xF6):
+    image = bytearray(SECTOR)
+    put(image, 3, name)
+    put(image, 11, struct.pack("<HBH", 512, sectors_per_cluster, 0))
+    put(image, 40, struct.pack("<QQQIIQ", total_sectors, 4, 2, record, 1, 0x1122334455667788))
+    put(image, 510, b"\x55\xaa")
+    return bytes(image)
+
+
+def disk(pieces, count=8):
+    """Sectors by their number; the others are zeros."""
+    image = bytearray(count * SECTOR)
+    for number, sector in pieces.items():
+        put(image, number * SECTOR, sector)
+    return image
+
+
+def gpt(entries, count=4, signature=b"EFI PART", boot=((0xEE, 1, 0xFFFFFFFF),), sectors=8):
+    """A header in sector 1, entries of (type, first sector, last sector) from sector 2 on, NTFS in sector 4."""
+    image = disk({0: boot_record(*boot), 4: ntfs()}, sectors)
+    table_bytes = bytearray(128 * min(count, 4))
+    for index, (guid, first, last) in entries.items():
+        put(table_bytes, 128 * index, guid.bytes_le + bytes(range(16)) + struct.pack("<QQ", first, last))
+    header = bytearray(struct.pack("<8sIIIIQQQQ16sQIII", signature, 0x10000, 92, 0, 0, 1, sectors - 1, 4, sectors - 1,
+                                   bytes(range(16)), 2, count, 128, zlib.crc32(table_bytes)))
+    put(header, 16, struct.pack("<I", zlib.crc32(header)))
+    put(image, 1 * SECTOR, header)
+    put(image, 2 * SECTOR, table_bytes)
+    return image
+
+
+def partition_tables():
+    primary = {0: boot_record((7, 2, 3), (0x0C, 5, 1), None, (0x83, 6, 2)), 2: ntfs(3)}
+    return {
+        "mbr": disk(primary),
+        "mbr-count-wraps": disk({0: boot_record((7, 0xFFFFFF00, 0x200), (7, 1, 0))}),
+        "mbr-without-signature": disk({0: boot_record((7, 2, 3))[:510]}),
+        "mbr-behind-the-end": disk({0: boot_record((7, 1000, 50), (7, 0xFFFFFFFF, 0xFFFFFFFF))}),
+        "mbr-dynamic": disk({0: boot_record((0x42, 7, 1))}),
+        "logical": disk({0: boot_record((7, 1, 1), (5, 2, 6)), 1: ntfs(1), 2: boot_record((7, 1, 1), (5, 2, 2)),
+                         4: boot_record((0x83, 1, 2), (15, 5, 1)), 7: boot_record((0x0C, 1, 1))}),
+        "logical-itself": disk({0: boot_record((5, 2, 6)), 2: boot_record((7, 1, 1), (5, 0, 2))}),
+        "logical-ancestor": disk({0: boot_record((133, 2, 6)), 2: boot_record((5, 2, 1)),
+                                  4: boot_record((7, 1, 1), None, (5, 0, 1))}),
+        "logical-at-0": disk({0: boot_record((7, 1, 1), (5, 0, 6))}),
+        "logical-outside": disk({0: boot_record((5, 2, 6)), 2: boot_record((5, 0xFFFFFFFF, 6))}),
+        "logical-without-signature": disk({0: boot_record((7, 1, 1), (5, 2, 6))}),
+        "fan-of-nothing": disk({0: boot_record((5, 1, 6)), 7: boot_record(),
+                                **{level: boot_record(*[(5, level, 1)] * 4) for level in range(1, 7)}}),
+        "fan": disk({0: boot_record((5, 1, 6)), 5: boot_record((7, 1, 2)),
+                     **{level: boot_record(*[(5, level, 1)] * 4) for level in range(1, 5)}}),
+        "gpt": gpt({0: (EFI_SYSTEM, 3, 3), 2: (BASIC_DATA, 4, 6), 3: (BASIC_DATA, 7, 7)}),
+        "gpt-dynamic": gpt({1: (LDM_METADATA, 3, 3), 2: (LDM_DATA, 4, 7)}),
+        "gpt-data-before-metadata": gpt({0: (LDM_DATA, 4, 7), 1: (LDM_METADATA, 3, 3)}),
+        "gpt-metadata-alone": gpt({0: (LDM_METADATA, 0xFFFFFFFFFFFFFFFF, 3)}),
+        "gpt-behind-a-primary": gpt({0: (BASIC_DATA, 4, 7)}, boot=((7, 1, 1), None, (0xEE, 1, 7), (7, 1, 1))),
+        "gpt-other-header": gpt({0: (BASIC_DATA, 4, 7)}, signature=b"EFI PARt"),
+        "gpt-of-no-entries": gpt({}, count=0),
+        "gpt-up-to-the-end": gpt({0: (EFI_SYSTEM, 3, 3)}, count=24),
+        "gpt-entry-behind-the-end": gpt({0: (EFI_SYSTEM, 3, 3)}, count=25),
+        "gpt-of-all-ones": gpt({0: (BASIC_DATA, 4, 7)}, count=0xFFFFFFFF),
+        "gpt-first-above-last": gpt({0: (BASIC_DATA, 4, 1), 1: (EFI_SYSTEM, 0xFFFFFFFFFFFFFFFF, 0)}),
+        "gpt-partition-outside": gpt({0: (EFI_SYSTEM, 3, 3), 1: (BASIC_DATA, 1 << 55, 1 << 55)}),
+        "gpt-partition-at-all-ones": gpt({0: (BASIC_DATA, 0xFFFFFFFFFFFFFFFF, 0xFFFFFFFFFFFFFFFF)}),
+        "volume": bytearray(ntfs() + bytes(5 * SECTOR)),
+        "volume-of-all-ones": bytearray(ntfs(0xFFFFFFFFFFFFFFFF) + bytes(SECTOR)),
+        "volume-of-2-to-55": bytearray(ntfs((1 << 55) - 1, sectors_per_cluster=0, record=0xFFFFFFF6) + bytes(SECTOR)),
+        "cut": bytearray(boot_record((7, 1, 1))[:511]),
+        "one-sector": bytearray(boot_record((0xEE, 1, 1))),
+        "empty": b"",
+    }
+
+
 def write(directory, seeds):
     directory.mkdir(parents=True, exist_ok=True)
     for name, data in seeds.items():
@@ -261,6 +352,7 @@ def main():
     write(top / "sparse_extent_fuzz", sparse_extents())
     write(top / "descriptor_fuzz", descriptors())
     write(top / "metadata_record_fuzz", records())
+    write(top / "partition_tables_fuzz", partition_tables())
 
 
 if __name__ == "__main__":
