@@ -48,7 +48,8 @@ private:
         std::string path;
         if (!m_Options.parents.empty()) {
             if (given.empty())
-                return Refusal(child.Path() + ": builds on another image, which isn't among the links given by --chain");
+                return Refusal(child.Path() +
+                               ": builds on another image, which isn't among the links given by --chain");
             path = given.back();
             given.pop_back();
         } else {
@@ -99,14 +100,16 @@ private:
         if (isRepeated)
             return Refusal(parent.Path() + ": is a link of its own chain, which so has no end");
         if (parent.Product() != child.Product())
-            return Refusal(parent.Path() + ": is an image of another kind than " + child.Path() + ", which builds on it");
+            return Refusal(parent.Path() + ": is an image of another kind than " + child.Path() +
+                           ", which builds on it");
         if (parent.Identity() != child.Parent()->identity)
             return Refusal(parent.Path() + ": has changed, or isn't the parent of " + child.Path() + ": it is " +
                            parent.Identity() + " where " + child.Parent()->identity + " is needed");
         if (parent.TotalSectors() != child.TotalSectors())
-            return Refusal(CZuString::Format("{1}: has {2} sectors where {3}, which builds on it, has {4}; such a chain "
-                                             "can't be read",
-                                             parent.Path(), parent.TotalSectors(), child.Path(), child.TotalSectors()));
+            return Refusal(
+                CZuString::Format("{1}: has {2} sectors where {3}, which builds on it, has {4}; such a chain "
+                                  "can't be read",
+                                  parent.Path(), parent.TotalSectors(), child.Path(), child.TotalSectors()));
         return CZuError();
     }
 

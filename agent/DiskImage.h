@@ -31,10 +31,10 @@ struct SmallFile_t {
 };
 
 struct ImageOptions_t {
-    std::optional<DiskType_t> type;   // found from the file unless given
-    bool allowOutside = false;        // a file may name others that don't lie beside it or below
-    bool rawUnlessKnown = false;      // a file of no known kind is a raw disk
-    std::vector<std::string> parents; // the older links of the image's chain, base first; found unless given
+    std::optional<DiskType_t> type;    // found from the file unless given
+    bool allowOutside = false;         // a file may name others that don't lie beside it or below
+    bool rawUnlessKnown = false;       // a file of no known kind is a raw disk
+    std::vector<std::string> parents;  // the older links of the image's chain, base first; found unless given
 };
 
 // What an image tells of the older link on which it builds.

@@ -19,9 +19,9 @@ struct SparseInfoSummary_t {
 // What the footer and the header of a VHD tell.
 struct VhdInfoSummary_t {
     std::string uniqueId;
-    std::string creator;       // four letters, as the file has them
-    uint64_t blockBytes = 0;   // data bytes in a block; 0 for a fixed disk
-    uint64_t blockCount = 0;   // that the file holds
+    std::string creator;      // four letters, as the file has them
+    uint64_t blockBytes = 0;  // data bytes in a block; 0 for a fixed disk
+    uint64_t blockCount = 0;  // that the file holds
     uint64_t tableEntries = 0;
 };
 

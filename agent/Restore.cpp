@@ -10,8 +10,7 @@ namespace {
 // One restore on its way.
 class CRestoreRun {
 public:
-    CRestoreRun(const RestoreOptions_t& options, RestoreResult_t& result)
-        : m_Options(options), m_Result(result) {}
+    CRestoreRun(const RestoreOptions_t& options, RestoreResult_t& result) : m_Options(options), m_Result(result) {}
 
     CZuError Run(const std::string& setName, const std::string& target) {
         ZU_RETURN_IF_ERROR(m_Set.Open(setName));

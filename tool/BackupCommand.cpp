@@ -10,6 +10,7 @@ struct Arguments_t {
     std::string image;
     std::string set;
     std::string compression = "zstd";
+    bool flatten = false;
     bool force = false;
     ImageArguments_t imageArguments;
     OutputOptions_t output;
@@ -69,6 +70,7 @@ void PrintResult(const Arguments_t& arguments, const BackupResult_t& result, dou
 int Run(const Arguments_t& arguments) {
     BackupOptions_t options;
     options.image = arguments.imageArguments.Options();
+    options.flatten = arguments.flatten;
     options.force = arguments.force;
     options.compressionLevel = CompressionLevel(arguments.compression);
     BackupResult_t result;
@@ -97,11 +99,15 @@ void AddBackupCommand(CLI::App& program, int& exitCode) {
     command->add_option("--compression", arguments->compression, "How blocks are kept; zstd, the default, is level 1")
         ->type_name("none|zstd[:LEVEL]")
         ->check(CLI::Validator(CheckCompression, ""));
+    command->add_flag("--flatten", arguments->flatten,
+                      "Keep the disk as it reads through its chain, as a raw disk, instead of the image alone");
     command->add_flag("-f,--force", arguments->force, "Replace a set that exists");
     AddImageArguments(*command, arguments->imageArguments);
     AddOutputArguments(*command, arguments->output);
     command->footer("Examples:\n"
                     "  diskstream backup disk.vmdk monday.dset\n"
-                    "  diskstream backup --compression zstd:9 disk.vmdk monday.dset");
+                    "  diskstream backup --compression zstd:9 disk.vmdk monday.dset\n"
+                    "  diskstream backup --flatten snapshot.vhd monday.dset\n"
+                    "  diskstream backup /dev/sdb monday.dset");
     command->callback([arguments, &exitCode] { exitCode = Run(*arguments); });
 }

@@ -1,7 +1,10 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <cstdint>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "agent/DiskImage.h"
 #include "tool/Output.h"
@@ -13,11 +16,16 @@ void AddBackupCommand(CLI::App& program, int& exitCode);
 void AddRestoreCommand(CLI::App& program, int& exitCode);
 void AddVerifyCommand(CLI::App& program, int& exitCode);
 void AddListCommand(CLI::App& program, int& exitCode);
+void AddPartitionsCommand(CLI::App& program, int& exitCode);
+void AddVolumesCommand(CLI::App& program, int& exitCode);
+void AddReadCommand(CLI::App& program, int& exitCode);
+void AddCreateDiskCommand(CLI::App& program, int& exitCode);
 
 // What the arguments say of an image, until it is turned into the agent's terms.
 struct ImageArguments_t {
     std::string typeName;
     bool allowOutside = false;
+    std::vector<std::string> parents;
 
     ImageOptions_t Options() const;
 };
@@ -25,6 +33,13 @@ struct ImageArguments_t {
 // An argument that names a file: its place in the command line, or an option before the name.
 CLI::Option* AddNameArgument(CLI::App& command, const std::string& argument, std::string& name,
                              const std::string& description);
+
+// Disks that are looked into. One of no known kind is a raw disk.
+void AddDiskArguments(CLI::App& command, std::vector<std::string>& disks, ImageArguments_t& arguments);
+
+// A number of bytes: digits, perhaps with K, M, G or T for powers of 1024 behind them.
+CLI::Option* AddBytesOption(CLI::App& command, const std::string& option, std::optional<uint64_t>& bytes,
+                            const std::string& description);
 
 void AddImageArguments(CLI::App& command, ImageArguments_t& arguments);
 void AddOutputArguments(CLI::App& command, OutputOptions_t& output);

@@ -1,3 +1,6 @@
+#include <algorithm>
+#include <cctype>
+
 #include "tool/Commands.h"
 
 namespace {
@@ -22,6 +25,33 @@ std::string TypeHelp() {
     return text;
 }
 
+constexpr char ByteUnits[] = "KMGT";
+
+// False for a text that is no number of bytes.
+bool ParseBytes(const std::string& text, uint64_t& bytes) {
+    const size_t digits = std::min(text.find_first_not_of("0123456789"), text.size());
+    constexpr size_t mostDigits = 19;  // fewer than any number of 64 bits can have at most
+    if (digits == 0 || digits > mostDigits || text.size() > digits + 1)
+        return false;
+    bytes = std::stoull(text.substr(0, digits));
+    if (digits == text.size())
+        return true;
+    const std::string units = ByteUnits;
+    const size_t unit = units.find(static_cast<char>(std::toupper(static_cast<unsigned char>(text.back()))));
+    if (unit == std::string::npos)
+        return false;
+    const unsigned shift = 10 * (static_cast<unsigned>(unit) + 1);
+    if (bytes >> (64 - shift) != 0)
+        return false;
+    bytes <<= shift;
+    return true;
+}
+
+std::string CheckBytes(const std::string& text) {
+    uint64_t bytes = 0;
+    return ParseBytes(text, bytes) ? "" : text + " is no number of bytes; give digits, and perhaps K, M, G or T behind";
+}
+
 }  // namespace
 
 ImageOptions_t ImageArguments_t::Options() const {
@@ -29,6 +59,7 @@ ImageOptions_t ImageArguments_t::Options() const {
     if (!typeName.empty())
         options.type = DiskTypeFromName(typeName);
     options.allowOutside = allowOutside;
+    options.parents = parents;
     return options;
 }
 
@@ -37,12 +68,39 @@ CLI::Option* AddNameArgument(CLI::App& command, const std::string& argument, std
     return command.add_option(argument, name, description)->type_name("")->check(CLI::Validator(CheckName, ""));
 }
 
+CLI::Option* AddBytesOption(CLI::App& command, const std::string& option, std::optional<uint64_t>& bytes,
+                            const std::string& description) {
+    const auto take = [&bytes](const std::string& text) {
+        uint64_t parsed = 0;
+        ParseBytes(text, parsed);
+        bytes = parsed;
+    };
+    return command.add_option_function<std::string>(option, take, description)
+        ->type_name("BYTES")
+        ->check(CLI::Validator(CheckBytes, ""));
+}
+
+void AddDiskArguments(CLI::App& command, std::vector<std::string>& disks, ImageArguments_t& arguments) {
+    command.add_option("DISK", disks, "Disk images, raw files or devices")
+        ->type_name("")
+        ->required()
+        ->check(CLI::Validator(CheckName, ""));
+    AddImageArguments(command, arguments);
+}
+
 void AddImageArguments(CLI::App& command, ImageArguments_t& arguments) {
     command.add_option("--type", arguments.typeName, TypeHelp())
         ->type_name("KIND")
         ->check(CLI::Validator(CheckType, ""));
     command.add_flag("--allow-outside", arguments.allowOutside,
-                     "Follow a descriptor to files that don't lie beside it or below");
+                     "Follow an image to files that don't lie beside it or below");
+    command
+        .add_option("--chain", arguments.parents,
+                    "Older links of the image's chain, base first, instead of those that it names")
+        ->type_name("FILE,FILE,...")
+        ->delimiter(',')
+        ->expected(1)
+        ->check(CLI::Validator(CheckName, ""));
 }
 
 void AddOutputArguments(CLI::App& command, OutputOptions_t& output) {

@@ -39,6 +39,10 @@ void AddCommands(CLI::App& program, int& exitCode) {
     AddRestoreCommand(program, exitCode);
     AddVerifyCommand(program, exitCode);
     AddListCommand(program, exitCode);
+    AddPartitionsCommand(program, exitCode);
+    AddVolumesCommand(program, exitCode);
+    AddReadCommand(program, exitCode);
+    AddCreateDiskCommand(program, exitCode);
     for (CLI::App* const command : program.get_subcommands({}))
         command->group("Commands");
 }

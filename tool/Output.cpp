@@ -14,6 +14,22 @@ bool IsControl(unsigned char before, unsigned char byte) {
     return byte < 0x20 || byte == 0x7F || (before == 0xC2 && byte >= 0x80 && byte < 0xA0);
 }
 
+// In UTF-8 all bytes of a character but its first are 10xxxxxx.
+size_t CountCharacters(const std::string& text) {
+    return static_cast<size_t>(std::count_if(text.begin(), text.end(),
+                                             [](char each) { return (static_cast<uint8_t>(each) & 0xC0U) != 0x80; }));
+}
+
+std::string LaidOut(const std::vector<std::string>& cells, const std::vector<size_t>& widths) {
+    std::string line;
+    for (size_t column = 0; column < cells.size(); ++column) {
+        line += cells[column];
+        line.append(widths[column] - CountCharacters(cells[column]) + 2, ' ');
+    }
+    line.erase(line.find_last_not_of(' ') + 1);
+    return line;
+}
+
 }  // namespace
 
 std::string SizeText(uint64_t bytes) {
@@ -51,6 +67,22 @@ void PrintFacts(const std::vector<std::pair<std::string, std::string>>& facts) {
         width = std::max(width, name.size());
     for (const auto& [name, value] : facts)
         std::printf("%-*s  %s\n", static_cast<int>(width), name.c_str(), Printable(value).c_str());
+}
+
+void PrintTable(const std::vector<std::string>& head, const std::vector<std::vector<std::string>>& rows) {
+    std::vector<std::vector<std::string>> lines{head};
+    for (const std::vector<std::string>& row : rows) {
+        lines.emplace_back();
+        for (const std::string& cell : row)
+            lines.back().push_back(Printable(cell));
+    }
+    std::vector<size_t> widths(head.size());
+    for (const std::vector<std::string>& line : lines) {
+        for (size_t column = 0; column < line.size(); ++column)
+            widths[column] = std::max(widths[column], CountCharacters(line[column]));
+    }
+    for (const std::vector<std::string>& line : lines)
+        std::puts(LaidOut(line, widths).c_str());
 }
 
 void PrintComplaint(const std::string& text) {

@@ -34,6 +34,9 @@ void PrintJson(const Json_t& object);
 // Prints a column of "name: value" lines with the values below each other.
 void PrintFacts(const std::vector<std::pair<std::string, std::string>>& facts);
 
+// Prints rows below a head, in columns that are as wide as what stands in them.
+void PrintTable(const std::vector<std::string>& head, const std::vector<std::vector<std::string>>& rows);
+
 // One line to the error output, behind the program's name.
 void PrintComplaint(const std::string& text);
 

@@ -55,9 +55,7 @@ protected:
 // The core fails in a block that reaches past the end, so the tail comes in blocks that are powers
 // of two, the largest first: each begins at a multiple of its own size.
 class CFlatSource final : public CWholeBlocks {
-    bool IsTail(uint64_t firstSector) const override {
-        return m_Extent.totalSectors - firstSector < FlatBlockSectors;
-    }
+    bool IsTail(uint64_t firstSector) const override { return m_Extent.totalSectors - firstSector < FlatBlockSectors; }
 
     CZuError ReadTail(uint64_t firstSector, uint32_t sectors, CAutoMemory<char>& bytes) override {
         if (bytes.Alloc(sectors << SectorShift) == nullptr)
@@ -79,9 +77,7 @@ class CFlatSource final : public CWholeBlocks {
 // The core leaves the disk's last sector out of the last block, whole or not, so that block is read
 // by sector.
 class CFixedVhdSource final : public CWholeBlocks {
-    bool IsTail(uint64_t firstSector) const override {
-        return m_Extent.totalSectors - firstSector <= FlatBlockSectors;
-    }
+    bool IsTail(uint64_t firstSector) const override { return m_Extent.totalSectors - firstSector <= FlatBlockSectors; }
 
     CZuError ReadTail(uint64_t firstSector, uint32_t sectors, CAutoMemory<char>& bytes) override {
         CVHDFileReader reader;

@@ -19,14 +19,15 @@ CZuError CRawOutput::Prepare(const CBackupSetReader& set, const std::string& tar
 
 CZuError CRawOutput::PrepareDevice(const std::string& target, const RestoreOptions_t& options) {
     if (!options.force)
-        return Refusal(target + ": is a device, and what it holds would be lost; if that is what you want, say --force");
+        return Refusal(target +
+                       ": is a device, and what it holds would be lost; if that is what you want, say --force");
     uint64_t deviceBytes = 0;
     uint32_t systemError = 0;
     if (FindDriveSize(target, deviceBytes, systemError) != DriveSizeResult_t::Found)
         return ErrorAt(target, SystemFailure(static_cast<int>(systemError)));
     if (deviceBytes < m_DiskBytes)
-        return Refusal(CZuString::Format("{1}: has {2} bytes, and the disk needs {3}", target, deviceBytes,
-                                         m_DiskBytes));
+        return Refusal(
+            CZuString::Format("{1}: has {2} bytes, and the disk needs {3}", target, deviceBytes, m_DiskBytes));
     return ErrorAt(target, SystemFailure(m_Claim.Take(target)));
 }
 

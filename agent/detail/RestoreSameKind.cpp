@@ -39,8 +39,8 @@ public:
         if (IsDynamicVhd(stream.diskType))
             ZU_RETURN_IF_ERROR(ErrorAt(set.Path(), m_Vhd.emplace().Open(m_Record)));
         const CStagedFile& file = m_ExtentFiles[m_StreamIndex];
-        ZU_RETURN_IF_ERROR(ErrorAt(file.Target(), m_Core->Create(file.TemporaryName().c_str(), stream.diskType, m_Record,
-                                                                 stream.blockSectors, m_Context)));
+        ZU_RETURN_IF_ERROR(ErrorAt(file.Target(), m_Core->Create(file.TemporaryName().c_str(), stream.diskType,
+                                                                 m_Record, stream.blockSectors, m_Context)));
         if (m_Context.blockSectors != stream.blockSectors)
             return set.Damaged("the block size of " + stream.fileName + " isn't that of its record");
         return CZuError();

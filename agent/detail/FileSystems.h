@@ -1,0 +1,16 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "agent/WholeDisk.h"
+#include "foundation/ZuError.h"
+
+// Makes `name` the name of the file system or volume manager whose marks stand at the start of
+// `sectors` sectors from `startSector` on; empty for none that is known. Sectors that can't be read
+// have no marks.
+void RecognizeFileSystem(CWholeDisk& disk, uint64_t startSector, uint64_t sectors, std::string& name);
+
+// True for a first sector that begins a file system and no partition table: an NTFS, FAT or exFAT
+// volume on the whole disk has the signature of a boot record too.
+bool IsVolumeBootSector(const char (&sector)[512]);
