@@ -15,7 +15,7 @@
 namespace {
 
 constexpr char VolumeName[] = "volume";
-constexpr uint64_t HoleBytes = 96 * 1024;
+constexpr uint64_t HoleBytes = 8 * 1024;
 constexpr uint32_t SectorBytes = 512;
 constexpr uint64_t MostVolumes = 16;  // to read from: a few records can give thousands
 constexpr uint8_t Ntfs = 7;

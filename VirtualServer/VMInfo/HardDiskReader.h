@@ -61,7 +61,7 @@ public:
 
     // Reads `length` bytes at byte `offset`. A sector that no link holds reads as zeros; a sector of
     // an older link shows through what the newer ones don't hold. Physical disks fail behind their
-    // end with their own error, chains with that of the newest link.
+    // end with their own error, chains with that of the link that has no such sector.
     CZuError ReadHardDiskData(uint64_t offset, void* buffer, uint32_t length);
 
     // The bytes from `offset` on, at most `mostBytes`, that no link of the chain holds, and which
