@@ -52,7 +52,8 @@ CZuError Describe(const std::string& name, const ImageOptions_t& options, ImageI
     ZU_RETURN_IF_ERROR(image.Open(name, options));
     info.diskType = image.DiskType();
     info.diskSectors = image.TotalSectors();
-    info.parent = image.Parent();
+    info.hasParent = image.HasParent();
+    info.parent = image.Parent().value_or(ImageParent_t());
     info.warnings = image.Warnings();
     for (const DiskExtent_t& extent : image.Extents())
         ZU_RETURN_IF_ERROR(DescribeExtent(extent, info.extents.emplace_back()));

@@ -34,7 +34,8 @@ struct ExtentInfo_t {
 struct ImageInfo_t {
     DiskType_t diskType = NoDiskType;
     uint64_t diskSectors = 0;
-    std::optional<ImageParent_t> parent;
+    bool hasParent = false;
+    ImageParent_t parent;  // of a link that has one
     std::vector<ExtentInfo_t> extents;
     std::vector<std::string> files;  // that belong to the image beside its extents
     std::vector<std::string> warnings;

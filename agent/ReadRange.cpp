@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "agent/VolumeSet.h"
+#include "foundation/AutoMemory.h"
 #include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
 
@@ -51,14 +52,16 @@ CZuError CheckRange(const VolumeInfo_t& volume, const ReadRange_t& range, uint64
 CZuError ReadAll(CVolumeSet& set, const VolumeInfo_t& volume, const ReadRange_t& range, const TakeBytes_t& take) {
     Progress_t progress;
     ZU_RETURN_IF_ERROR(CheckRange(volume, range, progress.totalBytes));
-    std::vector<char> buffer(PieceBytes);
+    CAutoMemory<char> buffer;
+    if (buffer.Alloc(PieceBytes) == nullptr)
+        return Refusal("Out of memory");
     while (progress.doneBytes < progress.totalBytes) {
         const uint64_t offset = range.offset + progress.doneBytes;
         // Pieces end at multiples of their size, where those of most layouts do too.
         const auto size = static_cast<uint32_t>(
             std::min<uint64_t>(progress.totalBytes - progress.doneBytes, PieceBytes - offset % PieceBytes));
-        ZU_RETURN_IF_ERROR(set.Read(volume, offset, buffer.data(), size));
-        if (!take(buffer.data(), size))
+        ZU_RETURN_IF_ERROR(set.Read(volume, offset, buffer.GetPtr(), size));
+        if (!take(buffer.GetPtr(), size))
             return CZuError();
         progress.doneBytes += size;
         if (range.progress && !range.progress(progress))

@@ -34,9 +34,9 @@ Json_t JsonOf(const ExtentInfo_t& info) {
 Json_t JsonOf(const Arguments_t& arguments, const ImageInfo_t& info) {
     Json_t object{
         {"image", arguments.image}, {"type", DiskTypeName(info.diskType)}, {"disk_bytes", info.diskSectors * 512}};
-    if (info.parent.has_value()) {
-        object["parent"] = info.parent->names.empty() ? "" : info.parent->names.front();
-        object["parent_identity"] = info.parent->identity;
+    if (info.hasParent) {
+        object["parent"] = info.parent.names.empty() ? "" : info.parent.names.front();
+        object["parent_identity"] = info.parent.identity;
     }
     object["extents"] = Json_t::array();
     for (const ExtentInfo_t& extent : info.extents)
@@ -71,8 +71,8 @@ void PrintText(const Arguments_t& arguments, const ImageInfo_t& info) {
         {"Image", arguments.image},
         {"Type", DiskTypeName(info.diskType)},
         {"Disk size", SizeText(info.diskSectors * 512) + " (" + std::to_string(info.diskSectors) + " sectors)"}};
-    if (info.parent.has_value())
-        facts.emplace_back("Parent", ParentText(*info.parent));
+    if (info.hasParent)
+        facts.emplace_back("Parent", ParentText(info.parent));
     for (const std::string& file : info.files)
         facts.emplace_back("File", file);
     for (const ExtentInfo_t& extent : info.extents)
