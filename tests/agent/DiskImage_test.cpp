@@ -12,6 +12,7 @@
 #include "tests/support/CowdBuilder.h"
 #include "tests/support/ErrorAssertions.h"
 #include "tests/support/SameBytes.h"
+#include "tests/support/VhdBuilder.h"
 #include "tests/support/VmdkSparseBuilder.h"
 
 namespace {
@@ -90,12 +91,47 @@ TEST_F(DiskImage, OtherCreateTypesAreNotSupportedAndSaidByNumberAndName) {
     EXPECT_FAILS_SAYING(Open(Descriptor("streamOptimized", "SPARSE", 10, "x")), m_Dir.File("disk.vmdk") + ": ");
 }
 
-TEST_F(DiskImage, DisksOfOtherFormatsAreNotSupportedYet) {
-    const std::string footer = "conectix" + std::string(504, '\0');
-    EXPECT_FAILS_SAYING(Open(m_Dir.Write("fixed.vhd", std::string(5120, 'x') + footer)), m_Dir.File("fixed.vhd"),
-                        "Disk type not supported", "vhdFixed");
-    EXPECT_FAILS_SAYING(Open(m_Dir.Write("dynamic.vhd", footer + std::string(5120, 'x') + footer)),
-                        m_Dir.File("dynamic.vhd"), "Disk type not supported", "vhdDynamic");
+TEST_F(DiskImage, EveryKindOfVhdOpensAsWhatItsFooterTells) {
+    const struct {
+        CVhdBuilder file;
+        DiskType_t type;
+    } rows[] = {{CVhdBuilder::Fixed(10), DiskType_VhdFixed},
+                {CVhdBuilder::Dynamic(10), DiskType_VhdDynamic},
+                {CVhdBuilder::Differencing(10), DiskType_VhdDifferencing}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(DiskTypeName(row.type));
+        m_Options.type.reset();
+        ASSERT_OK(Open(row.file.WriteTo(m_Dir)));
+        EXPECT_EQ(row.type, m_Image.DiskType());
+        EXPECT_EQ(VirtualProdType_HyperV, m_Image.Product());
+        EXPECT_EQ(10U, m_Image.TotalSectors());
+        ASSERT_EQ(1U, m_Image.Extents().size());
+        EXPECT_EQ("disk.vhd", m_Image.Extents()[0].name);
+        EXPECT_EQ(std::filesystem::file_size(m_Dir.File("disk.vhd")), m_Image.Extents()[0].fileBytes);
+        EXPECT_EQ(0U, m_Image.SmallFiles().size());
+        EXPECT_EQ(row.type == DiskType_VhdDifferencing, m_Image.HasParent());
+        for (const auto& told : rows) {
+            m_Options.type = told.type;
+            if (told.type == row.type) {
+                EXPECT_OK(Open(m_Dir.File("disk.vhd")));
+            } else {
+                EXPECT_FAILS_SAYING(Open(m_Dir.File("disk.vhd")), m_Dir.File("disk.vhd"), DiskTypeName(row.type),
+                                    DiskTypeName(told.type));
+            }
+        }
+    }
+}
+
+TEST_F(DiskImage, AnyFileIsARawDiskToThoseWhoSaySo) {
+    m_Options.type = DiskType_PhysicalDisk;
+    for (const std::string& bytes : {std::string(5120, 'x'), CVhdBuilder::Dynamic(10).Bytes(),
+                                     CVmdkSparseBuilder().Bytes(), "conectix" + std::string(504, '\0')}) {
+        SCOPED_TRACE(bytes.substr(0, 8));
+        ASSERT_OK(Open(m_Dir.Write("file", bytes)));
+        EXPECT_EQ(DiskType_PhysicalDisk, m_Image.DiskType());
+        EXPECT_EQ(VirtualProdType_Physical, m_Image.Product());
+        EXPECT_EQ(bytes.size() / 512, m_Image.TotalSectors());
+    }
 }
 
 TEST_F(DiskImage, FilesOfNoKindAreRefused) {
@@ -227,7 +263,7 @@ TEST_F(DiskImage, ADescriptorMayHaveSparseAndFlatExtentsBoth) {
 
 TEST_F(DiskImage, AFlatFileNeedsToBeToldItsType) {
     const std::string flat = m_Dir.Write("disk-flat.vmdk", std::string(5120, 'x'));
-    EXPECT_FAILS_SAYING(Open(flat), "--type monolithicFlat");
+    EXPECT_FAILS_SAYING(Open(flat), "no disk image of a known kind", "--type raw");
     for (const DiskType_t type : {DiskType_MonolithicFlat, DiskType_Vmfs, DiskType_TwoGbMaxExtentFlat}) {
         m_Options.type = type;
         ASSERT_OK(Open(flat));
@@ -242,12 +278,12 @@ TEST_F(DiskImage, AFlatFileNeedsToBeToldItsType) {
 
 TEST_F(DiskImage, NamesOfTypesGoBothWays) {
     const std::vector<std::string> names = SelectableDiskTypeNames();
-    EXPECT_EQ(6U, names.size());
+    EXPECT_EQ(10U, names.size());
     for (const std::string& name : names) {
         ASSERT_TRUE(DiskTypeFromName(name).has_value()) << name;
         EXPECT_EQ(name, DiskTypeName(*DiskTypeFromName(name)));
     }
-    for (const char* name : {"", "MonolithicFlat", "vhdFixed", "raw", "streamOptimized"})
+    for (const char* name : {"", "MonolithicFlat", "VhdFixed", "Raw", "fullDevice", "streamOptimized"})
         EXPECT_FALSE(DiskTypeFromName(name).has_value()) << name;
     EXPECT_STREQ("unknown", DiskTypeName(DiskType_t(0)));
     EXPECT_STREQ("unknown", DiskTypeName(DiskType_t(1000)));

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "tests/agent/AgentAssertions.h"
 #include "tests/support/ErrorAssertions.h"
@@ -65,8 +66,9 @@ TEST(ImageDescriptor, LineEndsOfOtherSystemsAreTheSame) {
         OneExtent().LineEnd("\r\n").Line("parentFileNameHint=\"p.vmdk\"").ParentCid("0172e8a4").Text();
     ASSERT_OK(ParseVmdkDescriptor("disk.vmdk", text, descriptor));
     EXPECT_EQ(1U, descriptor.file.extents.size());
-    EXPECT_EQ("p.vmdk", descriptor.parentHint);
-    EXPECT_TRUE(descriptor.hasParent);
+    ASSERT_TRUE(descriptor.identity.parent.has_value());
+    EXPECT_EQ(std::vector<std::string>{"p.vmdk"}, descriptor.identity.parent->names);
+    EXPECT_EQ("CID 0172e8a4", descriptor.identity.parent->identity);
 }
 
 TEST(ImageDescriptor, TellsWhetherTheDiskIsALinkOfAChain) {
@@ -78,8 +80,10 @@ TEST(ImageDescriptor, TellsWhetherTheDiskIsALinkOfAChain) {
         SCOPED_TRACE(row.parentCid);
         VmdkDescriptor_t descriptor;
         ASSERT_OK(ParseVmdkDescriptor("disk.vmdk", OneExtent().ParentCid(row.parentCid).Text(), descriptor));
-        EXPECT_EQ(row.hasParent, descriptor.hasParent);
-        EXPECT_EQ("", descriptor.parentHint);
+        ASSERT_EQ(row.hasParent, descriptor.identity.parent.has_value());
+        if (row.hasParent) {
+            EXPECT_EQ(std::vector<std::string>{}, descriptor.identity.parent->names);
+        }
     }
 }
 
@@ -90,7 +94,7 @@ TEST(ImageDescriptor, NothingBehindItsFirstNulCounts) {
     text += "RW 5 FLAT \"behind.vmdk\" 0\nparentCID=12345678\n";
     ASSERT_OK(ParseVmdkDescriptor("disk.vmdk", text, descriptor));
     EXPECT_EQ(1U, descriptor.file.extents.size());
-    EXPECT_FALSE(descriptor.hasParent);
+    EXPECT_FALSE(descriptor.identity.parent.has_value());
 }
 
 TEST(ImageDescriptor, FailuresNameTheDescriptor) {

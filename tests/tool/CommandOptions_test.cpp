@@ -59,7 +59,7 @@ TEST_F(CommandOptions, ForceReplacesNothingWhenItFails) {
 TEST_F(CommandOptions, TypeMakesADiskOfPlainBytes) {
     const std::string bytes = FlatBytes();
     m_Dir.Write("plain", bytes);
-    EXPECT_FAILS_WITH(Run({"backup", "plain", "plain.dset"}), 1, "say --type monolithicFlat");
+    EXPECT_FAILS_WITH(Run({"backup", "plain", "plain.dset"}), 1, "say --type raw");
     EXPECT_EQ(RunForJson({"info", "plain", "--json", "--type", "monolithicFlat"})["disk_bytes"], bytes.size());
     EXPECT_SUCCEEDS(Run({"backup", "-q", "plain", "plain.dset", "--type", "monolithicFlat"}));
     EXPECT_SUCCEEDS(Run({"verify", "plain.dset", "--against", "plain", "--type", "monolithicFlat"}));

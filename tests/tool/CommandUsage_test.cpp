@@ -12,7 +12,8 @@ using testing::StartsWith;
 
 using CommandUsage = CCommandFixture;
 
-const std::vector<std::string> Commands{"info", "backup", "restore", "verify", "list"};
+const std::vector<std::string> Commands{"info",       "backup",  "restore", "verify",     "list",
+                                        "partitions", "volumes", "read",    "create-disk"};
 
 TEST_F(CommandUsage, HelpTellsOfEveryCommandWithExamples) {
     for (const std::string option : {"--help", "-h"}) {
@@ -67,12 +68,16 @@ TEST_F(CommandUsage, MisuseEndsWithTwoAndSaysWhatIsWrongAndWhereToRead) {
         {{"verify"}, "SET is required", "diskstream verify --help"},
         {{"list"}, "SET is required", "diskstream list --help"},
         {{"verify", "--agianst", "disk.vmdk"}, "no such option: --agianst", "diskstream verify --help"},
+        {{"partitions"}, "DISK is required", "diskstream partitions --help"},
+        {{"volumes"}, "DISK is required", "diskstream volumes --help"},
+        {{"read"}, "DISK is required", "diskstream read --help"},
+        {{"create-disk", "--size", "1M"}, "TARGET is required", "diskstream create-disk --help"},
         {{"list", "disk.dset", "more"}, "one argument too many: more", "diskstream list --help"},
         {{"info", "disk.vmdk", "--force"}, "no such option: --force", "diskstream info --help"},
         {{"list", ""}, "SET: the name is empty", "diskstream list --help"},
         {{"verify", "disk.dset", "--against", ""}, "--against: the name is empty", "diskstream verify --help"},
         {{"info", "disk.vmdk", "--type", "floppy"}, "there is no kind floppy", "diskstream info --help"},
-        {{"info", "disk.vmdk", "--type", "vhdFixed"}, "there is no kind vhdFixed", "diskstream info --help"},
+        {{"info", "disk.vmdk", "--type", "vhdFixd"}, "there is no kind vhdFixd", "diskstream info --help"},
         {{"restore", "disk.dset", "x", "--as", "qcow2"}, "--as: must be raw", "diskstream restore --help"},
     };
     for (const auto& row : rows) {
@@ -104,7 +109,8 @@ TEST_F(CommandUsage, FailuresEndWithOneAndSayWhatWhereAndWhatToDo) {
         const char* words;
     } rows[] = {
         {{"info", "none.vmdk"}, "none.vmdk: No such file or directory"},
-        {{"info", "text"}, "text: is no disk image of a known kind; if it is a flat extent, say --type"},
+        {{"info", "text"},
+         "text: is no disk image of a known kind; if it holds the plain bytes of a disk, say --type raw"},
         {{"info", "."}, ".: Is a directory"},
         {{"info", "flat.vmdk"}, "elsewhere.vmdk: No such file or directory"},
         {{"backup", "none.vmdk", "x.dset"}, "none.vmdk: No such file or directory"},
