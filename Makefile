@@ -45,12 +45,13 @@ windows: ## Cross-build the core and its tests for Windows
 	cmake --preset windows
 	cmake --build --preset windows -j $(JOBS)
 
-bench: ## Measure, and compare with qemu-img
+bench: ## Measure, and compare with qemu-img and dd
 	@$(PACKAGES) build test bench
 	cmake --preset release
 	cmake --build --preset release -j $(JOBS) --target core_bench --target diskstream_tool
 	build/release/bench/core_bench
 	bench/compare.sh build/release/tool/diskstream
+	bench/compare-reads.sh build/release/tool/diskstream
 
 fuzz: ## Run each fuzz target for FUZZ_SECONDS (60)
 	@$(PACKAGES) build fuzz

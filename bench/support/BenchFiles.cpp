@@ -9,6 +9,7 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <iterator>
 #include <numeric>
 #include <random>
 #include <utility>
@@ -211,6 +212,99 @@ BenchFile_t MakeFlatDisk() {
     return result;
 }
 
+// A boot record with one NTFS partition, and bytes that look random behind it.
+std::string DiskPiece(uint64_t offset, uint64_t size) {
+    std::vector<uint64_t> words(size / sizeof(uint64_t));
+    std::mt19937_64 random(offset);
+    FillRandomly(words, random);
+    std::string piece(reinterpret_cast<const char*>(words.data()), size);
+    if (offset != 0)
+        return piece;
+    piece.replace(0, SectorBytes, SectorBytes, '\0');
+    piece[450] = 7;
+    Put32(piece, 454, 2048);
+    Put32(piece, 458, WholeDiskBytes / SectorBytes - 2048);
+    piece.replace(510, 2, "\x55\xAA");
+    return piece;
+}
+
+BenchFile_t MakeWholeSparseDisk(const std::string& name, const std::function<bool(uint64_t)>& isHeld) {
+    const SparseLayout_t layout(WholeDiskBytes, true);
+    BenchFile_t result{PathOf(name + "-" + LayoutVersion + ".vmdk"), {}, TableRanges(layout)};
+    if (fs::exists(result.path))
+        return result;
+    CNewFile file(result.path);
+    std::vector<uint64_t> entries(layout.capacity / GrainSectors);
+    uint64_t next = layout.FirstGrain();
+    for (uint64_t grain = 0; grain < entries.size(); ++grain) {
+        if (!isHeld(grain))
+            continue;
+        entries[grain] = next;
+        file.Write(next * SectorBytes, DiskPiece(grain * BenchGrainBytes, BenchGrainBytes).data(), BenchGrainBytes);
+        next += GrainSectors;
+    }
+    WriteHeaderAndDirectories(file, layout);
+    WriteTables(file, layout, entries);
+    file.Finish(next * SectorBytes);
+    return result;
+}
+
+void PutBig32(std::string& bytes, size_t offset, uint64_t value) {
+    for (size_t byte = 4; byte-- > 0; value >>= 8U)
+        bytes[offset + byte] = static_cast<char>(value);
+}
+
+void PutBig64(std::string& bytes, size_t offset, uint64_t value) {
+    PutBig32(bytes, offset, value >> 32U);
+    PutBig32(bytes, offset + 4, value);
+}
+
+std::string VhdFooter() {
+    std::string footer(SectorBytes, '\0');
+    footer.replace(0, 8, "conectix");
+    PutBig32(footer, 12, 0x00010000);
+    PutBig64(footer, 16, SectorBytes);
+    PutBig64(footer, 48, WholeDiskBytes);
+    PutBig32(footer, 60, 3);
+    return footer;
+}
+
+std::string VhdHeader(uint64_t entries, uint64_t blockBytes) {
+    std::string header(2 * SectorBytes, '\0');
+    header.replace(0, 8, "cxsparse");
+    PutBig64(header, 16, 3 * SectorBytes);
+    PutBig32(header, 24, 0x00010000);
+    PutBig32(header, 28, entries);
+    PutBig32(header, 32, blockBytes);
+    return header;
+}
+
+// Footer copy, header and table, then blocks with one sector of bitmap each, then the footer.
+BenchFile_t MakeDynamicVhdDisk() {
+    constexpr uint64_t blockBytes = uint64_t{2} << 20U;
+    constexpr uint64_t blocks = WholeDiskBytes / blockBytes;
+    constexpr uint64_t firstBlock = 3 * SectorBytes + blocks * 4;
+    static_assert(firstBlock % SectorBytes == 0);
+    BenchFile_t result{PathOf(std::string("dynamic-") + LayoutVersion + ".vhd"), {}, {}};
+    if (fs::exists(result.path))
+        return result;
+    CNewFile file(result.path);
+    file.Write(0, VhdFooter().data(), SectorBytes);
+    file.Write(SectorBytes, VhdHeader(blocks, blockBytes).data(), 2 * SectorBytes);
+    std::string table(blocks * 4, '\0');
+    uint64_t offset = firstBlock;
+    for (uint64_t block = 0; block < blocks; ++block) {
+        PutBig32(table, block * 4, offset / SectorBytes);
+        file.Write(offset, std::string(SectorBytes, '\xFF').data(), SectorBytes);
+        file.Write(offset + SectorBytes, DiskPiece(block * blockBytes, blockBytes).data(), blockBytes);
+        offset += SectorBytes + blockBytes;
+    }
+    file.Write(3 * SectorBytes, table.data(), table.size());
+    file.Write(offset, VhdFooter().data(), SectorBytes);
+    file.Finish(offset + SectorBytes);
+    return result;
+}
+
 }  // namespace
 
 const BenchFile_t& HalfFullSparseDisk() {
@@ -226,6 +320,26 @@ const BenchFile_t& EmptySparseDisk(bool hasTables) {
 
 const BenchFile_t& FlatDisk() {
     static const BenchFile_t file = MakeFlatDisk();
+    return file;
+}
+
+const BenchFile_t& FullSparseDisk() {
+    static const BenchFile_t file = MakeWholeSparseDisk("full", [](uint64_t /*grain*/) { return true; });
+    return file;
+}
+
+const BenchFile_t& SparseLink(uint64_t link) {
+    constexpr uint64_t step = 8;
+    static const auto make = [](uint64_t first) {
+        return MakeWholeSparseDisk("link-" + std::to_string(first),
+                                   [first](uint64_t grain) { return grain % step == first; });
+    };
+    static const BenchFile_t links[] = {make(3), make(6)};
+    return links[link % std::size(links)];
+}
+
+const BenchFile_t& DynamicVhdDisk() {
+    static const BenchFile_t file = MakeDynamicVhdDisk();
     return file;
 }
 

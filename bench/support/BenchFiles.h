@@ -32,5 +32,18 @@ const BenchFile_t& EmptySparseDisk(bool hasTables);
 // A flat extent of 1 GiB of pseudo-random bytes, in pieces of 1 MiB.
 const BenchFile_t& FlatDisk();
 
+// Disks of 1 GiB whose content begins like the flat one's, each with an MBR and one NTFS partition
+// from sector 2048 to the end.
+constexpr uint64_t WholeDiskBytes = uint64_t{1} << 30U;
+
+// A sparse VMDK with all grains, in the order of the disk.
+const BenchFile_t& FullSparseDisk();
+
+// Sparse VMDKs that hold every eighth grain, each others: newer links of a chain. `link` is 0 or 1.
+const BenchFile_t& SparseLink(uint64_t link);
+
+// A dynamic VHD with all of its blocks of 2 MiB, in the order of the disk.
+const BenchFile_t& DynamicVhdDisk();
+
 // A name for a file that a benchmark writes.
 std::string BenchTarget(const char* name);
