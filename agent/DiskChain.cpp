@@ -64,19 +64,16 @@ private:
 
     // Where the image says that its parent is, and then beside the image: images are moved together.
     CZuError FindParent(const CDiskImage& child, std::string& path) const {
-        const std::string directory = DirectoryOf(child.Path());
+        std::vector<std::string> names = child.Parent()->names;
+        for (const std::string& name : child.Parent()->names)
+            names.push_back(std::filesystem::path(WithSlashes(name)).filename().string());
         CZuError refused;
-        for (const std::string& name : child.Parent()->names) {
-            CZuError error = ResolveExtentName(directory, name, m_Options.allowOutside, path);
+        for (const std::string& name : names) {
+            CZuError error = ResolveExtentName(DirectoryOf(child.Path()), name, m_Options.allowOutside, path);
             if (!error.IsErrorSet() && Exists(path))
                 return CZuError();
             if (error.IsErrorSet())
                 refused = error;
-        }
-        for (const std::string& name : child.Parent()->names) {
-            path = (std::filesystem::path(directory) / std::filesystem::path(WithSlashes(name)).filename()).string();
-            if (Exists(path))
-                return CZuError();
         }
         return Missing(child, refused);
     }

@@ -98,6 +98,12 @@ public:
     }
 
 private:
+    // One that begins at 0 and ends at the last of all sectors has one more than fit.
+    static uint64_t SectorsOf(const GptEntry_t& entry) {
+        uint64_t sectors = 0;
+        return CheckedAdd(entry.lastLba - entry.firstLba, uint64_t{1}, sectors) ? sectors : ~uint64_t{0};
+    }
+
     CZuError TakePiece(uint64_t first, uint64_t count, uint64_t offset) {
         const uint64_t entryBytes = m_Header.entryBytes;
         uint32_t sizeBytes = 0;
@@ -130,7 +136,7 @@ private:
             m_Table.warnings.push_back(
                 CZuString::Format("{1}: partition {2} ends in front of its start", m_Disk.Path(), number).c_str());
         else
-            info.sectors = entry.lastLba - entry.firstLba + 1;
+            info.sectors = SectorsOf(entry);
         return AddPartition(m_Disk, info, m_Table);
     }
 

@@ -19,11 +19,7 @@ public:
         std::string directChild;  // the name comes from the set, so it is proved before it is used
         ZU_RETURN_IF_ERROR(ErrorAt(set.Path(), ResolveExtentName(".", set.Info().imageName, false, directChild)));
         ZU_RETURN_IF_ERROR(SumSectors(set));
-        const std::filesystem::path imageName(set.Info().imageName);
-        const std::string name = imageName.extension() == ".raw" || set.Info().diskType == DiskType_PhysicalDisk
-                                     ? imageName.string()
-                                     : imageName.stem().string() + ".raw";
-        return m_Output.Prepare(set, TargetFile(target, name), m_TotalSectors << SectorShift, options);
+        return m_Output.Prepare(set, TargetFile(target, RawName(set.Info())), m_TotalSectors << SectorShift, options);
     }
 
     CZuError BeginStream(CBackupSetReader& set, const SetStream_t& stream) override {
@@ -51,6 +47,14 @@ public:
     }
 
 private:
+    // A raw disk keeps its name, but not that of a disk of another kind which was flattened.
+    static std::string RawName(const SetInfo_t& info) {
+        const std::filesystem::path imageName(info.imageName);
+        const bool namesAnotherKind = imageName.extension() == ".vhd" || imageName.extension() == ".vmdk";
+        return info.diskType == DiskType_PhysicalDisk && !namesAnotherKind ? imageName.string()
+                                                                           : imageName.stem().string() + ".raw";
+    }
+
     CZuError SumSectors(CBackupSetReader& set) {
         uint64_t bytes = 0;
         for (const SetStream_t& stream : set.Streams()) {

@@ -36,8 +36,11 @@ public:
         m_Core.emplace(set.Info().product);
         ZU_RETURN_IF_ERROR(set.ReadRecord(stream, m_Record));
         m_Vhd.reset();
-        if (IsDynamicVhd(stream.diskType))
+        if (IsDynamicVhd(stream.diskType)) {
             ZU_RETURN_IF_ERROR(ErrorAt(set.Path(), m_Vhd.emplace().Open(m_Record)));
+            if (m_Vhd->IsFixed())
+                return set.Damaged("the record of " + stream.fileName + " is that of a fixed disk");
+        }
         const CStagedFile& file = m_ExtentFiles[m_StreamIndex];
         ZU_RETURN_IF_ERROR(ErrorAt(file.Target(), m_Core->Create(file.TemporaryName().c_str(), stream.diskType,
                                                                  m_Record, stream.blockSectors, m_Context)));
@@ -47,6 +50,8 @@ public:
     }
 
     CZuError WriteBlock(const SetBlock_t& block, CAutoMemory<char>& plain) override {
+        if (m_Vhd.has_value() && block.sectors != m_Stream.blockSectors)
+            return HasNoPlace(block);
         if (m_Vhd.has_value() && block.number >= m_Vhd->FirstBlockLeftOut())
             return ErrorAt(m_ExtentFiles[m_StreamIndex].Target(), PutBackLeftOut(block, plain));
         // A grain goes as a whole; what is behind the disk's end is cut off with the file's size.
@@ -87,20 +92,38 @@ public:
 private:
     static CZuError RefuseWhatTheCoreCant(CBackupSetReader& set) {
         for (const SetStream_t& stream : set.Streams()) {
-            if (!IsSparseVmdk(stream.diskType))
-                continue;
-            CAutoMemory<char> bytes;
-            CSparseRecord record;
-            ZU_RETURN_IF_ERROR(set.ReadRecord(stream, bytes));
-            ZU_RETURN_IF_ERROR(ErrorAt(set.Path(), record.Open(bytes)));
-            if (record.IsCowd())
-                return Refusal(set.Path() + ": " + stream.fileName +
-                               " is a COWD extent, which can't be made again; restore it with --as raw");
-            if (record.HasEmptyDirectoryEntries())
-                return Refusal(set.Path() + ": " + stream.fileName +
-                               " has a grain directory with empty entries, which can't be made again; restore it with "
-                               "--as raw");
+            if (IsSparseVmdk(stream.diskType))
+                ZU_RETURN_IF_ERROR(RefuseSparse(set, stream));
+            if (IsDynamicVhd(stream.diskType))
+                ZU_RETURN_IF_ERROR(RefuseVhd(set, stream));
         }
+        return CZuError();
+    }
+
+    static CZuError RefuseSparse(CBackupSetReader& set, const SetStream_t& stream) {
+        CAutoMemory<char> bytes;
+        CSparseRecord record;
+        ZU_RETURN_IF_ERROR(set.ReadRecord(stream, bytes));
+        ZU_RETURN_IF_ERROR(ErrorAt(set.Path(), record.Open(bytes)));
+        if (record.IsCowd())
+            return Refusal(set.Path() + ": " + stream.fileName +
+                           " is a COWD extent, which can't be made again; restore it with --as raw");
+        if (record.HasEmptyDirectoryEntries())
+            return Refusal(set.Path() + ": " + stream.fileName +
+                           " has a grain directory with empty entries, which can't be made again; restore it with "
+                           "--as raw");
+        return CZuError();
+    }
+
+    static CZuError RefuseVhd(CBackupSetReader& set, const SetStream_t& stream) {
+        CAutoMemory<char> bytes;
+        CVhdRecord record;
+        ZU_RETURN_IF_ERROR(set.ReadRecord(stream, bytes));
+        ZU_RETURN_IF_ERROR(ErrorAt(set.Path(), record.Open(bytes)));
+        if (!record.CanBeMadeAgain())
+            return Refusal(set.Path() + ": " + stream.fileName +
+                           " is a VHD whose footer and the footer's copy at its start tell of different disks, so that "
+                           "it can't be made again; restore it with --as raw");
         return CZuError();
     }
 
@@ -141,7 +164,7 @@ private:
     // are put where the table has them when the core is done with the file.
     CZuError PutBackLeftOut(const SetBlock_t& block, const CAutoMemory<char>& plain) {
         const uint32_t sector = m_Vhd->BlockSector(block.number);
-        if (sector == VhdBlockNotAllocated || block.sectors != m_Stream.blockSectors)
+        if (sector == VhdBlockNotAllocated)
             return HasNoPlace(block);
         CloseCore();
         if (!m_LeftOutFile.IsValid())

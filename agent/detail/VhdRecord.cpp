@@ -15,6 +15,11 @@ bool HasSignature(CByteView record, const char* signature) {
     return record.Get(0, head) && std::memcmp(head.signature, signature, sizeof(head.signature)) == 0;
 }
 
+bool IsSameDisk(const VhdFileFooter_t& left, const VhdFileFooter_t& right) {
+    return left.dataOffset == right.dataOffset && left.currentSize == right.currentSize &&
+           left.diskType == right.diskType;
+}
+
 }  // namespace
 
 CZuError CVhdRecord::Open(const CAutoMemory<char>& record) {
@@ -35,11 +40,11 @@ CZuError CVhdRecord::Open(const CAutoMemory<char>& record) {
 }
 
 bool CVhdRecord::OpenDynamic(CByteReader& body) {
+    VhdFileFooter_t copy;
     VhdFileFooter_t footer;
     VhdFileDynamicHeader_t fileHeader;
-    if (!body.Take(&footer, sizeof(footer)) || !body.Take(&fileHeader, sizeof(fileHeader)))
+    if (!body.Take(&copy, sizeof(copy)) || !body.Take(&fileHeader, sizeof(fileHeader)))
         return false;
-    ConvertFooterFromNetToHost(footer, m_Footer);
     VHD_DYNAMIC_HEADER_t header{};
     ConvertDynHdrFromNetToHost(fileHeader, header);
     for (const VhdParentLocator_t& locator : header.parentLocators) {
@@ -48,7 +53,12 @@ bool CVhdRecord::OpenDynamic(CByteReader& body) {
     }
     m_Table = CByteView(body.Rest().Data(), uint64_t{header.maxTableEntries} * sizeof(Be32_t));
     m_Shape = ShapeOfVhdBlock(header.blockSize);
-    return m_Shape.dataSectors != 0 && body.Skip(m_Table.Size());
+    if (m_Shape.dataSectors == 0 || !body.Skip(m_Table.Size()) || !body.Skip(PositionTextBytes) ||
+        !body.Take(&footer, sizeof(footer)))
+        return false;
+    ConvertFooterFromNetToHost(footer, m_Footer);
+    m_CanBeMadeAgain = IsSameDisk(copy, footer);
+    return true;
 }
 
 uint64_t CVhdRecord::DiskSectors() const {

@@ -15,8 +15,14 @@ public:
     CZuError Open(const CAutoMemory<char>& record);
 
     bool IsFixed() const { return m_IsFixed; }
+
+    // The footer at the file's end, by which the core reads.
     const VHD_FOOTER_t& Footer() const { return m_Footer; }
     uint64_t DiskSectors() const;
+
+    // The core makes a dynamic disk again by the footer's copy at the file's start. False where that
+    // copy would make another disk.
+    bool CanBeMadeAgain() const { return m_CanBeMadeAgain; }
 
     // Of a dynamic disk.
     const VhdBlockShape_t& Shape() const { return m_Shape; }
@@ -34,6 +40,7 @@ private:
     bool OpenDynamic(CByteReader& body);
 
     bool m_IsFixed = false;
+    bool m_CanBeMadeAgain = true;
     VHD_FOOTER_t m_Footer{};
     VhdBlockShape_t m_Shape;
     CByteView m_Table;
