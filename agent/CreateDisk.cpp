@@ -10,6 +10,9 @@
 
 namespace {
 
+// The core keeps the low bits of a larger number.
+constexpr uint64_t MostSectors = 0xFFFFFFFF;
+
 // The files are made under their own names, which the descriptor repeats, in a directory of their
 // own beside the target, and get their places when they are whole.
 class CDiskMaking {
@@ -73,8 +76,12 @@ private:
 
 CZuError CreateEmptyDisk(const std::string& target, uint64_t volumeSectors, ProductType_t product, bool replacing,
                          std::vector<std::string>& files) {
-    return WithinMemory("Out of memory", [&] {
+    return WithinMemory("Out of memory", [&]() -> CZuError {
         files.clear();
+        if (volumeSectors > MostSectors)
+            return Refusal(CZuString::Format("{1}: a partition of {2} sectors is larger than its table can tell; {3}, "
+                                             "just below 2 TiB, are the most",
+                                             target, volumeSectors, MostSectors));
         return CDiskMaking(target, product).Run(volumeSectors, replacing, files);
     });
 }
