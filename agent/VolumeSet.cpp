@@ -27,7 +27,6 @@ LVM_Volume_t PlainLayout(uint32_t diskIndex, const VolumeInfo_t& volume) {
     segment.LBAEnd = volume.sectors;
     segment.Components.push_back(component);
     LVM_Volume_t layout;
-    layout.SystemID = volume.fileSystem == NtfsName ? PartitionType_NTFS : PartitionType_Empty;
     layout.AllDiskFound = 1;
     layout.Segments.push_back(segment);
     std::snprintf(layout.VolName, sizeof(layout.VolName), "%s", volume.name.c_str());
@@ -131,5 +130,6 @@ void CVolumeSet::AddVolume(VolumeInfo_t volume, uint32_t diskIndex, bool isNamed
     if (isNamedByCore)
         volume.name = "Volume" + std::to_string(m_NextNumber++);
     volume.layout = PlainLayout(diskIndex, volume);
+    volume.layout.SystemID = isNamedByCore ? PartitionType_NTFS : PartitionType_Empty;
     m_Volumes.push_back(std::move(volume));
 }
