@@ -157,14 +157,36 @@ public:
     CZuError Run(uint32_t entryCount) {
         const uint32_t pieceEntries = std::min<uint32_t>(entryCount, PieceBytes / sizeof(GptEntry_t));
         m_Piece.resize(pieceEntries);
-        for (uint64_t first = 0; first < entryCount; first += pieceEntries)
-            ZU_RETURN_IF_ERROR(TakePiece(first, std::min<uint64_t>(entryCount - first, pieceEntries)));
+        for (uint64_t first = 0; first < entryCount;) {
+            if (const uint64_t unheld = CountUnheldEntries(first, entryCount - first); unheld != 0) {
+                first += unheld;
+                continue;
+            }
+            const uint64_t count = std::min<uint64_t>(entryCount - first, pieceEntries);
+            ZU_RETURN_IF_ERROR(TakePiece(first, count));
+            first += count;
+        }
         return CZuError();
     }
 
 private:
     static constexpr uint32_t PieceBytes = 1U << 20U;
     static constexpr uint64_t EntriesOffset = uint64_t{2} * SectorSize;
+
+    // Entries that no link of the disk's chain holds are zeros, and so in no use: a header may promise
+    // half a terabyte of them.
+    uint64_t CountUnheldEntries(uint64_t first, uint64_t most) {
+        const uint64_t start = EntriesOffset + first * sizeof(GptEntry_t);
+        const uint64_t mostBytes = most * sizeof(GptEntry_t);
+        uint64_t bytes = 0;
+        while (bytes < mostBytes) {
+            const uint64_t step = m_Disk.CountHoleBytes(start + bytes, mostBytes - bytes);
+            if (step == 0)
+                break;
+            bytes += step;
+        }
+        return bytes / sizeof(GptEntry_t);
+    }
 
     CZuError TakePiece(uint64_t first, uint64_t count) {
         if (Read(first, count).IsErrorSet())

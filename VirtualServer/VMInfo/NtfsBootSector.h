@@ -6,7 +6,8 @@
 
 #include "foundation/ByteOrder.h"
 
-// The first sector of an NTFS volume. docs/formats/ntfs.md describes it.
+// The first sector of an NTFS volume, of which the file system's own structures follow from the MFT's
+// cluster on.
 struct NtfsBootSector_t {
     char jump[3];
     char oemName[8];           //  3  begins with "NTFS"
