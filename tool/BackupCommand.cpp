@@ -100,7 +100,7 @@ void AddBackupCommand(CLI::App& program, int& exitCode) {
         ->type_name("none|zstd[:LEVEL]")
         ->check(CLI::Validator(CheckCompression, ""));
     command->add_flag("--flatten", arguments->flatten,
-                      "Keep the disk as it reads through its chain, as a raw disk, instead of the image alone");
+                      "Keep the disk as it reads through its chain, as a raw disk, not the image");
     command->add_flag("-f,--force", arguments->force, "Replace a set that exists");
     AddImageArguments(*command, arguments->imageArguments);
     AddOutputArguments(*command, arguments->output);

@@ -99,7 +99,7 @@ void AddImageArguments(CLI::App& command, ImageArguments_t& arguments) {
                     "Older links of the image's chain, base first, instead of those that it names")
         ->type_name("FILE,FILE,...")
         ->delimiter(',')
-        ->expected(1)
+        ->allow_extra_args(false)  // what stands behind the list is another argument
         ->check(CLI::Validator(CheckName, ""));
 }
 

@@ -31,7 +31,8 @@ TEST_F(CommandJson, InfoTellsOfASparseDisk) {
                                                                     {"grain_bytes", 4096},
                                                                     {"grains", 3},
                                                                     {"can_be_made_again", true}}}},
-                                                                 {"files", json::array()}}));
+                                                                 {"files", json::array()},
+                                                                 {"warnings", json::array()}}));
 }
 
 TEST_F(CommandJson, InfoTellsOfAFlatDisk) {
@@ -45,7 +46,8 @@ TEST_F(CommandJson, InfoTellsOfAFlatDisk) {
                                                                     {"type", "monolithicFlat"},
                                                                     {"disk_bytes", 102400},
                                                                     {"file_bytes", 102400}}}},
-                                                                 {"files", {"flat.vmdk"}}}));
+                                                                 {"files", {"flat.vmdk"}},
+                                                                 {"warnings", json::array()}}));
 }
 
 TEST_F(CommandJson, BackupTellsWhatItDid) {
