@@ -313,6 +313,34 @@ TEST_F(VhdRoundTrip, WrongChecksumsAreWarningsAndComeBack) {
     EXPECT_SAME_BYTES(ContentOf(100, 4096, {{3, std::string(4096, 'x')}}), m_Dir.Read("raw"));
 }
 
+// The core reads the footer at the end, and makes the file anew by the copy at its start.
+TEST_F(VhdRoundTrip, FootersThatTellOfDifferentDisksComeBackAsRawAlone) {
+    const struct {
+        const char* name;
+        size_t offset;
+        std::string bytes;
+        bool canBeMadeAgain;
+    } rows[] = {{"its header's place", 16, BigEndianBytes(1024, 8), false},
+                {"its size", 48, BigEndianBytes(8 * 512, 8), false},
+                {"its type", 60, BigEndianBytes(4, 4), false},
+                {"its time", 24, "late", true},
+                {"its original size", 40, BigEndianBytes(8 * 512, 8), true}};
+    const Blocks_t blocks{{0, PatternedBytes(4096, 1)}, {12, PatternedBytes(4096, 2)}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        CVhdBuilder builder = CVhdBuilder::Dynamic(100);
+        builder.Block(0, blocks.at(0)).Block(12, blocks.at(12)).PutAt(row.offset, row.bytes);
+        if (row.canBeMadeAgain) {
+            ExpectComesBack(builder, ContentOf(100, 4096, blocks));
+            continue;
+        }
+        ASSERT_NO_FATAL_FAILURE(BackUpAndVerify(builder.WriteTo(m_Dir)));
+        ExpectRestoreRefused(false, "--as raw");
+        ASSERT_OK(RestoreRaw(Set(), m_Dir.File("raw"), true));
+        EXPECT_SAME_BYTES(ContentOf(100, 4096, blocks), m_Dir.Read("raw"));
+    }
+}
+
 // Block 12 lies behind those that the core streams.
 TEST_F(VhdRoundTrip, ABlockOutsideTheFileIsAFailureThatNamesTheFile) {
     for (const uint64_t index : {3U, 12U}) {
