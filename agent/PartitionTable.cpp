@@ -35,7 +35,7 @@ bool HasSoundSlots(const BootRecord_t& record, uint64_t diskSectors) {
 CZuError ReadTables(CWholeDisk& disk, PartitionTable_t& table) {
     char sector[SectorSize];
     ZU_RETURN_IF_ERROR(disk.Read(0, sector, sizeof(sector)));
-    BootRecord_t record;
+    BootRecord_t record{};
     std::memcpy(&record, sector, sizeof(record));
     const bool isBootRecord = record.signature == BootRecordSignature &&
                               (!IsVolumeBootSector(sector) || HasSoundSlots(record, disk.TotalSectors()));

@@ -115,7 +115,7 @@ void CheckVolume(CHardDiskReader& disk, const CLVM& lvm, const LVM_Volume_t& vol
                       "what a volume has the disk has");
         Demand(std::memcmp(fromVolume, fromDisk, got) == 0, "a volume is a piece of its disk");
     }
-    NTFS_VOLUME_DATA_BUFFER info;
+    NTFS_VOLUME_DATA_BUFFER info{};
     const CZuError error = lvm.GetNTFSVolInfo(volume, &info);
     Demand(!error.IsErrorSet() || info.NumberSectors.QuadPart == 0, "a failure leaves zeros");
 }

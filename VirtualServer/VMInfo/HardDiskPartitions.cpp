@@ -35,7 +35,7 @@ CZuError ReadBootRecord(CHardDiskReader& disk, uint64_t lba, BootRecord_t& recor
 }
 
 CZuError ReadsAsNtfs(CHardDiskReader& disk, uint64_t lba, bool& isNtfs) {
-    NtfsBootSector_t sector;
+    NtfsBootSector_t sector{};
     ZU_RETURN_IF_ERROR(disk.ReadHardDiskData(FileOffsetOfSector(lba), &sector, sizeof(sector)));
     isNtfs = IsNtfs(sector);
     return CZuError();
@@ -102,7 +102,7 @@ private:
     };
 
     CZuError Enter(uint64_t recordLBA) {
-        BootRecord_t record;
+        BootRecord_t record{};
         ZU_RETURN_IF_ERROR(ReadBootRecord(m_Disk, recordLBA, record));
         Frame_t frame{recordLBA, m_Partitions.size(), 0, {}};
         std::copy(std::begin(record.slots), std::end(record.slots), std::begin(frame.slots));
@@ -288,7 +288,7 @@ CZuError CHardDiskReader::GetDOSPartitions(std::vector<Partition_Entry_t>& parti
 }
 
 CZuError CHardDiskReader::GetSingleVolume(std::vector<Partition_Entry_t>& partitions) {
-    NtfsBootSector_t sector;
+    NtfsBootSector_t sector{};
     ZU_RETURN_IF_ERROR(ReadHardDiskData(0, &sector, sizeof(sector)));
     Partition_Entry_t entry;
     entry.Type = IsNtfs(sector) ? PartitionType_NTFS : PartitionType_Empty;
@@ -297,7 +297,7 @@ CZuError CHardDiskReader::GetSingleVolume(std::vector<Partition_Entry_t>& partit
 }
 
 CZuError CHardDiskReader::GetPrimaryPartitions(std::vector<Partition_Entry_t>& partitions, int& isGPT) {
-    BootRecord_t record;
+    BootRecord_t record{};
     ZU_RETURN_IF_ERROR(ReadBootRecord(*this, 0, record));
     for (const BootRecordSlot_t& slot : record.slots) {
         if (slot.type == PartitionType_Empty)
@@ -323,7 +323,7 @@ CZuError CHardDiskReader::GetDOSExtendedPartitions(std::vector<Partition_Entry_t
 CZuError CHardDiskReader::GetGPTPartitions(std::vector<Partition_Entry_t>& partitions) {
     char sector[SectorSize];
     ZU_RETURN_IF_ERROR(ReadHardDiskData(SectorSize, sector, sizeof(sector)));
-    GptHeader_t header;
+    GptHeader_t header{};
     std::memcpy(&header, sector, sizeof(header));
     if (std::memcmp(header.signature, GptSignature, sizeof(header.signature)) != 0)
         return Refusal("GPT Partition header signature didn't match.");

@@ -27,7 +27,7 @@ struct Disk_t {
 // What one link of an open disk is called in a dump.
 struct HardDiskDumpInfo_t {
     CZuString DumpName;
-    uint64_t BlockSize;  // sectors
+    uint64_t BlockSize = 0;  // sectors
 };
 
 // One partition as its table has it. A new one is all zero.

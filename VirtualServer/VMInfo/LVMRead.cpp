@@ -151,7 +151,7 @@ CZuError CLVM::FindInSpan(const LVM_Volume_t& volume, uint64_t offset, uint64_t 
 
 CZuError CLVM::GetNTFSVolInfo(const LVM_Volume_t& volume, NTFS_VOLUME_DATA_BUFFER* info) const {
     *info = NTFS_VOLUME_DATA_BUFFER{};
-    NtfsBootSector_t sector;
+    NtfsBootSector_t sector{};
     ZU_RETURN_IF_ERROR(ReadVolumeData(volume, 0, &sector, sizeof(sector), nullptr));
     if (!IsNtfs(sector))
         return Refusal("Not a NTFS volume");

@@ -53,7 +53,7 @@ std::string ExtName(CByteView start) {
     constexpr uint32_t journal = 0x4;
     constexpr uint32_t ext3Incompatible = 0x2 | 0x4 | 0x10;
     constexpr uint32_t ext3ReadOnly = 0x1 | 0x2 | 0x4;
-    Superblock_t superblock;
+    Superblock_t superblock{};
     if (!start.Get(ExtSuperblock, superblock) || superblock.magic != magic)
         return {};
     if ((superblock.incompatible & ~ext3Incompatible) != 0 || (superblock.readOnlyCompatible & ~ext3ReadOnly) != 0)

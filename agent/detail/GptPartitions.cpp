@@ -113,7 +113,7 @@ private:
         ZU_RETURN_IF_ERROR(m_Disk.Read(offset, m_Piece.data(), sizeBytes));
         m_Crc.Add(m_Piece.data(), m_Piece.size());
         for (uint64_t index = 0; index < count; ++index) {
-            GptEntry_t entry;
+            GptEntry_t entry{};
             std::memcpy(&entry, m_Piece.data() + index * entryBytes, sizeof(entry));
             ZU_RETURN_IF_ERROR(Take(entry, static_cast<uint32_t>(first + index + 1)));
         }
@@ -151,7 +151,7 @@ private:
 
 CZuError ReadGptPartitions(CWholeDisk& disk, PartitionTable_t& table) {
     table.scheme = PartitionScheme_t::Gpt;
-    GptHeader_t header;
+    GptHeader_t header{};
     ZU_RETURN_IF_ERROR(FindHeader(disk, header, table));
     table.diskGuid = FormatGuidText(header.diskGuid).c_str();
     return CEntryReader(disk, header, table).Run();
