@@ -39,7 +39,10 @@ CZuError ChooseVolume(const CVolumeSet& set, const ReadRange_t& range, VolumeInf
 }
 
 CZuError CheckRange(const VolumeInfo_t& volume, const ReadRange_t& range, uint64_t& length) {
-    const uint64_t sizeBytes = volume.sectors << SectorShift;
+    uint64_t sizeBytes = 0;
+    if (!SectorsToBytes(volume.sectors, sizeBytes))
+        return Refusal(
+            CZuString::Format("{1}: claims {2} sectors, more than a disk can have", volume.name, volume.sectors));
     if (range.offset > sizeBytes)
         return Refusal(CZuString::Format("{1}: has {2} bytes, and --offset lies behind them", volume.name, sizeBytes));
     length = range.length.value_or(sizeBytes - range.offset);

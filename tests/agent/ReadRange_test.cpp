@@ -154,6 +154,23 @@ TEST_F(ReadRange, TellsItsProgressAndCanBeCancelled) {
     EXPECT_FAILS_SAYING(Read(range), "cancelled");
 }
 
+// A size in bytes that doesn't fit into 64 bits is no small one.
+TEST_F(ReadRange, OfAPartitionLargerThanAnyDiskIsRefused) {
+    for (const uint64_t last : {(uint64_t{1} << 55U) + 39, (uint64_t{1} << 55U) + 40, ~uint64_t{0}}) {
+        SCOPED_TRACE(last);
+        CGptBuilder gpt;
+        CPartitionTableBuilder disk;
+        disk.Sectors(DiskSectors).Gpt(gpt.Entry(0, BasicDataGuid, 40, last));
+        m_Paths = {disk.Image().WriteTo(m_Dir, "gpt")};
+        ReadRange_t range;
+        range.partition = 1;
+        EXPECT_FAILS_SAYING(Read(range), "Disk1Partition1: claims " + std::to_string(last - 39) + " sectors");
+        range.length = 512;
+        EXPECT_FAILS_SAYING(Read(range), "more than a disk can have");
+        EXPECT_EQ("", m_Got);
+    }
+}
+
 // A partition that leaves its disk gives what is there and then a failure, never other bytes.
 TEST_F(ReadRange, OfAPartitionThatLeavesItsDiskFailsAtTheDisksEnd) {
     m_Image.Put(0, CBootRecordBuilder().Slot(0, 0x83, 8000, 1000).Bytes());
