@@ -6,15 +6,32 @@
 #include "agent/ErrorText.h"
 #include "agent/ExtentStream.h"
 #include "agent/detail/SetBlocks.h"
+#include "agent/detail/VhdRecord.h"
+#include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
 
 namespace {
 
 constexpr size_t MostDifferencesTold = 10;
 
-bool IsZeros(const CAutoMemory<char>& bytes) {
-    const char* const data = bytes.GetPtr();
-    return bytes.GetSize() == 0 || (data[0] == 0 && std::memcmp(data, data + 1, bytes.GetSize() - 1) == 0);
+bool IsZeros(const CAutoMemory<char>& bytes, uint32_t from) {
+    if (bytes.GetSize() <= from)
+        return true;
+    const char* const data = bytes.GetPtr() + from;
+    return data[0] == 0 && std::memcmp(data, data + 1, bytes.GetSize() - from - 1) == 0;
+}
+
+// Where the data of a stream's blocks begins, in bytes. In front of the blocks of a dynamic VHD lies
+// the bitmap of their sectors, which says nothing of a block of zeros. In a differencing one it says
+// that they are zeros whatever the older links hold.
+CZuError FindDataStart(const SetStream_t& stream, const CAutoMemory<char>& record, uint32_t& dataStart) {
+    dataStart = 0;
+    if (stream.diskType != DiskType_VhdDynamic)
+        return CZuError();
+    CVhdRecord vhd;
+    ZU_RETURN_IF_ERROR(vhd.Open(record));
+    dataStart = vhd.Shape().bitmapSectors << SectorShift;
+    return CZuError();
 }
 
 // The blocks of an image's stream, beside those of the set's. A block that only one side has must
@@ -84,6 +101,8 @@ private:
         const SetStream_t& stream = m_Set.Streams()[index];
         CAutoMemory<char> record;
         ZU_RETURN_IF_ERROR(m_Set.ReadRecord(stream, record));
+        if (m_Image.has_value())
+            ZU_RETURN_IF_ERROR(ErrorAt(m_Set.Path(), FindDataStart(stream, record, m_DataStart)));
         record.Free();
         std::optional<CImageSide> image;
         if (m_Image.has_value()) {
@@ -125,7 +144,7 @@ private:
     CZuError Compare(const SetStream_t& stream, const BatchBlock_t& block, CImageSide& image) {
         ZU_RETURN_IF_ERROR(PassOver(stream, block.block.number, image));
         if (!image.Place().has_value() || image.Place()->number != block.block.number) {
-            if (block.block.encoded.encoding != BlockEncoding_t::Zeros)
+            if (!IsZeros(block.plain, m_DataStart))
                 AddDifference(stream, block.block.number);
             return CZuError();
         }
@@ -139,7 +158,7 @@ private:
     // The image's blocks in front of block `number`, which the set doesn't have.
     CZuError PassOver(const SetStream_t& stream, uint64_t number, CImageSide& image) {
         while (image.Place().has_value() && image.Place()->number < number) {
-            if (!IsZeros(image.Bytes()))
+            if (!IsZeros(image.Bytes(), m_DataStart))
                 AddDifference(stream, image.Place()->number);
             ZU_RETURN_IF_ERROR(TellProgress());
             ZU_RETURN_IF_ERROR(image.Advance());
@@ -163,6 +182,7 @@ private:
     VerifyResult_t& m_Result;
     CBackupSetReader m_Set;
     std::optional<CDiskImage> m_Image;
+    uint32_t m_DataStart = 0;  // in the blocks of the current stream
     Progress_t m_Progress;
 };
 

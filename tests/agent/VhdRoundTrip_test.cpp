@@ -273,6 +273,25 @@ TEST_F(VhdRoundTrip, BlocksThatOnlyOneSideHasAreTold) {
     EXPECT_EQ(2U, DifferencesTo(CVhdBuilder::Dynamic(100)).size());
 }
 
+TEST_F(VhdRoundTrip, BlocksOfZerosThatOnlyOneSideHasAreTheSame) {
+    const auto with = [] { return CVhdBuilder::Dynamic(100).Block(0, 'a').Block(5, '\0').Block(12, '\0'); };
+    const auto without = [] { return CVhdBuilder::Dynamic(100).Block(0, 'a'); };
+    ASSERT_OK(BackUp(with().WriteTo(m_Dir), Set()));
+    EXPECT_EQ(0U, DifferencesTo(without()).size());
+    ASSERT_OK(BackUp(without().WriteTo(m_Dir), Set(), true));
+    EXPECT_EQ(0U, DifferencesTo(with()).size());
+}
+
+// They hide what the older links hold.
+TEST_F(VhdRoundTrip, BlocksOfZerosThatOnlyOneDifferencingDiskHasAreTold) {
+    const auto with = [] { return CVhdBuilder::Differencing(100).Block(0, 'a').Block(5, '\0').Block(12, '\0'); };
+    const auto without = [] { return CVhdBuilder::Differencing(100).Block(0, 'a'); };
+    ASSERT_OK(BackUp(with().WriteTo(m_Dir), Set()));
+    EXPECT_EQ(2U, DifferencesTo(without()).size());
+    ASSERT_OK(BackUp(without().WriteTo(m_Dir), Set(), true));
+    EXPECT_EQ(2U, DifferencesTo(with()).size());
+}
+
 TEST_F(VhdRoundTrip, ADifferencingDiskAloneComesBackWithAWarning) {
     CVhdBuilder builder = CVhdBuilder::Differencing(100);
     builder.Header(64, std::string("\0b\0a\0s\0e\0.\0v\0h\0d", 16))
