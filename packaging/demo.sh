@@ -79,3 +79,8 @@ run diskstream restore --as raw monday.dset disk.raw
 run qemu-img compare -f vmdk -F raw disk.vmdk disk.raw
 run du -h --apparent-size disk.raw
 run du -h disk.raw
+
+say "Volumes are seen without an operating system's help. What is on the disk, and what does its first sector end with?"
+run diskstream partitions disk.vmdk
+run diskstream volumes disk.vmdk
+run diskstream read disk.vmdk --quiet --length 512 | od -A d -c | tail -n 4
