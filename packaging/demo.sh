@@ -83,4 +83,5 @@ run du -h disk.raw
 say "Volumes are seen without an operating system's help. What is on the disk, and what does its first sector end with?"
 run diskstream partitions disk.vmdk
 run diskstream volumes disk.vmdk
-run diskstream read disk.vmdk --quiet --length 512 | od -A d -c | tail -n 4
+echo '$ diskstream read disk.vmdk --length 512 | od -A d -t x1 | tail -n 3'
+diskstream read disk.vmdk --quiet --length 512 | od -A d -t x1 | tail -n 3
