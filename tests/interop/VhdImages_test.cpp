@@ -140,14 +140,14 @@ TEST_F(QemuVhds, ReadAsQemuReadsThemAndComeBack) {
         uint64_t sizeBytes;
         int extents;
     } rows[] = {
-        {"subformat=dynamic", 40 * MiB, 20},
-        {"subformat=dynamic", 40 * MiB + 512, 5},
-        {"subformat=dynamic,force_size=on", 40 * MiB, 20},
-        {"subformat=dynamic,force_size=on", 40 * MiB + 512, 5},
-        {"subformat=dynamic,force_size=on", 100 * MiB + 7 * 512, 60},
-        {"subformat=fixed", 20 * MiB, 20},
-        {"subformat=fixed,force_size=on", 20 * MiB, 20},
-        {"subformat=fixed,force_size=on", 20 * MiB + 512, 5},
+        {"subformat=dynamic", 20 * MiB, 20},
+        {"subformat=dynamic", 20 * MiB + 512, 5},
+        {"subformat=dynamic,force_size=on", 20 * MiB, 20},
+        {"subformat=dynamic,force_size=on", 20 * MiB + 512, 5},
+        {"subformat=dynamic,force_size=on", 50 * MiB + 7 * 512, 40},
+        {"subformat=fixed", 5 * MiB, 10},
+        {"subformat=fixed,force_size=on", 5 * MiB, 10},
+        {"subformat=fixed,force_size=on", 5 * MiB + 512, 5},
         {"subformat=fixed,force_size=on", 64 * 1024 + 512, 0},
     };
     for (const auto& row : rows) {
