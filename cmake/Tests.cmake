@@ -38,6 +38,12 @@ function(diskstream_add_tests name)
   target_compile_definitions(${name} PRIVATE ${DISKSTREAM_TEST_DEFINITIONS})
   target_link_libraries(${name} PRIVATE $<TARGET_NAME_IF_EXISTS:test_support> ${ARG_LIBRARIES}
     GTest::gmock_main GTest::gmock GTest::gtest)
+  # Half of the time that a test takes to compile goes to GoogleTest's header.
+  target_precompile_headers(${name} PRIVATE <gtest/gtest.h> <string> <vector>)
+  if(DISKSTREAM_SANITIZE)
+    # The sanitizers look into the sources; tests compile twice as fast unoptimised, and don't wait for themselves.
+    target_compile_options(${name} PRIVATE -O0 -g1)
+  endif()
   if(ARG_COMMAND_UNDER_TEST)
     target_compile_definitions(${name} PRIVATE DISKSTREAM_COMMAND="$<TARGET_FILE:diskstream_tool>")
     add_dependencies(${name} diskstream_tool)

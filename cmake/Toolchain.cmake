@@ -11,12 +11,20 @@ set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 if(NOT CMAKE_BUILD_TYPE)
   set(CMAKE_BUILD_TYPE Release CACHE STRING "Debug, Release or RelWithDebInfo" FORCE)
 endif()
-# -Og keeps the debugger honest and makes the tests several times as fast as -O0.
-set(CMAKE_CXX_FLAGS_DEBUG "-Og -g")
+# -Og keeps the debugger honest and makes the tests several times as fast as -O0. A preset may say otherwise.
+if(CMAKE_CXX_FLAGS_DEBUG STREQUAL "-g")
+  set(CMAKE_CXX_FLAGS_DEBUG "-Og -g")
+endif()
 
 find_program(DISKSTREAM_CCACHE ccache)
 if(DISKSTREAM_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
-  set(CMAKE_CXX_COMPILER_LAUNCHER "${DISKSTREAM_CCACHE}")
+  # What a precompiled header defines counts with the header, so results with one can be kept too.
+  set(CMAKE_CXX_COMPILER_LAUNCHER "${CMAKE_COMMAND}" -E env CCACHE_SLOPPINESS=pch_defines,time_macros
+    "${DISKSTREAM_CCACHE}")
+endif()
+
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  add_compile_options(-fpch-preprocess)  # which ccache needs to see through a precompiled header
 endif()
 
 if(NOT WIN32)
