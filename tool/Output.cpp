@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "agent/ErrorText.h"
+#include "foundation/detail/CheckedMath.h"
 
 namespace {
 
@@ -41,6 +42,16 @@ std::string SizeText(uint64_t bytes) {
     char text[32];
     std::snprintf(text, sizeof(text), unit == 0 ? "%.0f %s" : "%.1f %s", value, units[unit]);
     return text;
+}
+
+std::string SectorsText(uint64_t sectors) {
+    uint64_t bytes = 0;
+    return SectorsToBytes(sectors, bytes) ? SizeText(bytes) : "over 16 EiB";
+}
+
+Json_t SectorsJson(uint64_t sectors) {
+    uint64_t bytes = 0;
+    return SectorsToBytes(sectors, bytes) ? Json_t(bytes) : Json_t();
 }
 
 std::string Printable(const std::string& text) {

@@ -24,6 +24,11 @@ using Json_t = nlohmann::ordered_json;
 // "1.5 GiB", and "512 B" for small ones.
 std::string SizeText(uint64_t bytes);
 
+// The size of so many sectors, for people and for programs. A table may claim more bytes than 64 bits
+// count: that is null in JSON.
+std::string SectorsText(uint64_t sectors);
+Json_t SectorsJson(uint64_t sectors);
+
 // The text with its control characters spelled out ("\x1B"). Names come from disks and sets that
 // somebody else wrote, and a terminal obeys what it is shown.
 std::string Printable(const std::string& text);

@@ -25,7 +25,7 @@ Json_t JsonOf(const PartitionInfo_t& partition) {
         object["guid"] = partition.guid;
     object["start_sector"] = partition.startSector;
     object["sectors"] = partition.sectors;
-    object["bytes"] = partition.sectors * 512;
+    object["bytes"] = SectorsJson(partition.sectors);
     object["bootable"] = partition.isBootable;
     object["extended"] = partition.isExtended;
     object["logical"] = partition.isLogical;
@@ -60,7 +60,7 @@ std::vector<std::string> RowOf(const PartitionInfo_t& partition) {
             partition.isBootable ? "*" : "",
             std::to_string(partition.startSector),
             std::to_string(partition.sectors),
-            SizeText(partition.sectors * 512),
+            SectorsText(partition.sectors),
             partition.typeName,
             partition.fileSystem.empty() ? "-" : partition.fileSystem,
             partition.name.empty() ? "-" : partition.name,

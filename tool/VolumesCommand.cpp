@@ -37,7 +37,7 @@ Json_t JsonOf(const CVolumeSet& set, const VolumeInfo_t& volume) {
         object["guid"] = volume.guid;
     object["start_sector"] = volume.startSector;
     object["sectors"] = volume.sectors;
-    object["bytes"] = volume.sectors * 512;
+    object["bytes"] = SectorsJson(volume.sectors);
     object["file_system"] = volume.fileSystem.empty() ? Json_t() : Json_t(volume.fileSystem);
     object["disks"] = DisksOf(set, volume);
     return object;
@@ -55,7 +55,7 @@ std::vector<std::string> RowOf(const CVolumeSet& set, const VolumeInfo_t& volume
             SchemeName(volume.scheme),
             volume.typeName,
             std::to_string(volume.startSector),
-            SizeText(volume.sectors * 512),
+            SectorsText(volume.sectors),
             volume.fileSystem.empty() ? "-" : volume.fileSystem,
             volume.guid.empty() ? "-" : volume.guid,
             Joined(DisksOf(set, volume))};

@@ -50,6 +50,20 @@ json Partition(unsigned number, unsigned type, const char* typeName, unsigned st
                  {"file_system", nullptr}});
 }
 
+TEST_F(CommandPartitions, TellNoSizeThatNobodyCanCount) {
+    CGptBuilder gpt;
+    gpt.Entry(0, EfiSystemGuid, 40, ~uint64_t{0} - 1);
+    CPartitionTableBuilder disk;
+    disk.Sectors(4096).Gpt(gpt).Image().WriteTo(m_Dir, "huge.raw");
+    for (const char* command : {"partitions", "volumes"}) {
+        SCOPED_TRACE(command);
+        const CommandOutcome_t outcome = Run({command, "--json", "huge.raw"});
+        ASSERT_EQ(outcome.exitCode, 0) << outcome.errorOutput;
+        EXPECT_THAT(outcome.output, HasSubstr("\"bytes\": null"));
+        EXPECT_THAT(Run({command, "huge.raw"}).output, HasSubstr("over 16 EiB"));
+    }
+}
+
 TEST_F(CommandPartitions, TellOfAnMbr) {
     MakeMbr();
     json first = Partition(1, 7, "NTFS/exFAT", 63, 100);
