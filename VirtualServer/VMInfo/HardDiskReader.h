@@ -52,8 +52,9 @@ public:
     void SetVMInfo(IVMInfo* info, const char* first, const char* second);
 
     // Opens the chain, base first and newest link last; of a physical disk only the first is looked
-    // at. A failure leaves the object closed, but for a physical disk whose file doesn't open: it
-    // counts as open until `CloseHardDisk`.
+    // at. A failure leaves the object closed, with two exceptions, which count as open until
+    // `CloseHardDisk`: a physical disk whose file doesn't open, and a chain for whose cache there is no
+    // memory.
     CZuError OpenHardDisk(std::vector<Disk_t>& disks);
 
     // Closing what isn't open is no error.
