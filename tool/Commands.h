@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "agent/DiskImage.h"
+#include "agent/VolumeSet.h"
 #include "tool/Output.h"
 
 // Each command adds its arguments to the program and, when it was chosen, runs and leaves the exit
@@ -36,6 +37,9 @@ CLI::Option* AddNameArgument(CLI::App& command, const std::string& argument, std
 
 // Disks that are looked into. One of no known kind is a raw disk.
 void AddDiskArguments(CLI::App& command, std::vector<std::string>& disks, ImageArguments_t& arguments);
+
+// Opens them with their volumes, and prints the warnings about them.
+CZuError OpenDisks(const std::vector<std::string>& disks, const ImageArguments_t& arguments, CVolumeSet& set);
 
 // A number of bytes: digits, perhaps with K, M, G or T for powers of 1024 behind them.
 CLI::Option* AddBytesOption(CLI::App& command, const std::string& option, std::optional<uint64_t>& bytes,

@@ -88,6 +88,15 @@ void AddDiskArguments(CLI::App& command, std::vector<std::string>& disks, ImageA
     AddImageArguments(command, arguments);
 }
 
+CZuError OpenDisks(const std::vector<std::string>& disks, const ImageArguments_t& arguments, CVolumeSet& set) {
+    ImageOptions_t options = arguments.Options();
+    options.rawUnlessKnown = true;
+    CZuError error = set.Open(disks, options);
+    if (!error.IsErrorSet())
+        PrintWarnings(set.Warnings());
+    return error;
+}
+
 void AddImageArguments(CLI::App& command, ImageArguments_t& arguments) {
     command.add_option("--type", arguments.typeName, TypeHelp())
         ->type_name("KIND")

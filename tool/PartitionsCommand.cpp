@@ -83,13 +83,10 @@ void PrintText(const CWholeDisk& disk, const PartitionTable_t& table) {
 }
 
 int Run(const Arguments_t& arguments) {
-    ImageOptions_t options = arguments.imageArguments.Options();
-    options.rawUnlessKnown = true;
     CVolumeSet set;
-    const CZuError error = set.Open(arguments.disks, options);
+    const CZuError error = OpenDisks(arguments.disks, arguments.imageArguments, set);
     if (error.IsErrorSet())
         return Fail(arguments.output, error);
-    PrintWarnings(set.Warnings());
     Json_t object{{"disks", Json_t::array()}};
     for (size_t index = 0; index < set.Disks().size(); ++index) {
         if (arguments.output.json)

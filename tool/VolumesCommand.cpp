@@ -62,13 +62,10 @@ std::vector<std::string> RowOf(const CVolumeSet& set, const VolumeInfo_t& volume
 }
 
 int Run(const Arguments_t& arguments) {
-    ImageOptions_t options = arguments.imageArguments.Options();
-    options.rawUnlessKnown = true;
     CVolumeSet set;
-    const CZuError error = set.Open(arguments.disks, options);
+    const CZuError error = OpenDisks(arguments.disks, arguments.imageArguments, set);
     if (error.IsErrorSet())
         return Fail(arguments.output, error);
-    PrintWarnings(set.Warnings());
     if (arguments.output.json) {
         Json_t object{{"volumes", Json_t::array()}};
         for (const VolumeInfo_t& volume : set.Volumes())

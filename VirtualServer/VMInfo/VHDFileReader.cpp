@@ -6,6 +6,7 @@
 #include "VirtualServer/VMInfo/UtilityFunctions.h"
 #include "VirtualServer/VMInfo/detail/TableReader.h"
 #include "VirtualServer/VMInfo/detail/VHDTexts.h"
+#include "foundation/detail/Bitmap.h"
 #include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
 #include "foundation/detail/ScopeGuard.h"
@@ -15,27 +16,8 @@ namespace {
 constexpr int FromTheEnd = 2;
 constexpr Condition_t SectorOutOfRange{ErrorType::LayerCondition, 4001, 1, "Sector Out of Range"};
 
-// A bit that lies behind the bitmap is a clear one.
-bool HasBit(const CAutoMemory<char>& bitmap, uint64_t index) {
-    const uint64_t byte = index / 8;
-    return byte < bitmap.GetSize() && (static_cast<uint8_t>(bitmap.GetPtr()[byte]) & (0x80U >> (index % 8))) != 0;
-}
-
-// The bits from `first` on, at most `most`, that are as the first one is.
-uint64_t CountEqualBits(const CAutoMemory<char>& bitmap, uint64_t first, uint64_t most) {
-    const bool isSet = HasBit(bitmap, first);
-    const char whole = isSet ? '\xFF' : '\0';
-    uint64_t count = 1;
-    while (count < most) {
-        const uint64_t index = first + count;
-        if (index % 8 == 0 && index / 8 < bitmap.GetSize() && bitmap.GetPtr()[index / 8] == whole)
-            count += 8;
-        else if (HasBit(bitmap, index) == isSet)
-            ++count;
-        else
-            break;
-    }
-    return std::min(count, most);
+CByteView ViewOf(const CAutoMemory<char>& bitmap) {
+    return {bitmap.GetPtr(), bitmap.GetSize()};
 }
 
 }  // namespace
@@ -208,8 +190,8 @@ CZuError CVHDFileReader::FindDynamicRun(uint64_t sector, uint64_t mostSectors, S
     ZU_RETURN_IF_ERROR(error);
     const CAutoMemory<char>* bitmap = nullptr;
     ZU_RETURN_IF_ERROR(LoadBitmap(blockSector, bitmap));
-    run.sectors = CountEqualBits(*bitmap, inBlock, most);
-    run.file = HasBit(*bitmap, inBlock) ? &m_File : nullptr;
+    run.sectors = CountEqualBits(ViewOf(*bitmap), inBlock, most);
+    run.file = HasBit(ViewOf(*bitmap), inBlock) ? &m_File : nullptr;
     run.fileOffset = FileOffsetOfSector(uint64_t{blockSector} + m_BitmapSectors + inBlock);
     return CZuError();
 }

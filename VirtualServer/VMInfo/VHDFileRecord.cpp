@@ -7,6 +7,7 @@
 #include "VirtualServer/VMInfo/detail/SparseDumpRecord.h"
 #include "VirtualServer/VMInfo/detail/TableReader.h"
 #include "VirtualServer/VMInfo/detail/VHDTexts.h"
+#include "foundation/detail/Bitmap.h"
 #include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
 
@@ -22,10 +23,6 @@ CZuError PutEndFooter(CZuFile& file, uint64_t fileBytes, char* at) {
     const uint64_t position = fileBytes - sizeof(VhdFileFooter_t);
     PutHexText(at, PositionTextBytes, position);
     return ReadFileAt(file, position, 0, at + PositionTextBytes, sizeof(VhdFileFooter_t), nullptr);
-}
-
-void SetBit(char* bitmap, uint64_t index) {
-    bitmap[index / 8] = static_cast<char>(bitmap[index / 8] | (0x80 >> (index % 8)));
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include "VirtualServer/VMInfo/detail/VmdkGrainTables.h"
 #include "VirtualServer/VMInfo/detail/VmdkSparseExtentTexts.h"
 #include "foundation/LgDebug.h"
+#include "foundation/detail/Bitmap.h"
 #include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
 #include "foundation/detail/ScopeGuard.h"
@@ -27,10 +28,6 @@ bool IsSound(const VmdkSparseHeader_t& header) {
 bool IsSound(const CowdHeader_t& header) {
     constexpr uint32_t demandedFlags = 3;
     return header.version == 1 && header.flags == demandedFlags;
-}
-
-void SetBit(char* bitmap, uint64_t index) {
-    bitmap[index / 8] = static_cast<char>(bitmap[index / 8] | (0x80 >> (index % 8)));
 }
 
 // The first entry from `first` on that isn't 0, or `count`.

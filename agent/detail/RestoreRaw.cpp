@@ -7,6 +7,7 @@
 #include "agent/detail/RestoreTarget.h"
 #include "agent/detail/VhdRecord.h"
 #include "agent/detail/VmdkDescriptor.h"
+#include "foundation/detail/Bitmap.h"
 #include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
 
@@ -19,6 +20,7 @@ public:
         std::string directChild;  // the name comes from the set, so it is proved before it is used
         ZU_RETURN_IF_ERROR(ErrorAt(set.Path(), ResolveExtentName(".", set.Info().imageName, false, directChild)));
         ZU_RETURN_IF_ERROR(SumSectors(set));
+        m_SetPath = set.Path();
         return m_Output.Prepare(set, TargetFile(target, RawName(set.Info())), m_TotalSectors << SectorShift, options);
     }
 
@@ -79,29 +81,20 @@ private:
 
     // The bitmap in front tells which sectors the block has; the others are zeros.
     CZuError WriteVhdBlock(const SetBlock_t& block, CAutoMemory<char>& plain) {
+        if (block.sectors != m_Stream.blockSectors)
+            return Refusal(CZuString::Format("{1}: the set is damaged: block {2} of {3} isn't whole", m_SetPath,
+                                             block.number, m_Stream.fileName));
         const uint64_t firstSector = block.number * m_VhdShape->dataSectors;
-        if (block.sectors < m_VhdShape->bitmapSectors)
-            return CZuError();
-        const uint32_t sectors = std::min(m_VhdShape->dataSectors, block.sectors - m_VhdShape->bitmapSectors);
-        const char* const data = plain.GetPtr() + (m_VhdShape->bitmapSectors << SectorShift);
+        const uint32_t sectors = m_VhdShape->dataSectors;
+        const CByteView bitmap(plain.GetPtr(), uint64_t{m_VhdShape->bitmapSectors} << SectorShift);
+        const char* const data = bitmap.Data() + bitmap.Size();
         for (uint32_t first = 0; first < sectors;) {
-            const uint32_t count = CountEqualBits(plain.GetPtr(), first, sectors);
-            if (HasBit(plain.GetPtr(), first))
+            const auto count = static_cast<uint32_t>(CountEqualBits(bitmap, first, sectors - first));
+            if (HasBit(bitmap, first))
                 ZU_RETURN_IF_ERROR(WriteSectors(firstSector + first, data + (first << SectorShift), count));
             first += count;
         }
         return CZuError();
-    }
-
-    static bool HasBit(const char* bitmap, uint32_t sector) {
-        return (static_cast<uint8_t>(bitmap[sector / 8]) & (0x80U >> (sector % 8))) != 0;
-    }
-
-    static uint32_t CountEqualBits(const char* bitmap, uint32_t first, uint32_t end) {
-        uint32_t next = first + 1;
-        while (next < end && HasBit(bitmap, next) == HasBit(bitmap, first))
-            ++next;
-        return next - first;
     }
 
     // Of what lies behind the disk's end nothing is written.
@@ -113,6 +106,7 @@ private:
                               static_cast<uint32_t>(count << SectorShift));
     }
 
+    std::string m_SetPath;
     CRawOutput m_Output;
     SetStream_t m_Stream;
     std::optional<VhdBlockShape_t> m_VhdShape;  // of a stream whose blocks have bitmaps
