@@ -10,6 +10,9 @@
 // `replacing`, an existing `to` stays and is the error.
 DISKSTREAM_EXPORT int RenameFile(const std::string& from, const std::string& to, bool replacing);
 
+// Takes the file's name away. A backslash separates folders on every system.
+DISKSTREAM_EXPORT int RemoveFile(const std::string& name);
+
 // Returns when the names in `directory` are on the medium.
 DISKSTREAM_EXPORT int SyncDirectory(const std::string& directory);
 

@@ -13,7 +13,8 @@ enum OpenFlag_t : int {
     OpenNotInherited = 0x0080,  // child processes don't get the descriptor
     OpenCreating = 0x0100,
     OpenTruncating = 0x0200,
-    OpenAsText = 0x4000,  // bytes come as they stand all the same, on every system
+    OpenOnlyNew = 0x0400,  // with `OpenCreating`: a name that stands, a link too, is the error
+    OpenAsText = 0x4000,   // bytes come as they stand all the same, on every system
     OpenAsBinary = 0x8000,
 };
 

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "VirtualServer/VMInfo/DiskTypes.h"
+#include "VirtualServer/VMInfo/LDMDatabase.h"
 #include "foundation/AutoMemory.h"
 #include "foundation/Guid.h"
 #include "foundation/ZuError.h"
@@ -87,6 +88,11 @@ public:
     // LBA from which the places in its database count.
     CZuError CheckForDynamicDisk(int& isDynamic, int64_t& privateHeadLBA, int64_t& dataStartLBA);
 
+    // Reads the database of a dynamic disk from the private header at `privateHeadLBA`, with all of its
+    // records as one tree. Of the four copies of its table of contents one good one is enough. Callers
+    // rely on records being single: one of several fragments fails as "Not found".
+    CZuError GetDynamicDiskDatabase(LDM_DB_t& db, uint64_t privateHeadLBA);
+
     // Writes this disk's block of a volume dump: the number of links, and the sparse dump of each.
     CZuError DumpSparseInfo(CZuFile& out);
 
@@ -96,7 +102,25 @@ public:
     static CZuError CreateVirtualDisk(uint64_t sectors, const char* diskFile, const char* descriptorFile,
                                       ProductType_t product);
 
+protected:
+    // The steps of `GetDynamicDiskDatabase`. `sector` holds 512 bytes, `record` a slot of 128 or as many
+    // as its head says.
+    CZuError ParseLDMPrivateHead(char* sector, LDM_privhead_t& head);
+    CZuError ParseLDMTOCBlock(char* sector, LDM_tocblock_t& block);
+    CZuError ParseLDMVMDB(char* sector, LDM_vmdb_t& vmdb);
+    CZuError ParseLDMVBLK(uint64_t firstLBA, const LDM_vmdb_t& vmdb, CLDM_VBLK& group);
+    CZuError ParseVBLKStructure(CLDM_VBLK& out, char* record);
+
+    // The same steps with their reads, and the area of the records as it lies on the disk. `firstLBA` is
+    // that of the records' head.
+    CZuError ReadPrivateHead(LDM_DB_t& db, uint64_t lba);
+    CZuError FindTocBlock(LDM_DB_t& db);
+    CZuError ReadVmdb(LDM_DB_t& db);
+    CZuError ReadVblkArea(uint64_t firstLBA, const LDM_vmdb_t& vmdb, CAutoMemory<char>& area);
+
 private:
+    bool ReadTocBlock(uint64_t lba, unsigned int copy, LDM_tocblock_t& block);
+
     CZuError OpenVmdkHardDisk(const std::vector<Disk_t>& disks);
     CZuError OpenVhdHardDisk(const std::vector<Disk_t>& disks);
     CZuError OpenPhysicalHardDisk(const Disk_t& disk);

@@ -1,9 +1,11 @@
 #include "VirtualServer/VMInfo/LVM.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
 #include "VirtualServer/VMInfo/PartitionTables.h"
+#include "VirtualServer/VMInfo/VIDALinuxDiskParser.h"
 #include "VirtualServer/VMInfo/detail/TableReader.h"
 #include "foundation/HBPlatformInfo.h"
 #include "foundation/LgDebug.h"
@@ -34,6 +36,68 @@ LVM_Volume_t VolumeOf(const LVM_Component_t& component, uint8_t systemId) {
     volume.SystemID = systemId;
     volume.Segments.push_back(std::move(segment));
     return volume;
+}
+
+bool IsActive(const char (&state)[16]) {
+    constexpr char active[] = {'A', 'C', 'T', 'I', 'V', 'E'};
+    return std::memcmp(state, active, sizeof(active)) == 0;
+}
+
+bool IsRaid5(const CLDM_VBLK::Volume_t& volume) {
+    constexpr char raid5[] = "raid5";  // its terminator counts
+    return std::memcmp(volume.VolumeType, raid5, sizeof(raid5)) == 0;
+}
+
+LVM_Component_t ComponentOf(const CLDM_VBLK& record) {
+    const CLDM_VBLK::Partition_t& partition = record.Partition;
+    LVM_Component_t component;
+    component.DiskGUID = record.Children.front().Disk.GUID;
+    component.DiskLBAStart = partition.Start;
+    component.DiskLBAEnd = partition.Start + partition.Size - 1;
+    component.VolLBAStart = partition.VolumeOffset;
+    component.VolLBAEnd = partition.VolumeOffset + partition.Size - 1;
+    component.ColumnIndex = static_cast<int32_t>(partition.ColumnIndex);
+    return component;
+}
+
+// The segment ends where all of its components together do; a RAID-5 volume's end is set when the
+// volume is finished.
+LVM_Segment_t SegmentOf(const CLDM_VBLK& record) {
+    LVM_Segment_t segment;
+    segment.StripeSize = record.Component.StripeSize;
+    uint64_t sectors = 0;
+    for (const CLDM_VBLK& partition : record.Children) {
+        segment.Components.push_back(ComponentOf(partition));
+        sectors += partition.Partition.Size;
+    }
+    segment.LBAEnd = sectors - 1;
+    std::stable_sort(segment.Components.begin(), segment.Components.end(),
+                     [&](const LVM_Component_t& left, const LVM_Component_t& right) {
+                         return segment.StripeSize == 0 ? left.VolLBAStart < right.VolLBAStart
+                                                        : left.ColumnIndex < right.ColumnIndex;
+                     });
+    return segment;
+}
+
+LVM_Volume_t DynamicVolumeOf(const CLDM_VBLK& record, const CLDM_VBLK& component) {
+    LVM_Volume_t volume;
+    volume.VolGUID = record.Volume.VolumeGUID;
+    volume.IsRaid5 = IsRaid5(record.Volume) ? 1 : 0;
+    volume.SystemID = record.Volume.PartitionType;
+    if (!component.Children.empty())
+        volume.Segments.push_back(SegmentOf(component));
+    return volume;
+}
+
+// Links the pieces that lie on the disk of `diskGuid`, whose places count from its data start.
+void LinkComponents(LVM_Segment_t& segment, const GUID& diskGuid, uint32_t diskIndex, int64_t dataStartLBA) {
+    for (LVM_Component_t& component : segment.Components) {
+        if (!(component.DiskGUID == diskGuid))
+            continue;
+        component.HardDiskIndex = diskIndex;
+        component.DiskLBAStart += static_cast<uint64_t>(dataStartLBA);
+        component.DiskLBAEnd += static_cast<uint64_t>(dataStartLBA);
+    }
 }
 
 bool KeepsItsName(const LVM_Volume_t& volume) {
@@ -145,18 +209,55 @@ void CLVM::AddPartition(const Partition_Entry_t& entry, uint32_t diskIndex) {
         m_UndecidedComponents.push_back(component);
 }
 
-// The database of dynamic disks has no reader yet.
-CZuError CLVM::ParseAndAddLDMPartitions(uint32_t /*diskIndex*/, int64_t /*privateHeadLBA*/, int64_t /*dataStartLBA*/) {
-    return Refusal("Dynamic disks can't be read yet");
+bool CLVM::GuidOrder_t::operator()(const GUID& left, const GUID& right) const {
+    return std::memcmp(&left, &right, sizeof(GUID)) < 0;
 }
 
-// Linux volumes have no reader yet: components that may hold them stay undecided.
-CZuError CLVM::AddLinuxVolumes() {
-    if (!m_UndecidedComponents.empty())
-        LgDebug().Debug(Discovery,
-                        "We found %d undecided components. Generate Vol List From Partitions with Linux Disk Parser.",
-                        static_cast<int>(m_UndecidedComponents.size()));
+CZuError CLVM::ParseAndAddLDMPartitions(uint32_t diskIndex, int64_t privateHeadLBA, int64_t dataStartLBA) {
+    LDM_DB_t db;
+    ZU_RETURN_IF_ERROR(m_HardDisks[diskIndex]->GetDynamicDiskDatabase(db, static_cast<uint64_t>(privateHeadLBA)));
+    VolumesByGuid_t volumes;
+    for (size_t index = 0; index < m_Volumes.size(); ++index)
+        volumes.emplace(m_Volumes[index].VolGUID, index);  // the first of equal ones
+    for (const CLDM_VBLK& record : db.Group.Children) {
+        if (!IsActive(record.Volume.State))
+            continue;
+        size_t index = 0;
+        ZU_RETURN_IF_ERROR(FindOrAddDynamicVolume(record, volumes, index));
+        if (!m_Volumes[index].Segments.empty())
+            LinkComponents(m_Volumes[index].Segments.front(), db.PrivateHead.DiskGUID, diskIndex, dataStartLBA);
+    }
     return CZuError();
+}
+
+// The first disk whose database names a volume builds it; the others' copies aren't compared.
+CZuError CLVM::FindOrAddDynamicVolume(const CLDM_VBLK& record, VolumesByGuid_t& volumes, size_t& index) {
+    const auto component = std::find_if(record.Children.begin(), record.Children.end(),
+                                        [](const CLDM_VBLK& each) { return IsActive(each.Component.State); });
+    if (component == record.Children.end())
+        return Refusal("No component is marked ACTIVE for an active volume in LDM database");
+    const auto [place, isNew] = volumes.emplace(record.Volume.VolumeGUID, m_Volumes.size());
+    index = place->second;
+    if (isNew)
+        m_Volumes.push_back(DynamicVolumeOf(record, *component));
+    return CZuError();
+}
+
+CZuError CLVM::AddLinuxVolumes() {
+    if (m_UndecidedComponents.empty())
+        return CZuError();
+    LgDebug().Debug(Discovery,
+                    "We found %d undecided components. Generate Vol List From Partitions with Linux Disk Parser.",
+                    static_cast<int>(m_UndecidedComponents.size()));
+    VIDALinuxDiskParser parser(this);
+    std::string directory;
+    if (HBPlatformInfo::getString("Base", "dORBISTEMPDIR", &directory) == 0) {
+        directory = "C:";
+        LgDebug().Debug(Discovery, "Setting the default temp file on C:\\");
+    }
+    const std::string path = directory + "\\\\LinuxLVM2.txt";
+    const bool isDone = parser.GenerateVolListFromPartitions(m_UndecidedComponents, m_Volumes, path.c_str());
+    return isDone ? CZuError() : Refusal("Linux Disk Parser Failed.");
 }
 
 void CLVM::FinishVolumes() {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -75,6 +76,9 @@ public:
 
     std::vector<LVM_Volume_t> GetVolumes() const { return m_Volumes; }
 
+    // Reads `length` bytes at byte `offset` of the disk of that index.
+    CZuError ReadHardDisk(uint32_t hardDiskIndex, uint64_t offset, void* buffer, uint32_t length) const;
+
     // Reads `length` bytes, not 0, at byte `offset` of `volume`. `bytesRead`, which may be null, is
     // what was read, after a failure too.
     //
@@ -92,11 +96,16 @@ public:
 
 private:
     struct Place_t;
+    struct GuidOrder_t {
+        bool operator()(const GUID& left, const GUID& right) const;
+    };
+    using VolumesByGuid_t = std::map<GUID, size_t, GuidOrder_t>;  // indexes into the volumes
 
     CZuError AddHardDisk(const LVM_HardDisk_t& disk);
     CZuError ParseAndAddDOSPartitions(uint32_t diskIndex);
     CZuError ParseAndAddLDMPartitions(uint32_t diskIndex, int64_t privateHeadLBA, int64_t dataStartLBA);
     void AddPartition(const Partition_Entry_t& entry, uint32_t diskIndex);
+    CZuError FindOrAddDynamicVolume(const CLDM_VBLK& record, VolumesByGuid_t& volumes, size_t& index);
     CZuError AddLinuxVolumes();
     void FinishVolumes();
     static void FinishSegments(LVM_Volume_t& volume);

@@ -107,6 +107,13 @@ CZuError CLVM::ReadVolumeData(const LVM_Volume_t& volume, uint64_t offset, void*
     return CZuError();
 }
 
+CZuError CLVM::ReadHardDisk(uint32_t hardDiskIndex, uint64_t offset, void* buffer, uint32_t length) const {
+    if (hardDiskIndex >= m_HardDisks.size())
+        return Refusal("Volume component is not point to any harddisk object");
+    ZU_RETURN_IF_ERROR(m_HardDisks[hardDiskIndex]->ReadHardDiskData(offset, buffer, length));
+    return CZuError();
+}
+
 CZuError CLVM::FindPlace(const LVM_Volume_t& volume, uint64_t offset, uint64_t lba, Place_t& place) {
     if (volume.Segments.empty())
         return Refusal(OutOfRange);

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 
@@ -27,6 +28,12 @@ int RenameFile(const std::string& from, const std::string& to, bool replacing) {
     if (!replacing)
         return RenameWithoutReplacing(from.c_str(), to.c_str());
     return rename(from.c_str(), to.c_str()) != 0 ? errno : 0;
+}
+
+int RemoveFile(const std::string& name) {
+    std::string path = name;
+    std::replace(path.begin(), path.end(), '\\', '/');
+    return unlink(path.c_str()) != 0 ? errno : 0;
 }
 
 int SyncDirectory(const std::string& directory) {

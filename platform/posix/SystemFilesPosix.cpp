@@ -33,6 +33,8 @@ int SystemOpenFlags(int flags) {
         system |= O_CREAT;
     if ((flags & OpenTruncating) != 0)
         system |= O_TRUNC;
+    if ((flags & OpenOnlyNew) != 0)
+        system |= O_EXCL;
     return system;
 }
 

@@ -10,6 +10,10 @@ int RenameFile(const std::string& from, const std::string& to, bool replacing) {
     return moved ? 0 : static_cast<int>(GetLastError());
 }
 
+int RemoveFile(const std::string& name) {
+    return DeleteFileW(WideFromUtf8(name.c_str()).c_str()) != 0 ? 0 : static_cast<int>(GetLastError());
+}
+
 // A rename that writes through has its name on the medium already.
 int SyncDirectory(const std::string& /*directory*/) {
     return 0;
