@@ -37,7 +37,7 @@ public:
     ~FileIO();
 
     // Fills `line` with the next line, its line feed included, cut to `size` - 1 characters, the rest of
-    // which come with the next call. Throws at the end of the file.
+    // which come with the next call. Throws at the end of the file, and where it can't be read.
     void ReadLine(char* line, int size);
 
 private:
@@ -46,6 +46,7 @@ private:
     CZuFile m_File;
     std::string m_Buffer;
     size_t m_Next = 0;
+    bool m_HasFailed = false;
 };
 
 // Tells which partitions and whole disks are LVM2 physical volumes, reads the text metadata of these,
@@ -131,6 +132,7 @@ private:
     void ParseSegment(FileIO& file, const std::string& group, Segment_t& segment);
     void ParseStripes(FileIO& file, const std::string& group, Segment_t& segment);
     static bool AddSegment(const Segment_t& segment, uint64_t extentSize, LVM_Volume_t& volume);
+    LogicalVolume_t& NewLogicalVolume(const std::string& group, const std::string& name);
     std::string NewKey(const std::string& group, const std::string& name);
     void Charge(uint64_t bytes);
 

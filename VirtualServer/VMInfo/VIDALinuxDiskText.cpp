@@ -78,7 +78,7 @@ void FileIO::ReadLine(char* line, int size) {
             break;
     }
     line[count] = '\0';
-    if (count != 0)
+    if (count != 0 && !m_HasFailed)
         return;
     LgDebug().Error("FileIO::ReadLine", "Fgets failed. n : %d", size);
     throw Exception_t(Exception_t::System, "fgets failed");
@@ -89,7 +89,8 @@ bool FileIO::Fill() {
     unsigned int got = 0;
     m_Buffer.resize(pieceBytes);
     m_Next = 0;
-    Dropped(m_File.Read(m_Buffer.data(), pieceBytes, &got));  // the file's end is a failure too, and ends the line
+    const CZuError error = m_File.Read(m_Buffer.data(), pieceBytes, &got);
+    m_HasFailed = error.IsErrorSet() && error.GetErrorType() == ErrorType::System;  // the file's end is an error too
     m_Buffer.resize(got);
     return got != 0;
 }
@@ -141,7 +142,7 @@ void VIDALinuxDiskParser::ParseText(const char* path) {
     if (name != "logical_volumes")
         Fail("Error Parsing . Could not find logical_volumes");
     while (NextBlock(file, name))
-        ParseLogicalVolume(file, group, m_LogicalVolumes[NewKey(group, name)]);
+        ParseLogicalVolume(file, group, NewLogicalVolume(group, name));
 }
 
 void VIDALinuxDiskParser::ParseGroupItems(FileIO& file, VolumeGroup_t& group, std::string& blockName) {
@@ -258,6 +259,15 @@ std::string VIDALinuxDiskParser::NewKey(const std::string& group, const std::str
     std::string key = group + "-" + name;
     Charge(sizeof(LogicalVolume_t) + 2 * key.size());  // the group's name is kept beside the key
     return key;
+}
+
+// Two groups can make one key, as "a" and "a-b" do. What was told last has it alone, so that no volume
+// is put together from both.
+VIDALinuxDiskParser::LogicalVolume_t& VIDALinuxDiskParser::NewLogicalVolume(const std::string& group,
+                                                                            const std::string& name) {
+    LogicalVolume_t& volume = m_LogicalVolumes[NewKey(group, name)];
+    volume = LogicalVolume_t();
+    return volume;
 }
 
 // A record takes more memory than its few bytes of text, so what the texts make has a ceiling that only

@@ -22,10 +22,10 @@ uint32_t Lvm2Crc(const std::string& bytes);
 struct Lvm2Segment_t {
     uint64_t startExtent = 0;
     uint64_t extentCount = 0;
-    std::vector<std::pair<std::string, uint64_t>> stripes;  // a physical volume's name and its extent there
+    std::vector<std::pair<std::string, uint64_t>> stripes{};  // a physical volume's name and its extent there
     uint64_t stripeSectors = 0;
     std::string type = "striped";
-    std::vector<std::string> lines;  // of other kinds of segments, in front of the stripes
+    std::vector<std::string> lines{};  // of other kinds of segments, in front of the stripes
 };
 
 // The text of a group, tabs, comments and all, as its own tools write it. Without a word it is "vg0" with extents
