@@ -19,7 +19,7 @@ CZuError ChooseVolume(const CVolumeSet& set, const ReadRange_t& range, VolumeInf
         if (found == nullptr)
             return Refusal(*range.volume + ": no volume of the disks has that name; `diskstream volumes` lists them");
         chosen = *found;
-        return CZuError();
+        return chosen.problem.empty() ? CZuError() : Refusal(chosen.name + ": " + chosen.problem);
     }
     if (set.Disks().size() != 1)
         return Refusal("Several disks are given; say with --volume what to read of them");

@@ -23,7 +23,7 @@ uint64_t SegmentSectors(const LVM_Volume_t& volume, const LVM_Segment_t& segment
 }
 
 struct Place_t {
-    const LVM_Component_t* component = nullptr;
+    size_t column = 0;         // of the component
     uint64_t inComponent = 0;  // bytes
     uint64_t bytes = 0;        // that lie there together
 };
@@ -31,10 +31,10 @@ struct Place_t {
 // `offset` counts from the segment's start.
 bool FindInSpan(const LVM_Segment_t& segment, uint64_t offset, Place_t& place) {
     uint64_t start = 0;
-    for (const LVM_Component_t& component : segment.Components) {
-        const uint64_t spanBytes = SpanSectors(component) << SectorShift;
+    for (size_t index = 0; index < segment.Components.size(); ++index) {
+        const uint64_t spanBytes = SpanSectors(segment.Components[index]) << SectorShift;
         if (offset - start < spanBytes) {
-            place = {&component, offset - start, spanBytes - (offset - start)};
+            place = {index, offset - start, spanBytes - (offset - start)};
             return true;
         }
         start += spanBytes;
@@ -42,8 +42,7 @@ bool FindInSpan(const LVM_Segment_t& segment, uint64_t offset, Place_t& place) {
     return false;
 }
 
-bool FindInStripes(const LVM_Volume_t& volume, const LVM_Segment_t& segment, uint64_t offset, Place_t& place) {
-    const bool isRaid5 = volume.IsRaid5 != 0;
+bool FindInStripes(bool isRaid5, const LVM_Segment_t& segment, uint64_t offset, Place_t& place) {
     const uint64_t columns = segment.Components.size();
     const uint64_t dataColumns = isRaid5 ? columns - 1 : columns;
     uint64_t stripeBytes = 0;
@@ -53,42 +52,55 @@ bool FindInStripes(const LVM_Volume_t& volume, const LVM_Segment_t& segment, uin
     const uint64_t inStripe = offset % stripeBytes;
     const uint64_t row = stripe / dataColumns;
     const uint64_t first = isRaid5 ? columns - row % columns : 0;  // the column behind the row's parity
-    const uint64_t column = (stripe % dataColumns + first) % columns;
-    place.component = &segment.Components[static_cast<size_t>(column)];
+    place.column = static_cast<size_t>((stripe % dataColumns + first) % columns);
     place.inComponent = row * stripeBytes + inStripe;
-    const uint64_t spanBytes = SpanSectors(*place.component) << SectorShift;
+    const uint64_t spanBytes = SpanSectors(segment.Components[place.column]) << SectorShift;
     if (place.inComponent >= spanBytes)
         return false;
     place.bytes = std::min(stripeBytes - inStripe, spanBytes - place.inComponent);
     return true;
 }
 
+// The segment that begins last of those that begin at or in front of `sector`; null for none.
+const LVM_Segment_t* FindSegment(const LVM_Volume_t& volume, uint64_t sector) {
+    const auto behind =
+        std::upper_bound(volume.Segments.begin(), volume.Segments.end(), sector,
+                         [](uint64_t wanted, const LVM_Segment_t& each) { return wanted < each.LBAStart; });
+    return behind != volume.Segments.begin() ? &*(behind - 1) : nullptr;
+}
+
 }  // namespace
 
 uint64_t VolumeSectors(const LVM_Volume_t& volume) {
-    uint64_t sectors = 0;
-    for (const LVM_Segment_t& segment : volume.Segments)
-        sectors += SegmentSectors(volume, segment);
-    return sectors;
+    if (volume.Segments.empty())
+        return 0;
+    return volume.Segments.back().LBAStart + SegmentSectors(volume, volume.Segments.back());
+}
+
+uint64_t DiskOffsetOf(const LVM_Component_t& component, uint64_t inComponent) {
+    return (component.DiskLBAStart << SectorShift) + inComponent;
 }
 
 bool FindVolumePiece(const LVM_Volume_t& volume, uint64_t offset, uint64_t mostBytes, VolumePiece_t& piece) {
-    uint64_t start = 0;
-    for (const LVM_Segment_t& segment : volume.Segments) {
-        const uint64_t segmentBytes = SegmentSectors(volume, segment) << SectorShift;
-        if (offset - start >= segmentBytes) {
-            start += segmentBytes;
-            continue;
-        }
-        Place_t place;
-        const bool isStriped = volume.IsRaid5 != 0 || segment.StripeSize != 0;
-        if (!(isStriped ? FindInStripes(volume, segment, offset - start, place)
-                        : FindInSpan(segment, offset - start, place)))
-            return false;
-        piece.hardDiskIndex = place.component->HardDiskIndex;
-        piece.diskOffset = (place.component->DiskLBAStart << SectorShift) + place.inComponent;
-        piece.bytes = std::min({place.bytes, segmentBytes - (offset - start), std::max<uint64_t>(mostBytes, 1)});
-        return true;
-    }
-    return false;
+    const LVM_Segment_t* const segment = FindSegment(volume, offset >> SectorShift);
+    if (segment == nullptr)
+        return false;
+    const uint64_t inSegment = offset - (segment->LBAStart << SectorShift);
+    const uint64_t segmentBytes = SegmentSectors(volume, *segment) << SectorShift;
+    if (inSegment >= segmentBytes)
+        return false;
+    Place_t place;
+    const bool isRaid5 = volume.IsRaid5 != 0;
+    const bool isFound = isRaid5 || segment->StripeSize != 0 ? FindInStripes(isRaid5, *segment, inSegment, place)
+                                                             : FindInSpan(*segment, inSegment, place);
+    if (!isFound)
+        return false;
+    const LVM_Component_t& component = segment->Components[place.column];
+    piece.hardDiskIndex = component.HardDiskIndex;
+    piece.diskOffset = DiskOffsetOf(component, place.inComponent);
+    piece.bytes = std::min({place.bytes, segmentBytes - inSegment, std::max<uint64_t>(mostBytes, 1)});
+    piece.segment = segment;
+    piece.column = place.column;
+    piece.inComponent = place.inComponent;
+    return true;
 }

@@ -4,7 +4,10 @@
 #include <cstdio>
 
 #include "VirtualServer/VMInfo/PartitionTables.h"
-#include "agent/VolumeMap.h"
+#include "VirtualServer/VMInfo/UtilityFunctions.h"
+#include "agent/detail/DynamicVolumes.h"
+#include "agent/detail/FileSystems.h"
+#include "agent/detail/Lvm2Volumes.h"
 #include "foundation/detail/ErrorHandling.h"
 
 namespace {
@@ -15,6 +18,14 @@ constexpr char NtfsName[] = "ntfs";
 bool IsNamedByCore(PartitionScheme_t scheme, const PartitionInfo_t& partition) {
     return scheme == PartitionScheme_t::Mbr ? partition.typeId == PartitionType_NTFS
                                             : partition.fileSystem == NtfsName && partition.typeName == "Basic data";
+}
+
+// The partitions in which a dynamic disk keeps its volumes and its database.
+bool IsOfDynamicDisk(const PartitionInfo_t& partition) {
+    static const std::string metadata = FormatGuidText(GptTypeLdmMetadata).c_str();
+    static const std::string data = FormatGuidText(GptTypeLdmData).c_str();
+    return partition.typeId == PartitionType_DynamicDisk || partition.typeGuid == metadata ||
+           partition.typeGuid == data;
 }
 
 LVM_Volume_t PlainLayout(uint32_t diskIndex, const VolumeInfo_t& volume) {
@@ -58,13 +69,29 @@ VolumeInfo_t WholeDiskVolume(const CWholeDisk& disk, uint32_t diskIndex) {
     return volume;
 }
 
+const char* SchemeName(const VolumeInfo_t& volume) {
+    switch (volume.manager) {
+    case VolumeManager_t::DynamicDisks: return "ldm";
+    case VolumeManager_t::Lvm2: return "lvm2";
+    case VolumeManager_t::None: break;
+    }
+    return SchemeName(volume.scheme);
+}
+
 CZuError CVolumeSet::Open(const std::vector<std::string>& paths, const ImageOptions_t& options) {
+    CDynamicGroups dynamicGroups;
+    CLvm2Groups lvm2Groups;
     for (const std::string& path : paths) {
         CWholeDisk& disk = *m_Disks.emplace_back(std::make_unique<CWholeDisk>());
         ZU_RETURN_IF_ERROR(disk.Open(path, options));
         ZU_RETURN_IF_ERROR(ReadPartitionTable(disk, m_Tables.emplace_back()));
-        AddVolumes(static_cast<uint32_t>(m_Disks.size() - 1));
+        dynamicGroups.AddDisk(disk, static_cast<uint32_t>(m_Disks.size() - 1));
     }
+    for (uint32_t diskIndex = 0; diskIndex < m_Disks.size(); ++diskIndex)
+        AddVolumes(diskIndex, dynamicGroups, lvm2Groups);
+    AddLvm2Volumes(lvm2Groups);
+    for (const auto* const warnings : {&dynamicGroups.Warnings(), &lvm2Groups.Warnings()})
+        m_Warnings.insert(m_Warnings.end(), warnings->begin(), warnings->end());
     return CZuError();
 }
 
@@ -76,6 +103,7 @@ std::vector<std::string> CVolumeSet::Warnings() const {
     }
     for (const PartitionTable_t& table : m_Tables)
         warnings.insert(warnings.end(), table.warnings.begin(), table.warnings.end());
+    warnings.insert(warnings.end(), m_Warnings.begin(), m_Warnings.end());
     return warnings;
 }
 
@@ -85,28 +113,40 @@ const VolumeInfo_t* CVolumeSet::Find(const std::string& name) const {
     return found != m_Volumes.end() ? &*found : nullptr;
 }
 
-CZuError CVolumeSet::Read(const VolumeInfo_t& volume, uint64_t offset, void* buffer, uint32_t length) {
-    char* const target = static_cast<char*>(buffer);
-    for (uint32_t done = 0; done < length;) {
-        VolumePiece_t piece;
-        if (!FindVolumePiece(volume.layout, offset + done, length - done, piece))
-            return Refusal(CZuString::Format("{1}: has no byte {2}", volume.name, offset + done));
-        if (piece.hardDiskIndex >= m_Disks.size())
-            return Refusal(volume.name + ": one of its disks isn't there");
-        const auto bytes = static_cast<uint32_t>(piece.bytes);
-        ZU_RETURN_IF_ERROR(m_Disks[piece.hardDiskIndex]->Read(piece.diskOffset, target + done, bytes));
-        done += bytes;
+void CVolumeSet::AddVolumes(uint32_t diskIndex, CDynamicGroups& groups, CLvm2Groups& lvm2) {
+    CWholeDisk& disk = *m_Disks[diskIndex];
+    const PartitionTable_t& table = m_Tables[diskIndex];
+    if (table.scheme == PartitionScheme_t::None) {
+        if (!lvm2.AddSlice(disk, diskIndex, disk.Path(), 0, disk.TotalSectors()))
+            AddWholeDisk(diskIndex);
+        return;
     }
-    return CZuError();
+    AddDynamicVolumes(diskIndex, groups);
+    for (const PartitionInfo_t& partition : table.partitions) {
+        if (partition.isExtended || partition.sectors == 0 || IsOfDynamicDisk(partition))
+            continue;
+        const std::string place = disk.Path() + ": partition " + std::to_string(partition.number);
+        if (!lvm2.AddSlice(disk, diskIndex, place, partition.startSector, partition.sectors))
+            AddPartition(diskIndex, partition);
+    }
 }
 
-void CVolumeSet::AddVolumes(uint32_t diskIndex) {
-    const PartitionTable_t& table = m_Tables[diskIndex];
-    if (table.scheme == PartitionScheme_t::None)
-        return AddWholeDisk(diskIndex);
-    for (const PartitionInfo_t& partition : table.partitions) {
-        if (!partition.isExtended && partition.sectors != 0)
-            AddPartition(diskIndex, partition);
+void CVolumeSet::AddDynamicVolumes(uint32_t diskIndex, CDynamicGroups& groups) {
+    std::vector<VolumeInfo_t> volumes;
+    groups.TakeVolumes(diskIndex, volumes);
+    for (VolumeInfo_t& volume : volumes) {
+        volume.name =
+            volume.isActive ? "Volume" + std::to_string(m_NextNumber++) : UniqueName(volume.group + "-" + volume.label);
+        AddManagedVolume(std::move(volume));
+    }
+}
+
+void CVolumeSet::AddLvm2Volumes(CLvm2Groups& groups) {
+    std::vector<VolumeInfo_t> volumes;
+    groups.TakeVolumes(volumes);
+    for (VolumeInfo_t& volume : volumes) {
+        volume.name = UniqueName(volume.name);
+        AddManagedVolume(std::move(volume));
     }
 }
 
@@ -117,19 +157,37 @@ void CVolumeSet::AddWholeDisk(uint32_t diskIndex) {
         return;
     VolumeInfo_t volume = WholeDiskVolume(*m_Disks[diskIndex], diskIndex);
     volume.fileSystem = table.fileSystem;
-    AddVolume(std::move(volume), diskIndex, table.fileSystem == NtfsName);
+    AddPlainVolume(std::move(volume), diskIndex, table.fileSystem == NtfsName);
 }
 
 void CVolumeSet::AddPartition(uint32_t diskIndex, const PartitionInfo_t& partition) {
     VolumeInfo_t volume = PartitionVolume(partition, diskIndex);
     volume.scheme = m_Tables[diskIndex].scheme;
-    AddVolume(std::move(volume), diskIndex, IsNamedByCore(m_Tables[diskIndex].scheme, partition));
+    AddPlainVolume(std::move(volume), diskIndex, IsNamedByCore(m_Tables[diskIndex].scheme, partition));
 }
 
-void CVolumeSet::AddVolume(VolumeInfo_t volume, uint32_t diskIndex, bool isNamedByCore) {
+void CVolumeSet::AddPlainVolume(VolumeInfo_t volume, uint32_t diskIndex, bool isNamedByCore) {
     if (isNamedByCore)
         volume.name = "Volume" + std::to_string(m_NextNumber++);
     volume.layout = PlainLayout(diskIndex, volume);
     volume.layout.SystemID = isNamedByCore ? PartitionType_NTFS : PartitionType_Empty;
+    m_Names.insert(volume.name);
     m_Volumes.push_back(std::move(volume));
+}
+
+void CVolumeSet::AddManagedVolume(VolumeInfo_t volume) {
+    std::snprintf(volume.layout.VolName, sizeof(volume.layout.VolName), "%s", volume.name.c_str());
+    volume.layout.AllDiskFound = volume.missing.empty() ? 1 : 0;
+    if (volume.problem.empty())
+        volume.fileSystem = RecognizeFileSystem(
+            volume.sectors, [&](void* buffer, uint32_t size) { return !Read(volume, 0, buffer, size).IsErrorSet(); });
+    m_Names.insert(volume.name);
+    m_Volumes.push_back(std::move(volume));
+}
+
+std::string CVolumeSet::UniqueName(const std::string& name) const {
+    std::string unique = name;
+    for (unsigned number = 2; m_Names.count(unique) != 0; ++number)
+        unique = name + "#" + std::to_string(number);
+    return unique;
 }

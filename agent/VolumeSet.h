@@ -2,39 +2,33 @@
 
 #include <cstdint>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
-#include "VirtualServer/VMInfo/LVM.h"
 #include "agent/PartitionTable.h"
+#include "agent/VolumeInfo.h"
 #include "agent/WholeDisk.h"
+#include "foundation/AutoMemory.h"
 #include "foundation/ZuError.h"
 #include "platform/Export.h"
-
-// One volume, and where it comes from.
-struct VolumeInfo_t {
-    std::string name;  // by which it is asked for
-    PartitionScheme_t scheme = PartitionScheme_t::None;
-    uint32_t partition = 0;  // the number of the partition that it is; 0 for a whole disk
-    std::string typeName;    // for people
-    std::string label;       // that a GPT has for it
-    std::string guid;
-    std::string fileSystem;  // empty for none that is known
-    uint64_t startSector = 0;
-    uint64_t sectors = 0;
-    LVM_Volume_t layout;
-};
 
 // A partition as a volume of its own, and a whole disk, on the disk of that index. Both are named after
 // their place.
 DISKSTREAM_EXPORT VolumeInfo_t PartitionVolume(const PartitionInfo_t& partition, uint32_t diskIndex);
 DISKSTREAM_EXPORT VolumeInfo_t WholeDiskVolume(const CWholeDisk& disk, uint32_t diskIndex);
 
+class CDynamicGroups;
+class CLvm2Groups;
+struct VolumePiece_t;
+
 // The disks given and the volumes on them. One thread at a time.
 //
-// NTFS volumes have the names that the core gives them: "Volume1", "Volume2" and so on, in the order
-// of the disks and of their tables. Others are named after their place: "Disk1Partition2", or "Disk1"
-// for a whole disk.
+// NTFS partitions and the active volumes of dynamic disks have the names that the core gives them:
+// "Volume1", "Volume2" and so on, in the order of the disks and of their tables and databases. A
+// logical volume of LVM2 is named after its group and itself, "group-volume". Others are named after
+// their place: "Disk1Partition2", or "Disk1" for a whole disk. A name that is taken already gets a
+// number behind it.
 class DISKSTREAM_EXPORT CVolumeSet {
 public:
     CZuError Open(const std::vector<std::string>& paths, const ImageOptions_t& options);
@@ -47,17 +41,32 @@ public:
     // Null for a name that no volume has.
     const VolumeInfo_t* Find(const std::string& name) const;
 
-    // Reads `length` bytes at byte `offset` of `volume`, across every boundary of its layout.
+    // Reads `length` bytes at byte `offset` of `volume`, across every boundary of its layout. What a disk
+    // doesn't give comes from a mirror's other half, or from the other disks of a RAID-5 volume.
     CZuError Read(const VolumeInfo_t& volume, uint64_t offset, void* buffer, uint32_t length);
 
 private:
-    void AddVolumes(uint32_t diskIndex);
+    void AddVolumes(uint32_t diskIndex, CDynamicGroups& groups, CLvm2Groups& lvm2);
+    void AddDynamicVolumes(uint32_t diskIndex, CDynamicGroups& groups);
+    void AddLvm2Volumes(CLvm2Groups& groups);
     void AddWholeDisk(uint32_t diskIndex);
     void AddPartition(uint32_t diskIndex, const PartitionInfo_t& partition);
-    void AddVolume(VolumeInfo_t volume, uint32_t diskIndex, bool isNamedByCore);
+    void AddPlainVolume(VolumeInfo_t volume, uint32_t diskIndex, bool isNamedByCore);
+    void AddManagedVolume(VolumeInfo_t volume);
+    std::string UniqueName(const std::string& name) const;
+
+    CZuError ReadPiece(const VolumeInfo_t& volume, uint64_t offset, char* target, uint32_t mostBytes, uint32_t& bytes);
+    CZuError ReadCopy(const std::string& name, const LVM_Volume_t& layout, uint64_t offset, char* target,
+                      uint32_t mostBytes, uint32_t& bytes);
+    CZuError ReadComponent(const std::string& name, const LVM_Component_t& component, uint64_t inComponent,
+                           char* target, uint32_t bytes);
+    CZuError RebuildPiece(const std::string& name, const VolumePiece_t& piece, char* target);
 
     std::vector<std::unique_ptr<CWholeDisk>> m_Disks;
     std::vector<PartitionTable_t> m_Tables;
     std::vector<VolumeInfo_t> m_Volumes;
+    std::set<std::string> m_Names;
+    std::vector<std::string> m_Warnings;  // of the volume managers
+    CAutoMemory<char> m_Scratch;          // of another column's bytes
     unsigned m_NextNumber = 1;
 };

@@ -49,7 +49,7 @@ CZuError CWholeDisk::Open(const std::string& path, const ImageOptions_t& options
     std::vector<Disk_t> disks;
     for (const CDiskImage& image : m_Links)
         ZU_RETURN_IF_ERROR(AddCoreLink(image, disks));
-    m_Reader = std::make_unique<CHardDiskReader>(m_Links.back().Product());
+    m_Reader = std::make_unique<CWholeDiskReader>(m_Links.back().Product());
     return ErrorAt(path, m_Reader->OpenHardDisk(disks));
 }
 

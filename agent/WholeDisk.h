@@ -12,6 +12,16 @@
 
 class CPrivateDirectory;
 
+// The core's reader, with the steps by which it reads the database of a dynamic disk.
+class CWholeDiskReader : public CHardDiskReader {
+public:
+    using CHardDiskReader::CHardDiskReader;
+    using CHardDiskReader::FindTocBlock;
+    using CHardDiskReader::ReadPrivateHead;
+    using CHardDiskReader::ReadVblkArea;
+    using CHardDiskReader::ReadVmdb;
+};
+
 // A whole disk as a flat run of sectors, whatever it is kept in: an image with the older links of
 // its chain, a device, a raw file. One thread at a time.
 class DISKSTREAM_EXPORT CWholeDisk {
@@ -31,7 +41,7 @@ public:
     const std::vector<CDiskImage>& Links() const { return m_Links; }
 
     // The core's reader. Its errors don't name the disk.
-    CHardDiskReader& Reader() { return *m_Reader; }
+    CWholeDiskReader& Reader() { return *m_Reader; }
 
     // Reads `length` bytes at byte `offset`; errors name the disk.
     CZuError Read(uint64_t offset, void* buffer, uint32_t length);
@@ -42,5 +52,5 @@ private:
 
     std::vector<CDiskImage> m_Links;
     std::unique_ptr<CPrivateDirectory> m_Directory;  // of the descriptors that the core is given
-    std::unique_ptr<CHardDiskReader> m_Reader;
+    std::unique_ptr<CWholeDiskReader> m_Reader;
 };

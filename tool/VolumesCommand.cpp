@@ -12,34 +12,54 @@ struct Arguments_t {
     OutputOptions_t output;
 };
 
-// The disks that a volume lies on, each once, in its order.
+// The disks of those given that a volume lies on, each once, in its order.
 std::vector<std::string> DisksOf(const CVolumeSet& set, const VolumeInfo_t& volume) {
     std::vector<std::string> disks;
-    for (const LVM_Segment_t& segment : volume.layout.Segments) {
-        for (const LVM_Component_t& component : segment.Components) {
-            const bool isThere = component.HardDiskIndex < set.Disks().size();
-            const std::string name = isThere ? set.Disks()[component.HardDiskIndex]->Path() : "a missing disk";
-            if (std::find(disks.begin(), disks.end(), name) == disks.end())
-                disks.push_back(name);
+    const auto addDisksOf = [&](const LVM_Volume_t& layout) {
+        for (const LVM_Segment_t& segment : layout.Segments) {
+            for (const LVM_Component_t& component : segment.Components) {
+                if (component.HardDiskIndex >= set.Disks().size())
+                    continue;
+                const std::string& path = set.Disks()[component.HardDiskIndex]->Path();
+                if (std::find(disks.begin(), disks.end(), path) == disks.end())
+                    disks.push_back(path);
+            }
         }
-    }
+    };
+    addDisksOf(volume.layout);
+    std::for_each(volume.mirrors.begin(), volume.mirrors.end(), addDisksOf);
     return disks;
 }
 
+std::string TextOf(const MissingDisk_t& disk) {
+    return "missing " + disk.id + (disk.name.empty() ? "" : " (" + disk.name + ")");
+}
+
 Json_t JsonOf(const CVolumeSet& set, const VolumeInfo_t& volume) {
-    Json_t object{{"name", volume.name}, {"scheme", SchemeName(volume.scheme)}};
+    Json_t object{{"name", volume.name}, {"scheme", SchemeName(volume)}};
     if (volume.partition != 0)
         object["partition"] = volume.partition;
     object["type"] = volume.typeName;
     if (!volume.label.empty())
         object["label"] = volume.label;
+    if (!volume.group.empty())
+        object["group"] = volume.group;
     if (!volume.guid.empty())
-        object["guid"] = volume.guid;
-    object["start_sector"] = volume.startSector;
+        object[volume.manager == VolumeManager_t::Lvm2 ? "id" : "guid"] = volume.guid;
+    if (volume.isInternal)
+        object["internal"] = true;
+    if (volume.manager == VolumeManager_t::None)
+        object["start_sector"] = volume.startSector;
     object["sectors"] = volume.sectors;
     object["bytes"] = SectorsJson(volume.sectors);
     object["file_system"] = volume.fileSystem.empty() ? Json_t() : Json_t(volume.fileSystem);
     object["disks"] = DisksOf(set, volume);
+    object["missing_disks"] = Json_t::array();
+    for (const MissingDisk_t& disk : volume.missing)
+        object["missing_disks"].push_back({{"id", disk.id}, {"name", disk.name}});
+    object["readable"] = volume.problem.empty();
+    if (!volume.problem.empty())
+        object["problem"] = volume.problem;
     return object;
 }
 
@@ -51,14 +71,27 @@ std::string Joined(const std::vector<std::string>& texts) {
 }
 
 std::vector<std::string> RowOf(const CVolumeSet& set, const VolumeInfo_t& volume) {
+    std::vector<std::string> disks = DisksOf(set, volume);
+    for (const MissingDisk_t& disk : volume.missing)
+        disks.push_back(TextOf(disk));
     return {volume.name,
-            SchemeName(volume.scheme),
-            volume.typeName,
-            std::to_string(volume.startSector),
+            SchemeName(volume),
+            volume.typeName + (volume.isInternal ? ", internal" : ""),
+            volume.manager == VolumeManager_t::None ? std::to_string(volume.startSector) : "-",
             SectorsText(volume.sectors),
             volume.fileSystem.empty() ? "-" : volume.fileSystem,
             volume.guid.empty() ? "-" : volume.guid,
-            Joined(DisksOf(set, volume))};
+            Joined(disks)};
+}
+
+// What can't be read is said, and why.
+void PrintProblems(const CVolumeSet& set) {
+    std::vector<std::string> problems;
+    for (const VolumeInfo_t& volume : set.Volumes()) {
+        if (!volume.problem.empty())
+            problems.push_back(volume.name + " can't be read: " + volume.problem);
+    }
+    PrintWarnings(problems);
 }
 
 int Run(const Arguments_t& arguments) {
@@ -76,6 +109,7 @@ int Run(const Arguments_t& arguments) {
     std::vector<std::vector<std::string>> rows;
     for (const VolumeInfo_t& volume : set.Volumes())
         rows.push_back(RowOf(set, volume));
+    PrintProblems(set);
     PrintTable({"Name", "Scheme", "Type", "Start", "Size", "File system", "GUID", "Disks"}, rows);
     return ExitSuccess;
 }
@@ -89,6 +123,7 @@ void AddVolumesCommand(CLI::App& program, int& exitCode) {
     command->add_flag("--json", arguments->output.json, "Print one JSON object");
     command->footer("Examples:\n"
                     "  diskstream volumes disk.vmdk\n"
-                    "  diskstream volumes --json one.vhd two.vhd");
+                    "  diskstream volumes --json one.vhd two.vhd\n"
+                    "  diskstream volumes /dev/sdb /dev/sdc    (dynamic disks, or LVM2 physical volumes)");
     command->callback([arguments, &exitCode] { exitCode = Run(*arguments); });
 }

@@ -74,11 +74,17 @@ void RecognizeFileSystem(CWholeDisk& disk, uint64_t startSector, uint64_t sector
     if (startSector >= disk.TotalSectors())
         return;
     const uint64_t inside = std::min(sectors, disk.TotalSectors() - startSector);
-    const uint64_t wanted = std::min(inside, DivideRoundingUp(MarksEnd, SectorSize));
+    name = RecognizeFileSystem(inside, [&](void* buffer, uint32_t size) {
+        return !disk.Read(startSector << SectorShift, buffer, size).IsErrorSet();
+    });
+}
+
+std::string RecognizeFileSystem(uint64_t sectors, const ReadStart_t& read) {
+    const uint64_t wanted = std::min(sectors, DivideRoundingUp(MarksEnd, SectorSize));
     std::vector<char> start(static_cast<size_t>(wanted << SectorShift));
-    if (disk.Read(startSector << SectorShift, start.data(), static_cast<uint32_t>(start.size())).IsErrorSet())
-        return;
-    name = NameOf(CByteView(start.data(), start.size()));
+    if (!read(start.data(), static_cast<uint32_t>(start.size())))
+        return {};
+    return NameOf(CByteView(start.data(), start.size()));
 }
 
 bool IsVolumeBootSector(const char (&sector)[512]) {

@@ -1,9 +1,9 @@
 #include <algorithm>
-#include <array>
 #include <cstring>
 #include <vector>
 
 #include "VirtualServer/VMInfo/UtilityFunctions.h"
+#include "agent/detail/Crc32.h"
 #include "agent/detail/PartitionReaders.h"
 #include "agent/detail/PartitionTypeNames.h"
 #include "agent/detail/Utf16Text.h"
@@ -14,33 +14,6 @@ namespace {
 
 constexpr uint32_t PieceBytes = 1U << 20U;
 constexpr uint64_t MostEntries = uint64_t{1} << 20U;  // thousands of times what tools write
-
-// The CRC-32 of the header and the entries, as in IEEE 802.3.
-class CCrc32 {
-public:
-    void Add(const char* bytes, size_t size) {
-        for (size_t index = 0; index < size; ++index)
-            m_State = Table()[(m_State ^ static_cast<uint8_t>(bytes[index])) & 0xFFU] ^ (m_State >> 8U);
-    }
-    uint32_t Result() const { return ~m_State; }
-
-private:
-    static const std::array<uint32_t, 256>& Table() {
-        static const std::array<uint32_t, 256> table = [] {
-            std::array<uint32_t, 256> made{};
-            for (uint32_t index = 0; index < made.size(); ++index) {
-                uint32_t value = index;
-                for (int bit = 0; bit < 8; ++bit)
-                    value = (value & 1U) != 0 ? 0xEDB88320U ^ (value >> 1U) : value >> 1U;
-                made[index] = value;
-            }
-            return made;
-        }();
-        return table;
-    }
-
-    uint32_t m_State = ~uint32_t{0};
-};
 
 bool IsSound(const char (&sector)[SectorSize], GptHeader_t& header) {
     std::memcpy(&header, sector, sizeof(header));
@@ -53,7 +26,7 @@ bool IsSound(const char (&sector)[SectorSize], GptHeader_t& header) {
     std::memset(copy + offsetof(GptHeader_t, headerCrc), 0, sizeof(header.headerCrc));
     CCrc32 crc;
     crc.Add(copy, headerBytes);
-    return crc.Result() == header.headerCrc;
+    return ~crc.State() == header.headerCrc;
 }
 
 bool ReadHeader(CWholeDisk& disk, uint64_t lba, GptHeader_t& header) {
@@ -92,7 +65,7 @@ public:
         const uint64_t perPiece = std::max<uint64_t>(PieceBytes / entryBytes, 1);
         for (uint64_t first = 0; first < count; first += perPiece)
             ZU_RETURN_IF_ERROR(TakePiece(first, std::min(count - first, perPiece), start + first * entryBytes));
-        if (m_Crc.Result() != m_Header.entriesCrc)
+        if (~m_Crc.State() != m_Header.entriesCrc)
             m_Table.warnings.push_back(m_Disk.Path() + ": the checksum of the GPT's entries is wrong");
         return CZuError();
     }

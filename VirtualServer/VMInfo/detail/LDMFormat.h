@@ -46,14 +46,17 @@ struct LdmVmdb_t {
     Be16_t state;            // 16  1 for consistent
     Be16_t versionMajor;     // 18  4
     Be16_t versionMinor;     // 20  10
+    char groupName[31];      // 22
+    char groupGuid[64];      // 53  text
+    Be64_t commit;           // 117  grows with each change of the database
 };
-static_assert(sizeof(LdmVmdb_t) == 22);
+static_assert(sizeof(LdmVmdb_t) == 125 && offsetof(LdmVmdb_t, commit) == 117);
 
 // The head of each slot; what a record holds follows at byte 24 of its first.
 struct LdmVblkHead_t {
     char signature[4];     //  0  "VBLK"
     Be32_t sequence;       //  4
-    char unused8[4];       //  8
+    Be32_t group;          //  8  of the fragments of one record
     Be16_t fragment;       // 12  from 0
     Be16_t fragmentCount;  // 14  0 for a slot that isn't used
     char unused16[2];      // 16
