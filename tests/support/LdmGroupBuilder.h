@@ -38,7 +38,7 @@ struct LdmVolume_t {
 };
 
 // Volumes of the usual kinds. Pieces of a span lie one behind the other, those of stripes are the columns
-// in their order, of whole stripes.
+// in their order, all of the same whole number of stripes.
 LdmVolume_t LdmSpanned(std::vector<LdmPiece_t> pieces);
 LdmVolume_t LdmSimple(const LdmPiece_t& piece);
 LdmVolume_t LdmStriped(uint64_t stripeSectors, std::vector<LdmPiece_t> pieces);

@@ -7,6 +7,8 @@
 #include <vector>
 
 #include "VirtualServer/VMInfo/UtilityFunctions.h"
+#include "VirtualServer/VMInfo/detail/LDMVblkTree.h"
+#include "foundation/detail/ByteView.h"
 #include "tests/support/Bytes.h"
 #include "tests/support/ErrorAssertions.h"
 #include "tests/support/FaultyFiles.h"
@@ -410,8 +412,11 @@ TEST_F(HardDiskVblkTree, FieldsThatRunOutOfTheirSlotAreRefusedWhereverItEnds) {
             SCOPED_TRACE(testing::Message() << row.name << ", " << size << " of " << whole);
             const LdmRecord_t cut = {row.record.type, row.record.flags, row.record.fields.substr(0, size)};
             const auto slotBytes = static_cast<uint32_t>(24 + size);
-            const CZuError error =
-                Parse(CLdmDatabaseBuilder().VblkSize(slotBytes).FirstVblk(slotBytes).Add(cut).UnusedBehind(0));
+            const std::string slot =
+                CLdmDatabaseBuilder().VblkSize(slotBytes).FirstVblk(slotBytes).Add(cut).Slots().at(0);
+            const std::vector<char> exactly(slot.begin(), slot.end());  // so that a sanitizer sees its end
+            const CZuError error = BuildVblkTree({CByteView(exactly.data(), exactly.size())}, m_Group);
+            m_Group = CLDM_VBLK();
             const std::string text = error.IsErrorSet() ? error.GetErrorText() : "";
             EXPECT_EQ(size < whole, text.rfind("Variable string length ", 0) == 0) << text;
         }
