@@ -30,6 +30,18 @@ template <size_t Size> bool IsActive(const char (&state)[Size]) {
     return TextOf(state).rfind("ACTIVE", 0) == 0;
 }
 
+// A disk whose own records tell of another group was moved there, and what its former group's records say
+// of it holds no longer. One without records may be of any group.
+bool MayBeOfGroup(const DynamicDisk_t& dynamic, const std::string& groupGuid) {
+    return !dynamic.isWhole || dynamic.db.Group.Type == LdmRecord_None ||
+           TextOf(GuidOfGroup(dynamic.db.Group)) == groupGuid;
+}
+
+// A record's number that is too large for a column is no column's.
+int32_t ColumnIndexOf(uint64_t number) {
+    return number <= uint64_t{INT32_MAX} ? static_cast<int32_t>(number) : -1;
+}
+
 // Where the disks of a group are: by the GUIDs of their private headers.
 class CDiskPlaces {
 public:
@@ -126,7 +138,7 @@ private:
         piece.DiskLBAEnd = piece.DiskLBAStart + partition.Partition.Size - 1;
         piece.VolLBAStart = partition.Partition.VolumeOffset;
         piece.VolLBAEnd = partition.Partition.VolumeOffset + partition.Partition.Size - 1;
-        piece.ColumnIndex = static_cast<int32_t>(partition.Partition.ColumnIndex);
+        piece.ColumnIndex = ColumnIndexOf(partition.Partition.ColumnIndex);
         if (place.diskIndex == NoHardDisk)
             AddMissing(m_Info, {TextOf(piece.DiskGUID), TextOf(disk.Name)});
         return piece;
@@ -170,9 +182,11 @@ bool CDynamicGroups::AddDisk(CWholeDisk& disk, uint32_t diskIndex) {
 
 void CDynamicGroups::WarnOfTwin(const Member_t& member) {
     for (const auto& [index, each] : m_Disks) {
-        if (each.dynamic.hasHead && each.dynamic.db.PrivateHead.DiskGUID == member.dynamic.db.PrivateHead.DiskGUID)
+        if (each.dynamic.hasHead && each.dynamic.db.PrivateHead.DiskGUID == member.dynamic.db.PrivateHead.DiskGUID) {
             m_Warnings.push_back(member.path + ": is the same dynamic disk as " + each.path +
                                  ", which is read instead");
+            return;
+        }
     }
 }
 
@@ -185,8 +199,10 @@ void CDynamicGroups::TakeVolumes(uint32_t diskIndex, std::vector<VolumeInfo_t>& 
         return;
     m_GroupsTaken.push_back(guid);
     CDiskPlaces places;
-    for (const auto& [index, member] : m_Disks)
-        places.Add(member.dynamic, index);
+    for (const auto& [index, member] : m_Disks) {
+        if (MayBeOfGroup(member.dynamic, guid))
+            places.Add(member.dynamic, index);
+    }
     const LDM_DB_t& db = m_Disks[NewestOf(found->second)].dynamic.db;
     for (const CLDM_VBLK& record : db.Group.Children) {
         VolumeInfo_t& info = volumes.emplace_back();
