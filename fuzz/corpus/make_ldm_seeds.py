@@ -119,6 +119,8 @@ def dynamic(records, size=SLOT, first=FIRST_SLOT, head=None, tocs=None, vmdb=Non
     shape = (sequence if last is None else last, size, first) if vmdb is None else vmdb
     put(image, start, struct.pack(">4sIIIHHH", b"VMDB", *shape, state, *version))
     put(image, start + first, area)
+    # As many bytes are read as if the slots began at the records' head.
+    put(image, start + first + sequence * (size if vmdb is None else SLOT) - 1, b"\0")
     image.extend(bytes(-len(image) % SECTOR))
     for offset, data in damage:
         put(image, offset, data)
@@ -126,8 +128,8 @@ def dynamic(records, size=SLOT, first=FIRST_SLOT, head=None, tocs=None, vmdb=Non
 
 
 SIMPLE = [group(), disk(), volume(), component(), partition(sectors=5)]
-SPANNED = [group(), disk(), disk(1), volume(sectors=4), component(partitions=2), partition(31, place=2, disk_id=3, sectors=2),
-           partition(sectors=2, start=1)]
+SPANNED = [group(), disk(), disk(1), volume(sectors=4), component(partitions=2),
+           partition(31, place=2, disk_id=3, sectors=2), partition(sectors=2, start=1)]
 STRIPED = [group(), disk(), disk(1), volume(sectors=8), component(partitions=2, stripe=2, layout=1),
            partition(31, disk_id=3, sectors=4, column=1), partition(sectors=4, column=0)]
 RAID5 = [group(), disk(), disk(1), volume(kind="raid5", sectors=4), component(partitions=3, stripe=1, layout=3),
@@ -146,7 +148,7 @@ def seeds():
         "striped": dynamic(STRIPED),
         "raid5": dynamic(RAID5),
         "mirror": dynamic(MIRROR),
-        "revision-4": dynamic([group(4), disk(revision=4), volume(), component(), partition()], version=(4, 10)),
+        "revision-4": dynamic([group(4), disk(revision=4), volume(), component(), partition()]),
         "two-volumes": dynamic(SIMPLE + [volume(11, serial=1), component(21, 11), partition(31, 21, start=2)]),
         "no-records": dynamic([]),
         "no-slots": dynamic([], last=0),
@@ -181,7 +183,8 @@ def seeds():
         "no-disk": dynamic([group(), volume(), component(), partition()]),
         "counts": dynamic([group(), disk(), volume(components=ONES), component(), partition()]),
         "no-pieces": dynamic([group(), disk(), volume(), component(partitions=0)]),
-        "piece-of-all-ones": dynamic([group(), disk(), volume(), component(), partition(start=ONES, place=ONES, sectors=ONES)]),
+        "piece-of-all-ones": dynamic([group(), disk(), volume(), component(),
+                                      partition(start=ONES, place=ONES, sectors=ONES)]),
         "piece-of-none": dynamic([group(), disk(), volume(), component(), partition(sectors=0)]),
         "stripe-of-2-to-55": dynamic([group(), disk(), volume(), component(stripe=1 << 55), partition(column=0)]),
         "stripe-of-all-ones": dynamic([group(), disk(), volume(), component(stripe=ONES), partition(column=ONES)]),
