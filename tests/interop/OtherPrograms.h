@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -27,6 +28,11 @@ inline testing::AssertionResult Runs(const std::string& command) {
                                         : testing::AssertionFailure() << command << ": " << output;
 }
 
+// For the shell.
+inline std::string Quoted(const std::string& text) {
+    return "'" + text + "'";
+}
+
 inline bool HasProgram(const std::string& name) {
     return RunProgram("command -v " + name);
 }
@@ -36,6 +42,19 @@ inline std::string FirstWordOf(const std::string& command) {
     std::string output;
     EXPECT_TRUE(RunProgram(command, &output)) << command << ": " << output;
     return output.substr(0, output.find_first_of(" \n"));
+}
+
+// Bytes of a file; question marks where it has none.
+inline std::string FileContent(const std::string& path, uint64_t offset, uint64_t bytes) {
+    std::string content(bytes, '?');
+    std::ifstream(path, std::ios::binary)
+        .seekg(static_cast<std::streamoff>(offset))
+        .read(content.data(), static_cast<std::streamsize>(bytes));
+    return content;
+}
+
+inline std::string FileContent(const std::string& path) {
+    return FileContent(path, 0, std::filesystem::file_size(path));
 }
 
 // Both directories hold the same names and bytes.

@@ -4,13 +4,12 @@
 #include <cctype>
 #include <cstdint>
 #include <filesystem>
-#include <nlohmann/json.hpp>
 #include <random>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include "tests/interop/OtherPrograms.h"
+#include "tests/interop/JsonOutput.h"
 #include "tests/support/Bytes.h"
 #include "tests/support/TempDir.h"
 
@@ -21,10 +20,6 @@ namespace {
 using nlohmann::json;
 using Texts_t = std::vector<std::string>;
 
-std::string Quoted(const std::string& path) {
-    return "'" + path + "'";
-}
-
 std::string Upper(std::string text) {
     std::transform(text.begin(), text.end(), text.begin(),
                    [](unsigned char character) { return static_cast<char>(std::toupper(character)); });
@@ -33,15 +28,6 @@ std::string Upper(std::string text) {
 
 std::string WithoutBraces(const std::string& guid) {
     return guid.size() > 2 && guid.front() == '{' ? guid.substr(1, guid.size() - 2) : guid;
-}
-
-// The object that a program prints; null when it fails or prints none.
-json JsonFrom(const std::string& command) {
-    std::string output;
-    EXPECT_TRUE(RunProgram(command + " 2>/dev/null", &output)) << command << ": " << output;
-    const json object = json::parse(output, nullptr, false);
-    EXPECT_TRUE(object.is_object()) << command << ": " << output;
-    return object.is_object() ? object : json();
 }
 
 json OurTable(const std::string& disk) {

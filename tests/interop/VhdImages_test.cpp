@@ -40,10 +40,6 @@ void WriteContent(const std::string& image, const std::string& target) {
     ASSERT_TRUE(file.flush().good());
 }
 
-std::string Quoted(const std::string& path) {
-    return "'" + path + "'";
-}
-
 // A raw disk with data at random places, its first and its last sector among them.
 void WriteRandomDisk(const CTempDir& dir, uint64_t sizeBytes, int extents) {
     std::mt19937_64 random(sizeBytes + static_cast<uint64_t>(extents));
