@@ -4,10 +4,12 @@
 #include <cstdint>
 #include <filesystem>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "VirtualServer/VMInfo/LVM.h"
 #include "tests/support/Bytes.h"
+#include "tests/support/FaultyFiles.h"
 #include "tests/support/LinuxDisks.h"
 #include "tests/support/posix/ScopedEnvironment.h"
 
@@ -224,6 +226,30 @@ TEST_F(LvmLinuxVolumes, ALinkInItsPlaceIsNotFollowed) {
     }
     EXPECT_EQ("untouched", m_Texts.Read("target"));
     EXPECT_EQ((Texts_t{"LinuxLVM2.txt", "target"}), m_Texts.Entries());
+}
+
+// Somebody who puts a link to a file in place just before a file is made.
+class CLinkingFiles : public CFaultyFiles {
+public:
+    CLinkingFiles(std::string target, std::string link) : m_Target(std::move(target)), m_Link(std::move(link)) {}
+
+    int Open(const char* name, int flags, int mode, int& fd) override {
+        if ((flags & OpenCreating) != 0)
+            std::filesystem::create_symlink(m_Target, m_Link);
+        return CFaultyFiles::Open(name, flags, mode, fd);
+    }
+
+private:
+    const std::string m_Target;
+    const std::string m_Link;
+};
+
+TEST_F(LvmLinuxVolumes, ALinkThatComesMeanwhileIsNotFollowedEither) {
+    m_Texts.Write("target", "untouched");
+    std::vector<LVM_HardDisk_t> disks = {FlatHardDisk(m_Dir, PhysicalVolume().Image())};
+    const CLinkingFiles linking(m_Texts.File("target"), TextPath());
+    EXPECT_REFUSED(m_Lvm.InitializeFromDisk(disks), "Linux Disk Parser Failed.");
+    EXPECT_EQ("untouched", m_Texts.Read("target"));
 }
 
 TEST_F(LvmLinuxVolumes, AFifoInItsPlaceDoesNotHoldDiscoveryUp) {
