@@ -162,19 +162,21 @@ private:
     VolumeInfo_t& m_Info;
 };
 
-// The store of an old-fashioned snapshot is a volume of its own, whose bytes are not the snapshot's.
-std::vector<std::string> SnapshotStores(const Lvm2Block_t& logicalVolumes) {
-    std::vector<std::string> names;
+// Why volumes can't be read whose own bytes are not those that their users see, by name: the store of an
+// old-fashioned snapshot, and the volume into which one is being merged.
+std::map<std::string, std::string> SnapshotProblems(const Lvm2Block_t& logicalVolumes) {
+    std::map<std::string, std::string> problems;
     for (const Lvm2Block_t& volume : logicalVolumes.blocks) {
         for (const Lvm2Block_t& segment : volume.blocks) {
             for (const char* const item : {"cow_store", "merging_store"}) {
                 if (!segment.Text(item).empty())
-                    names.push_back(segment.Text(item));
+                    problems.emplace(segment.Text(item), "it is a snapshot, which can't be read");
             }
+            if (!segment.Text("merging_store").empty())
+                problems.emplace(segment.Text("origin"), "a snapshot is being merged into it, so it can't be read");
         }
     }
-    std::sort(names.begin(), names.end());
-    return names;
+    return problems;
 }
 
 }  // namespace
@@ -270,7 +272,7 @@ void CLvm2Groups::TakeGroup(const Group_t& group, std::vector<VolumeInfo_t>& vol
     if (!group.block.Number("extent_size", extentSectors))
         extentSectors = 0;  // each of its volumes then says that it isn't sound
     const Lvm2PhysicalVolumes_t physical = PhysicalVolumesOf(group);
-    const std::vector<std::string> stores = SnapshotStores(*logical);
+    const std::map<std::string, std::string> snapshotProblems = SnapshotProblems(*logical);
     for (const Lvm2Block_t& block : logical->blocks) {
         VolumeInfo_t& info = volumes.emplace_back();
         info.group = group.block.name;
@@ -278,8 +280,8 @@ void CLvm2Groups::TakeGroup(const Group_t& group, std::vector<VolumeInfo_t>& vol
         CLogicalVolume(block, extentSectors, physical, info).Describe();
         if (!group.problem.empty())
             info.problem = group.problem;
-        else if (std::binary_search(stores.begin(), stores.end(), block.name))
-            info.problem = "it is a snapshot, which can't be read";
+        else if (snapshotProblems.count(block.name) != 0)
+            info.problem = snapshotProblems.at(block.name);
     }
 }
 
