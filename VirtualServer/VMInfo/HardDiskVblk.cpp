@@ -62,10 +62,14 @@ CZuError CHardDiskReader::ReadVblkArea(uint64_t firstLBA, const LDM_vmdb_t& vmdb
         start = ~uint64_t{0};  // the read there fails
     if (sizeBytes > TableCeilingBytes)
         return Refusal(OutOfMemory);
+    uint32_t room = 0;
     for (uint32_t done = 0; done < sizeBytes;) {
         const uint32_t piece = std::min(sizeBytes - done, pieceBytes);
-        if (area.ReAlloc(done + piece) == nullptr)
-            return Refusal(OutOfMemory);
+        if (done + piece > room) {
+            room = std::min(std::max(done + piece, 2 * room), sizeBytes);  // doubling keeps the copying linear
+            if (area.ReAlloc(room) == nullptr)
+                return Refusal(OutOfMemory);
+        }
         ZU_RETURN_IF_ERROR(ReadHardDiskData(start + done, area.GetPtr() + done, piece));
         done += piece;
     }

@@ -259,6 +259,21 @@ TEST_F(HardDiskVblkTree, AllSlotsAreReadAtOnce) {
     EXPECT_EQ((std::vector<uint32_t>{2000 * 128}), counting.Sizes(FaultOp::Read));
 }
 
+// Behind the copies of the tables of contents, since so many don't fit in front of them.
+TEST_F(HardDiskVblkTree, MoreSlotsThanAMebibyteHoldsAreReadInPieces) {
+    constexpr uint32_t perMebibyte = 8192;
+    constexpr uint32_t piece = 1U << 20U;
+    CLdmDatabaseBuilder database;
+    database.Bitmap1(2048, 8000).Add(GroupOf()).AddUnused(perMebibyte - 2);
+    database.Add(Volume(3, 0)).Add(Volume(4, 0)).AddUnused(perMebibyte).Add(Volume(5, 0)).UnusedBehind(100);
+    m_Disk.OpenWith(m_Dir, database, 16384);
+    const uint32_t last = 4 + 2 * perMebibyte + 1;
+    const CFaultyFiles counting;
+    ASSERT_OK(m_Disk.ParseLDMVBLK(2048 + 2048, Vmdb(128, 512, last + 1), m_Group));
+    EXPECT_EQ("35:1(51:3 51:4 51:5)", TextOf(m_Group));
+    EXPECT_EQ((std::vector<uint32_t>{piece, piece, (last + 1) * 128 - 2 * piece}), counting.Sizes(FaultOp::Read));
+}
+
 TEST_F(HardDiskVblkTree, AGroupIsOneAtMost) {
     for (const int first : {3, 4}) {
         for (const int second : {3, 4}) {
@@ -462,6 +477,16 @@ TEST_F(HardDiskVblkTree, AProductThatWrapsEndsWhereTheBytesDo) {
     for (const auto& row : rows) {
         EXPECT_REFUSED(Parse(Sound(), Vmdb(row.size, 0, row.last)), NoSignature) << row.name;
     }
+}
+
+// The last slot begins in the 24 bytes that are read, with all of its head, and ends behind them.
+TEST_F(HardDiskVblkTree, ASlotThatOnlyBeginsInWhatWasReadIsRefused) {
+    constexpr uint32_t size = 40;
+    constexpr uint32_t number = 107374182;
+    const CLdmDatabaseBuilder database =
+        CLdmDatabaseBuilder().VblkSize(size).FirstVblk(size * number).Add({0x36, 0, ""}).UnusedBehind(0);
+    m_Disk.OpenWith(m_Dir, database, (uint64_t{1} << 23U) + 4096);
+    EXPECT_REFUSED(m_Disk.ParseLDMVBLK(2048 + 17, Vmdb(size, size * number, number + 1), m_Group), NoSignature);
 }
 
 TEST_F(HardDiskVblkTree, AreasLargerThanAnyDatabaseAreOutOfMemory) {

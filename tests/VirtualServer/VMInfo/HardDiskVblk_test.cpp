@@ -57,7 +57,7 @@ std::string Filled(std::string text, size_t size) {
 }
 
 TEST_F(HardDiskVblk, ANewRecordIsAllZero) {
-    const CLDM_VBLK record;
+    const CLDM_VBLK record{};
     EXPECT_EQ(0, record.Flags | record.Type);
     EXPECT_EQ(0U, record.ObjectId);
     EXPECT_EQ(std::string(64, '\0'), Whole(record.Name));

@@ -187,8 +187,9 @@ TEST_F(LvmDynamic, OnlyActiveVolumesCount) {
     const struct {
         const char* state;
         bool isActive;
-    } rows[] = {{"ACTIVE", true},    {"ACTIVE, more", true}, {"ACTIVATED", false}, {"active", false},
-                {"DISABLED", false}, {"ACTIV", false},       {"", false},          {" ACTIVE", false}};
+    } rows[] = {{"ACTIVE", true},  {"ACTIVE, more", true}, {"ACTIVATED", false},
+                {"active", false}, {"DISABLED", false},    {"ACTIV", false},
+                {"", false},       {" ACTIVE", false},     {"?CTIVE", false}};
     for (const auto& row : rows) {
         SCOPED_TRACE(row.state);
         LdmVolume_t volume = LdmSimple({0, 0, 100});
