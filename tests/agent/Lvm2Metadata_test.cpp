@@ -1,7 +1,8 @@
 #include <string>
 #include <vector>
 
-#include "tests/agent/Lvm2Disks.h"
+#include "tests/agent/ManagedVolumes.h"
+#include "tests/support/Lvm2Disks.h"
 
 // The metadata of volume groups as it may be met: several copies that differ, and texts that tell of no
 // sound volume.

@@ -2,7 +2,8 @@
 #include <string>
 #include <vector>
 
-#include "tests/agent/Lvm2Disks.h"
+#include "tests/agent/ManagedVolumes.h"
+#include "tests/support/Lvm2Disks.h"
 
 // Logical volumes: where their bytes are, and what is said of those that can't be read.
 

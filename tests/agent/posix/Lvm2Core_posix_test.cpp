@@ -2,7 +2,8 @@
 #include <vector>
 
 #include "VirtualServer/VMInfo/LVM.h"
-#include "tests/agent/Lvm2Disks.h"
+#include "tests/agent/ManagedVolumes.h"
+#include "tests/support/Lvm2Disks.h"
 #include "tests/support/posix/ScopedEnvironment.h"
 
 // Logical volumes of one segment, which the core reads rightly inside of one stripe: both have the same names

@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "tests/agent/ManagedVolumes.h"
+#include "tests/support/HardDisks.h"
 #include "tests/support/Lvm2Builder.h"
 #include "tests/support/PartitionTableBuilder.h"
 
