@@ -48,10 +48,10 @@ windows: ## Cross-build the core and its tests for Windows
 bench: ## Measure, and compare with qemu-img and dd
 	@$(PACKAGES) build test bench
 	cmake --preset release
-	cmake --build --preset release -j $(JOBS) --target core_bench --target diskstream_tool
+	cmake --build --preset release -j $(JOBS) --target core_bench --target make_dynamic_disks --target diskstream_tool
 	build/release/bench/core_bench
 	bench/compare.sh build/release/tool/diskstream
-	bench/compare-reads.sh build/release/tool/diskstream
+	bench/compare-reads.sh build/release/tool/diskstream build/release/bench/make_dynamic_disks
 
 fuzz: ## Run each fuzz target for FUZZ_SECONDS (60)
 	@$(PACKAGES) build fuzz

@@ -2,13 +2,15 @@
 # Compares reading whole disks by the command with `dd` of the raw disk and with `qemu-img convert` of the same image to
 # nothing, as whole processes in the same run, page cache warm:
 #   a dynamic VHD, a sparse VMDK, a chain of three VMDKs, and the one NTFS partition of the VMDK
+# and, with `dd` alone, a striped and a RAID-5 volume on three dynamic disks, the latter with all disks and without one.
 # A ratio above 1 says that the command is faster. And the processor time that the lists of partitions and volumes take.
 #
 # DISKSTREAM_BENCH_DIR takes some 5 times the disk's size (else /dev/shm, or /tmp); DISKSTREAM_BENCH_READ_GIB is the
 # disk's size (2), DISKSTREAM_BENCH_RUNS how often each is run (5).
 set -euo pipefail
 
-command=$(realpath "${1:?usage: bench/compare-reads.sh COMMAND}")
+command=$(realpath "${1:?usage: bench/compare-reads.sh COMMAND MAKE_DYNAMIC_DISKS}")
+make_dynamic_disks=$(realpath "${2:?usage: bench/compare-reads.sh COMMAND MAKE_DYNAMIC_DISKS}")
 gib=${DISKSTREAM_BENCH_READ_GIB:-2}
 runs=${DISKSTREAM_BENCH_RUNS:-5}
 
@@ -59,6 +61,18 @@ compare() {
         BEGIN { printf "%-16s %8.2f s %8.2f s %8.2f s   %5.2f of dd, %5.2f of qemu-img\n", name, ours, dd, qemu, dd / ours, qemu / ours }'
 }
 
+# compare_with_dd NAME VOLUME DISKS...
+compare_with_dd() {
+    local name=$1 volume=$2 ours=() dd=()
+    shift 2
+    for _ in $(seq "$runs"); do
+        dd+=("$(seconds_of dd if=disk.raw of=/dev/null bs=1M status=none)")
+        ours+=("$(seconds_of "$command" read -q "$@" --volume "$volume")")
+    done
+    awk -v name="$name" -v ours="$(median "${ours[@]}")" -v dd="$(median "${dd[@]}")" '
+        BEGIN { printf "%-16s %8.2f s %8.2f s %10s   %5.2f of dd\n", name, ours, dd, "", dd / ours }'
+}
+
 processor_time() {
     local figures
     figures=$(/usr/bin/time -f '%U %S' "$command" "$@" 2>&1 >/dev/null | tail -n 1)
@@ -76,3 +90,11 @@ compare 'NTFS partition' vmdk base.vmdk --volume Volume1
 processor_time partitions base.vmdk
 processor_time volumes newest.vmdk
 processor_time volumes disk.vhd
+
+rm disk.vhd ./*.vmdk
+TMPDIR=$dir "$make_dynamic_disks" . $((gib * 1024))
+cat disk1 disk2 disk3 >/dev/null
+compare_with_dd 'striped' Volume1 disk1 disk2 disk3
+compare_with_dd 'RAID-5' Volume2 disk1 disk2 disk3
+compare_with_dd 'RAID-5 by parity' Volume2 disk1 disk3
+processor_time volumes disk1 disk2 disk3
