@@ -30,3 +30,10 @@ if(DISKSTREAM_BUILD_SHARED)
   add_library(diskstream::diskstream ALIAS diskstream)
 endif()
 add_library(diskstream::diskstream_static ALIAS diskstream_static)
+
+# Linked whole, the library shows whether the Windows side has all that is asked of it.
+if(WIN32)
+  add_library(diskstream_whole MODULE EXCLUDE_FROM_ALL $<TARGET_OBJECTS:diskstream_objects>)
+  target_link_libraries(diskstream_whole PRIVATE ${DISKSTREAM_SYSTEM_LIBRARIES})
+  set_target_properties(diskstream_whole PROPERTIES LINKER_LANGUAGE CXX)
+endif()
