@@ -52,7 +52,7 @@ bool LiesInside(uint64_t start, uint64_t size, uint64_t wholeSize) {
 // The record at the start of a sector; the caller's sector holds 512 bytes.
 template <typename Record> Record RecordOf(const char* sector) {
     static_assert(sizeof(Record) <= SectorSize);
-    Record record;
+    Record record{};
     std::memcpy(&record, sector, sizeof(record));
     return record;
 }

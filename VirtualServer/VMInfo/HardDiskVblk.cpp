@@ -80,7 +80,7 @@ CZuError CHardDiskReader::ReadVblkArea(uint64_t firstLBA, const LDM_vmdb_t& vmdb
 CZuError CHardDiskReader::ParseVBLKStructure(CLDM_VBLK& out, char* record) {
     constexpr uint32_t usualBytes = 128;
     constexpr uint32_t headBytes = 16;
-    LdmVblkHead_t head;
+    LdmVblkHead_t head{};
     std::memcpy(&head, record, sizeof(head));
     const uint32_t fragments = std::clamp<uint32_t>(head.fragmentCount, 1, MostFragments);
     return ParseVblkRecord(CByteView(record, (usualBytes - headBytes) * fragments + headBytes), out);

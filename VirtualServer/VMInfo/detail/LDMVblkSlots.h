@@ -11,7 +11,7 @@
 // One slot that is in use, of an area that the caller keeps.
 struct VblkSlot_t {
     CByteView bytes;
-    LdmVblkHead_t head;
+    LdmVblkHead_t head{};
 };
 
 // Makes `slots` the slots of `area` that are in use, in their order. Each slot has to have its signature
