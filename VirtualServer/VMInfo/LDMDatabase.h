@@ -50,7 +50,7 @@ enum LdmRecordType_t : uint8_t {
 };
 
 // One record of any type. The texts fill their room where they are as long as it, and then have no
-// terminator.
+// terminator. NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): the union's largest member is set
 class CLDM_VBLK {
 public:
     struct Component_t {

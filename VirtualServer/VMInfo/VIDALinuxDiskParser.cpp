@@ -132,7 +132,7 @@ bool VIDALinuxDiskParser::ReadPhysicalVolume(const LVM_Component_t& component, s
         LgDebug().Debug(Log, " Could not find an LVM label on this device");
         return false;
     }
-    Lvm2Label_t label;
+    Lvm2Label_t label{};
     std::memcpy(&label, sector, sizeof(label));
     pvId.assign(label.pvId, sizeof(label.pvId));
     LgDebug().Debug(Log, "PvID : %s", pvId.c_str());
@@ -170,7 +170,7 @@ bool VIDALinuxDiskParser::FindLabel(const LVM_Component_t& component, char (&sec
                             component.HardDiskIndex, static_cast<unsigned>(offset));
             throw Exception_t(Exception_t::Application, "Read of LVM label sector failed");
         }
-        Lvm2Label_t label;
+        Lvm2Label_t label{};
         std::memcpy(&label, sector, sizeof(label));
         if (std::memcmp(label.signature, "LABELONE", sizeof(label.signature)) != 0)
             continue;
@@ -194,7 +194,7 @@ void VIDALinuxDiskParser::CopyMetadataArea(const LVM_Component_t& component, uin
                         component.HardDiskIndex, PieceBytes, Big(areaOffset));
         throw Exception_t(Exception_t::Application, "Read of LVM MetaDataHeader failed");
     }
-    Lvm2AreaHeader_t header;
+    Lvm2AreaHeader_t header{};
     std::memcpy(&header, bytes, sizeof(header));
     const char* const magic = header.magic;
     if (std::memcmp(magic, " LVM2", sizeof(header.magic)) != 0) {

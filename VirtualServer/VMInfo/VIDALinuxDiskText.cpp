@@ -52,6 +52,12 @@ int SmallNumberOf(const std::string& text) {
     return static_cast<int>(NumberOf(text));
 }
 
+std::string KeyOf(const std::string& group, const std::string& name) {
+    std::string key = group;
+    key += '-';
+    return key += name;
+}
+
 std::string WithoutDashes(std::string text) {
     text.erase(std::remove(text.begin(), text.end(), '-'), text.end());
     return text;
@@ -250,13 +256,13 @@ void VIDALinuxDiskParser::ParseStripes(FileIO& file, const std::string& group, S
     std::string value;
     while (GetNextTokenValue(file, name, value) != Token_t::Close) {
         Charge(sizeof(Stripe_t) + sizeof(LVM_Component_t));
-        const auto found = m_PhysicalVolumes.find(group + "-" + name);
+        const auto found = m_PhysicalVolumes.find(KeyOf(group, name));
         segment.stripes.push_back({found != m_PhysicalVolumes.end() ? &found->second : nullptr, NumberOf(value)});
     }
 }
 
 std::string VIDALinuxDiskParser::NewKey(const std::string& group, const std::string& name) {
-    std::string key = group + "-" + name;
+    std::string key = KeyOf(group, name);
     Charge(sizeof(LogicalVolume_t) + 2 * key.size());  // the group's name is kept beside the key
     return key;
 }

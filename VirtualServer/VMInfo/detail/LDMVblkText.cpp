@@ -14,7 +14,7 @@ constexpr uint8_t HasColumnIndex = 0x08;
 
 CZuError TakeGuidText(CVblkFields& fields, GUID& guid) {
     char text[256] = {};
-    ZU_RETURN_IF_ERROR(fields.TakeText(text, sizeof(text) - 1));
+    ZU_RETURN_IF_ERROR(fields.GetLDMVarStr(text, sizeof(text) - 1));
     return ParseGuidText(text, &guid) != 0 ? CZuError() : Refusal("Failed to parse disk guid in LDM parser");
 }
 
@@ -30,35 +30,35 @@ CZuError TakeBig64(CVblkFields& fields, uint64_t& number) {
 }
 
 CZuError TakeComponent(CVblkFields& fields, uint8_t flags, CLDM_VBLK::Component_t& component) {
-    ZU_RETURN_IF_ERROR(fields.TakeText(component.State, sizeof(component.State)));
+    ZU_RETURN_IF_ERROR(fields.GetLDMVarStr(component.State, sizeof(component.State)));
     ZU_RETURN_IF_ERROR(fields.TakeBytes(&component.Layout, sizeof(component.Layout)));
     ZU_RETURN_IF_ERROR(fields.Skip(4));
-    ZU_RETURN_IF_ERROR(fields.TakeNumber(component.ChildCount));
+    ZU_RETURN_IF_ERROR(fields.GetLDMVarNum(component.ChildCount));
     ZU_RETURN_IF_ERROR(fields.Skip(16));
-    ZU_RETURN_IF_ERROR(fields.TakeNumber(component.ParentId));
+    ZU_RETURN_IF_ERROR(fields.GetLDMVarNum(component.ParentId));
     ZU_RETURN_IF_ERROR(fields.Skip(1));
-    return (flags & HasStripeSize) != 0 ? fields.TakeNumber(component.StripeSize) : CZuError();
+    return (flags & HasStripeSize) != 0 ? fields.GetLDMVarNum(component.StripeSize) : CZuError();
 }
 
 CZuError TakePartition(CVblkFields& fields, uint8_t flags, CLDM_VBLK::Partition_t& partition) {
     ZU_RETURN_IF_ERROR(fields.Skip(12));
     ZU_RETURN_IF_ERROR(TakeBig64(fields, partition.Start));
     ZU_RETURN_IF_ERROR(TakeBig64(fields, partition.VolumeOffset));
-    ZU_RETURN_IF_ERROR(fields.TakeNumber(partition.Size));
-    ZU_RETURN_IF_ERROR(fields.TakeNumber(partition.ParentId));
-    ZU_RETURN_IF_ERROR(fields.TakeNumber(partition.DiskId));
-    return (flags & HasColumnIndex) != 0 ? fields.TakeNumber(partition.ColumnIndex) : CZuError();
+    ZU_RETURN_IF_ERROR(fields.GetLDMVarNum(partition.Size));
+    ZU_RETURN_IF_ERROR(fields.GetLDMVarNum(partition.ParentId));
+    ZU_RETURN_IF_ERROR(fields.GetLDMVarNum(partition.DiskId));
+    return (flags & HasColumnIndex) != 0 ? fields.GetLDMVarNum(partition.ColumnIndex) : CZuError();
 }
 
 CZuError TakeVolume(CVblkFields& fields, CLDM_VBLK::Volume_t& volume) {
     char dropped[255];
-    ZU_RETURN_IF_ERROR(fields.TakeText(volume.VolumeType, sizeof(volume.VolumeType)));
-    ZU_RETURN_IF_ERROR(fields.TakeText(dropped, sizeof(dropped)));
+    ZU_RETURN_IF_ERROR(fields.GetLDMVarStr(volume.VolumeType, sizeof(volume.VolumeType)));
+    ZU_RETURN_IF_ERROR(fields.GetLDMVarStr(dropped, sizeof(dropped)));
     ZU_RETURN_IF_ERROR(fields.TakeBytes(volume.State, sizeof(volume.State)));
     ZU_RETURN_IF_ERROR(fields.Skip(5));
-    ZU_RETURN_IF_ERROR(fields.TakeNumber(volume.ChildCount));
+    ZU_RETURN_IF_ERROR(fields.GetLDMVarNum(volume.ChildCount));
     ZU_RETURN_IF_ERROR(fields.Skip(16));
-    ZU_RETURN_IF_ERROR(fields.TakeNumber(volume.Size));
+    ZU_RETURN_IF_ERROR(fields.GetLDMVarNum(volume.Size));
     ZU_RETURN_IF_ERROR(fields.Skip(4));
     ZU_RETURN_IF_ERROR(fields.TakeBytes(&volume.PartitionType, sizeof(volume.PartitionType)));
     return TakeRawGuid(fields, volume.VolumeGUID);
@@ -70,7 +70,7 @@ CZuError TakeTypeFields(CVblkFields& fields, CLDM_VBLK& record) {
     case LdmRecord_Partition: return TakePartition(fields, record.Flags, record.Partition);
     case LdmRecord_Disk3:
         ZU_RETURN_IF_ERROR(TakeGuidText(fields, record.Disk.GUID));
-        return fields.TakeText(record.Disk.AlternateName, sizeof(record.Disk.AlternateName));
+        return fields.GetLDMVarStr(record.Disk.AlternateName, sizeof(record.Disk.AlternateName));
     case LdmRecord_DiskGroup3: return TakeGuidText(fields, record.DiskGroup.GUID);
     case LdmRecord_Disk4: return TakeRawGuid(fields, record.Disk.GUID);
     case LdmRecord_DiskGroup4: return TakeRawGuid(fields, record.DiskGroup.GUID);
@@ -81,7 +81,7 @@ CZuError TakeTypeFields(CVblkFields& fields, CLDM_VBLK& record) {
 
 }  // namespace
 
-CZuError CVblkFields::TakeText(char* text, uint32_t most) {
+CZuError CVblkFields::GetLDMVarStr(char* text, uint32_t most) {
     std::memset(text, 0, most);
     uint32_t length = 0;
     ZU_RETURN_IF_ERROR(TakeLength(length));
@@ -91,7 +91,7 @@ CZuError CVblkFields::TakeText(char* text, uint32_t most) {
     return CZuError();
 }
 
-CZuError CVblkFields::TakeNumber(uint64_t& number) {
+CZuError CVblkFields::GetLDMVarNum(uint64_t& number) {
     constexpr uint32_t most = 8;
     uint8_t bytes[most] = {};
     uint32_t length = 0;
@@ -140,8 +140,8 @@ CZuError ParseVblkRecord(CByteView bytes, CLDM_VBLK& record) {
     record.Flags = head.flags;
     record.Type = head.type;
     CVblkFields fields(bytes);
-    ZU_RETURN_IF_ERROR(fields.TakeNumber(record.ObjectId));
-    ZU_RETURN_IF_ERROR(fields.TakeText(record.Name, sizeof(record.Name)));
+    ZU_RETURN_IF_ERROR(fields.GetLDMVarNum(record.ObjectId));
+    ZU_RETURN_IF_ERROR(fields.GetLDMVarStr(record.Name, sizeof(record.Name)));
     ZU_RETURN_IF_ERROR(TakeTypeFields(fields, record));
     return CZuError();
 }

@@ -17,8 +17,8 @@ public:
 
     // Fills all of `text`'s `most` bytes, with zeros behind the text. One of exactly `most` bytes has no
     // terminator.
-    CZuError TakeText(char* text, uint32_t most);
-    CZuError TakeNumber(uint64_t& number);
+    CZuError GetLDMVarStr(char* text, uint32_t most);
+    CZuError GetLDMVarNum(uint64_t& number);
     CZuError TakeBytes(void* bytes, uint32_t size);
     CZuError Skip(uint32_t size);
 
