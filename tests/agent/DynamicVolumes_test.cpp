@@ -8,6 +8,7 @@
 #include "tests/agent/ManagedVolumes.h"
 #include "tests/support/FaultyFiles.h"
 #include "tests/support/LdmGroupBuilder.h"
+#include "tests/support/PartitionTableBuilder.h"
 
 // Volumes of dynamic disks: where their bytes are, and what becomes of them when disks are absent.
 
@@ -155,6 +156,28 @@ TEST_F(DynamicVolumes, OfSeveralGroupsAreKeptApart) {
     ExpectHolds("Volume1", second.VolumeBytes(0));
     ExpectHolds("Volume2", first.VolumeBytes(0));
     ExpectAgreesWithCore();
+}
+
+// Numbers go on from disk to disk, whatever manages the volumes there.
+TEST_F(DynamicVolumes, BesidePlainDisksHaveTheNamesThatTheCoreGives) {
+    const CLdmGroupBuilder group =
+        CLdmGroupBuilder(2).Volume(LdmSpanned({{1, 0, 40}, {0, 7, 50}})).Volume(LdmSimple({1, 100, 30}));
+    const CImageFile plain = CPartitionTableBuilder().Sectors(400).Slot(2, 0x07, 63, 100).Ntfs(63).Image();
+    AddDisk(plain);
+    AddDisk(group.Image(1));
+    AddDisk(plain);
+    AddDisk(group.Image(0));
+    Open();
+    CLVM core;
+    ASSERT_OK(core.InitializeFromDisk(m_CoreDisks));
+    Texts_t names;
+    for (const LVM_Volume_t& volume : core.GetVolumes())
+        names.push_back(volume.VolName);
+    EXPECT_EQ((Texts_t{"Volume1", "Volume2", "Volume3", "Volume4"}), names);
+    EXPECT_EQ(names, Names());
+    ExpectHolds("Volume2", group.VolumeBytes(0));
+    ExpectHolds("Volume3", group.VolumeBytes(1));
+    EXPECT_EQ(PartitionScheme_t::Mbr, Volume("Volume4").scheme);
 }
 
 TEST_F(DynamicVolumes, AbsentDisksAreNamedByGuidAndName) {
