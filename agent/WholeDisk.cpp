@@ -9,6 +9,7 @@
 #include "agent/detail/PrivateDirectoryGuard.h"
 #include "agent/detail/SmallFileWrite.h"
 #include "agent/detail/VmdkDescriptor.h"
+#include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
 
 namespace {
@@ -55,7 +56,12 @@ CZuError CWholeDisk::Open(const std::string& path, const ImageOptions_t& options
 
 CZuError CWholeDisk::Read(uint64_t offset, void* buffer, uint32_t length) {
     CZuError error = m_Reader->ReadHardDiskData(offset, buffer, length);
-    return error.IsErrorSet() ? ErrorAt(Path(), error) : error;
+    if (!error.IsErrorSet())
+        return error;
+    const uint64_t endBytes = FileOffsetOfSector(TotalSectors());
+    if (offset > endBytes || length > endBytes - offset)
+        return Refusal(CZuString::Format("{1}: ends at byte {2}, in front of what is to be read", Path(), endBytes));
+    return ErrorAt(Path(), error);
 }
 
 CZuError CWholeDisk::AddCoreLink(const CDiskImage& image, std::vector<Disk_t>& disks) {

@@ -14,6 +14,7 @@
 namespace {
 
 constexpr char DiskName[] = "disk";
+constexpr char DriveName[] = "\\\\?\\PhysicalDrivedisk";  // by which the core opens a raw one
 constexpr uint64_t HoleBytes = 64 * 1024;
 constexpr uint64_t MostBlocks = 32;
 constexpr size_t MostVolumes = 16;
@@ -78,6 +79,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     CMemoryFiles files;
     for (const uint64_t holeBytes : {uint64_t{0}, HoleBytes}) {
         files.Put(DiskName, data, size, holeBytes);
+        files.Put(DriveName, data, size, holeBytes);
         TryDisk();
     }
     Demand(files.OpenCount() == 0, "every file is closed in the end");

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "VirtualServer/VMInfo/UtilityFunctions.h"
 #include "agent/ErrorText.h"
@@ -54,6 +55,7 @@ public:
         const LDM_privhead_t& head = dynamic.db.PrivateHead;
         if (dynamic.hasHead)
             m_Places.emplace(TextOf(head.DiskGUID), Place_t{diskIndex, head.LogicalDiskStart});
+        m_Commits[diskIndex] = dynamic.isWhole ? dynamic.commit : UnknownCommit;
     }
 
     // A record of revision 4 holds bytes of which some writers had another order.
@@ -66,8 +68,18 @@ public:
         return {};
     }
 
+    // Which change of the group's database the disk of a piece holds, and so how far its bytes went along.
+    // One that can't be told counts as the newest, and so does a disk that isn't there.
+    uint64_t CommitOf(const LVM_Component_t& piece) const {
+        const auto found = m_Commits.find(piece.HardDiskIndex);
+        return found != m_Commits.end() ? found->second : UnknownCommit;
+    }
+
 private:
+    static constexpr uint64_t UnknownCommit = ~uint64_t{0};
+
     std::map<std::string, Place_t> m_Places;
+    std::map<uint32_t, uint64_t> m_Commits;  // by the disk's index
 };
 
 class CDynamicVolume {
@@ -90,26 +102,56 @@ public:
 private:
     bool IsRaid5() const { return TextOf(m_Record.Volume.VolumeType) == "raid5"; }
 
-    // Copies whose disks are there come in front of those that lack some.
+    // Copies whose disks are there come in front of those that lack some, and newer ones in front of those
+    // whose disks missed changes. One sound copy is enough.
     void AddCopies() {
-        std::string problem = "none of its components is active";
+        m_Info.problem = "none of its components is active";
         for (const CLDM_VBLK& component : m_Record.Children) {
             if (!IsActive(component.Component.State))
                 continue;
             LVM_Volume_t layout = m_Info.layout;
-            problem = LayOut(component, layout);
-            if (!problem.empty())
-                break;
-            m_Copies.push_back(std::move(layout));
+            m_Info.problem = LayOut(component, layout);
+            if (m_Info.problem.empty())
+                m_Copies.push_back(std::move(layout));
         }
-        m_Info.problem = problem;
-        if (m_Copies.empty() || !problem.empty())
+        if (m_Copies.empty())
             return;
-        std::stable_partition(m_Copies.begin(), m_Copies.end(), [](const auto& copy) { return IsReadable(copy); });
+        std::stable_sort(m_Copies.begin(), m_Copies.end(), [this](const LVM_Volume_t& left, const LVM_Volume_t& right) {
+            return std::pair(IsReadable(left), OldestCommit(left)) > std::pair(IsReadable(right), OldestCommit(right));
+        });
+        if (IsRaid5())
+            DoWithoutOldColumn(m_Copies.front().Segments.front());
         m_Info.layout = m_Copies.front();
         m_Info.mirrors.assign(m_Copies.begin() + 1, m_Copies.end());
         m_Info.sectors = VolumeSectors(m_Info.layout);
+        for (const LVM_Volume_t& mirror : m_Info.mirrors)
+            m_Info.sectors = std::min(m_Info.sectors, VolumeSectors(mirror));
         m_Info.problem = ProblemOf(m_Info);
+    }
+
+    uint64_t OldestCommit(const LVM_Volume_t& layout) const {
+        uint64_t oldest = ~uint64_t{0};
+        for (const LVM_Segment_t& segment : layout.Segments) {
+            for (const LVM_Component_t& piece : segment.Components)
+                oldest = std::min(oldest, m_Places.CommitOf(piece));
+        }
+        return oldest;
+    }
+
+    // The one disk that missed changes of its group has old bytes: parity gives the new ones.
+    void DoWithoutOldColumn(LVM_Segment_t& segment) const {
+        LVM_Component_t* oldest = &segment.Components.front();
+        size_t newer = 0;
+        for (LVM_Component_t& piece : segment.Components) {
+            if (piece.HardDiskIndex == NoHardDisk)
+                return;
+            if (m_Places.CommitOf(piece) < m_Places.CommitOf(*oldest))
+                oldest = &piece;
+        }
+        for (const LVM_Component_t& piece : segment.Components)
+            newer += m_Places.CommitOf(piece) > m_Places.CommitOf(*oldest) ? 1 : 0;
+        if (newer == segment.Components.size() - 1)
+            oldest->HardDiskIndex = NoHardDisk;
     }
 
     // Says what is unsound about the component; nothing for a sound one.

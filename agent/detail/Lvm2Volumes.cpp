@@ -56,6 +56,8 @@ private:
             if (IsSegment(block))
                 segments.push_back(&block);
         }
+        if (m_ExtentSectors == 0)
+            return "its group doesn't tell the size of its extents";
         if (!CountSectors(segments))
             return "its segments don't tell where they begin and end";
         std::string problem = FindTypes(segments);
@@ -270,7 +272,7 @@ void CLvm2Groups::TakeGroup(const Group_t& group, std::vector<VolumeInfo_t>& vol
         return;  // a group without volumes
     uint64_t extentSectors = 0;
     if (!group.block.Number("extent_size", extentSectors))
-        extentSectors = 0;  // each of its volumes then says that it isn't sound
+        extentSectors = 0;  // as each of its volumes then says
     const Lvm2PhysicalVolumes_t physical = PhysicalVolumesOf(group);
     const std::map<std::string, std::string> snapshotProblems = SnapshotProblems(*logical);
     for (const Lvm2Block_t& block : logical->blocks) {

@@ -255,6 +255,41 @@ TEST_F(DynamicRecords, OfTheNewestDatabaseAreUsed) {
     }
 }
 
+// A disk that was away while its group changed has old bytes.
+TEST_F(DynamicRecords, ADiskThatMissedChangesIsReadOnlyWhereNothingStandsInForIt) {
+    const LdmVolume_t volumes[] = {LdmMirrored({{0, 0, 64}, {1, 0, 64}, {2, 0, 64}}),
+                                   LdmRaid5(16, {{0, 0, 64}, {1, 0, 64}, {2, 0, 64}})};
+    for (const LdmVolume_t& volume : volumes) {
+        const CLdmGroupBuilder group = CLdmGroupBuilder(3).Volume(volume);
+        for (size_t old = 0; old < 3; ++old) {
+            SCOPED_TRACE(old);
+            m_Paths.clear();
+            for (size_t disk = 0; disk < 3; ++disk) {
+                CLdmDatabaseBuilder database = group.Database(disk);
+                CImageFile image =
+                    group.Image(disk, database.PutInVmdb(CommitOffset, CommitBytes(disk == old ? 6 : 7)));
+                if (disk == old)
+                    image.Put(group.DataStart() * 512, std::string(64 * 512, 'o'));
+                AddDisk(image);
+            }
+            Open();
+            ExpectHolds("Volume1", group.VolumeBytes(0));
+            ExpectOneWarning({m_Paths[old] + ": its database", "older"});
+        }
+    }
+}
+
+TEST_F(DynamicRecords, OneSoundHalfOfAMirrorIsEnough) {
+    LdmVolume_t volume = LdmMirrored({{0, 0, 64}, {1, 0, 64}});
+    volume.plexes[0].layout = 7;
+    const CLdmGroupBuilder group = CLdmGroupBuilder(2).Volume(volume);
+    AddDisk(group.Image(0));
+    AddDisk(group.Image(1));
+    Open();
+    ExpectHolds("Volume1", group.VolumeBytes(0));
+    EXPECT_EQ(1U, Volume("Volume1").layout.Segments.at(0).Components.at(0).HardDiskIndex);
+}
+
 TEST_F(DynamicRecords, ADiskGivenAgainIsReadOnce) {
     const CLdmGroupBuilder group = OneSpan();
     AddDisk(group.Image(0));
