@@ -3,6 +3,7 @@
 JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 60
 WINDOWS_TARGET ?= all
+CONFIGURE ?=
 PREFIX ?= /usr/local
 PACKAGES := packaging/install-packages.sh
 
@@ -25,13 +26,13 @@ demo: ## Build the command and show what it does
 
 test: ## Build and run all tests
 	@$(PACKAGES) build test
-	cmake --preset dev
+	cmake --preset dev $(CONFIGURE)
 	cmake --build --preset dev -j $(JOBS)
 	ctest --preset dev -j $(JOBS) --output-junit ctest.xml
 
 asan: ## Run all tests under AddressSanitizer and UndefinedBehaviorSanitizer
 	@$(PACKAGES) build test
-	cmake --preset asan
+	cmake --preset asan $(CONFIGURE)
 	cmake --build --preset asan -j $(JOBS)
 	ctest --preset asan -j $(JOBS) --output-junit ctest.xml
 

@@ -23,6 +23,14 @@ function(diskstream_own_target target)
   target_include_directories(${target} PUBLIC "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>")
 endfunction()
 
+# For a target whose headers take far longer to compile than its own lines. One change then compiles all of it again, so
+# that it is for those who build once.
+function(diskstream_unite target)
+  if(DISKSTREAM_UNITE)
+    set_target_properties(${target} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 8)
+  endif()
+endfunction()
+
 # Sources of the folders named, relative to the top. They are globbed, and the glob is looked at again in every build, so
 # that a new source needs no change here. Of posix/ and windows/ only the system's own is taken, at any depth.
 function(diskstream_sources result)

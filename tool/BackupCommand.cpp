@@ -6,7 +6,7 @@
 
 namespace {
 
-struct Arguments_t {
+struct BackupArguments_t {
     std::string image;
     std::string set;
     std::string compression = "zstd";
@@ -42,7 +42,7 @@ int CompressionLevel(const std::string& text) {
     return text == "zstd" ? DefaultCompression : std::stoi(LevelText(text));
 }
 
-void PrintResult(const Arguments_t& arguments, const BackupResult_t& result, double seconds) {
+void PrintResult(const BackupArguments_t& arguments, const BackupResult_t& result, double seconds) {
     if (arguments.output.json) {
         PrintJson({{"set", arguments.set},
                    {"type", DiskTypeName(result.diskType)},
@@ -67,7 +67,7 @@ void PrintResult(const Arguments_t& arguments, const BackupResult_t& result, dou
                 {"Rate", SizeText(static_cast<uint64_t>(rate)) + "/s"}});
 }
 
-int Run(const Arguments_t& arguments) {
+int Run(const BackupArguments_t& arguments) {
     BackupOptions_t options;
     options.image = arguments.imageArguments.Options();
     options.flatten = arguments.flatten;
@@ -93,7 +93,7 @@ int Run(const Arguments_t& arguments) {
 
 void AddBackupCommand(CLI::App& program, int& exitCode) {
     CLI::App* const command = program.add_subcommand("backup", "Back a disk image up into a new backup set");
-    const auto arguments = std::make_shared<Arguments_t>();
+    const auto arguments = std::make_shared<BackupArguments_t>();
     AddNameArgument(*command, "IMAGE", arguments->image, "Disk image, or its descriptor")->required();
     AddNameArgument(*command, "SET", arguments->set, "Backup set to write")->required();
     command->add_option("--compression", arguments->compression, "How blocks are kept; zstd, the default, is level 1")

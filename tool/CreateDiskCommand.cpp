@@ -5,7 +5,7 @@
 
 namespace {
 
-struct Arguments_t {
+struct CreateDiskArguments_t {
     std::string target;
     std::string format;
     std::optional<uint64_t> size;
@@ -21,12 +21,12 @@ bool EndsWith(const std::string& text, const std::string& end) {
     return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
 
-ProductType_t ProductFor(const Arguments_t& arguments) {
+ProductType_t ProductFor(const CreateDiskArguments_t& arguments) {
     const bool isVhd = arguments.format.empty() ? EndsWith(arguments.target, ".vhd") : arguments.format == "vhd";
     return isVhd ? VirtualProdType_HyperV : VirtualProdType_VMware;
 }
 
-int Run(const Arguments_t& arguments) {
+int Run(const CreateDiskArguments_t& arguments) {
     std::vector<std::string> files;
     const CZuError error =
         CreateEmptyDisk(arguments.target, *arguments.size / 512, ProductFor(arguments), arguments.force, files);
@@ -50,7 +50,7 @@ std::string CheckSectors(const std::optional<uint64_t>& size) {
 void AddCreateDiskCommand(CLI::App& program, int& exitCode) {
     CLI::App* const command =
         program.add_subcommand("create-disk", "Make an empty disk around one NTFS partition of a given size");
-    const auto arguments = std::make_shared<Arguments_t>();
+    const auto arguments = std::make_shared<CreateDiskArguments_t>();
     AddNameArgument(*command, "TARGET", arguments->target, "Disk to make: a fixed VHD, or a VMDK descriptor")
         ->required();
     AddBytesOption(*command, "--size", arguments->size, "Size of the partition")->required();

@@ -5,7 +5,7 @@
 
 namespace {
 
-struct Arguments_t {
+struct InfoArguments_t {
     std::string image;
     ImageArguments_t imageArguments;
     OutputOptions_t output;
@@ -31,7 +31,7 @@ Json_t JsonOf(const ExtentInfo_t& info) {
     return extent;
 }
 
-Json_t JsonOf(const Arguments_t& arguments, const ImageInfo_t& info) {
+Json_t JsonOf(const InfoArguments_t& arguments, const ImageInfo_t& info) {
     Json_t object{
         {"image", arguments.image}, {"type", DiskTypeName(info.diskType)}, {"disk_bytes", info.diskSectors * 512}};
     if (info.hasParent) {
@@ -66,7 +66,7 @@ std::string ExtentText(const ExtentInfo_t& info) {
     return text;
 }
 
-void PrintText(const Arguments_t& arguments, const ImageInfo_t& info) {
+void PrintText(const InfoArguments_t& arguments, const ImageInfo_t& info) {
     std::vector<std::pair<std::string, std::string>> facts{
         {"Image", arguments.image},
         {"Type", DiskTypeName(info.diskType)},
@@ -80,7 +80,7 @@ void PrintText(const Arguments_t& arguments, const ImageInfo_t& info) {
     PrintFacts(facts);
 }
 
-int Run(const Arguments_t& arguments) {
+int Run(const InfoArguments_t& arguments) {
     ImageInfo_t info;
     const CZuError error = DescribeImage(arguments.image, arguments.imageArguments.Options(), info);
     if (error.IsErrorSet())
@@ -97,7 +97,7 @@ int Run(const Arguments_t& arguments) {
 
 void AddInfoCommand(CLI::App& program, int& exitCode) {
     CLI::App* const command = program.add_subcommand("info", "Tell what a disk image is");
-    const auto arguments = std::make_shared<Arguments_t>();
+    const auto arguments = std::make_shared<InfoArguments_t>();
     AddNameArgument(*command, "IMAGE", arguments->image, "Disk image, or its descriptor")->required();
     AddImageArguments(*command, arguments->imageArguments);
     command->add_flag("--json", arguments->output.json, "Print one JSON object");

@@ -5,7 +5,7 @@
 
 namespace {
 
-struct Arguments_t {
+struct ListArguments_t {
     std::string set;
     OutputOptions_t output;
 };
@@ -53,7 +53,7 @@ void PrintText(const CBackupSetReader& set) {
     PrintFacts(facts);
 }
 
-int Run(const Arguments_t& arguments) {
+int Run(const ListArguments_t& arguments) {
     CBackupSetReader set;
     const CZuError error = set.Open(arguments.set);
     if (error.IsErrorSet())
@@ -69,7 +69,7 @@ int Run(const Arguments_t& arguments) {
 
 void AddListCommand(CLI::App& program, int& exitCode) {
     CLI::App* const command = program.add_subcommand("list", "Tell what a backup set holds");
-    const auto arguments = std::make_shared<Arguments_t>();
+    const auto arguments = std::make_shared<ListArguments_t>();
     AddNameArgument(*command, "SET", arguments->set, "Backup set")->required();
     command->add_flag("--json", arguments->output.json, "Print one JSON object");
     command->footer("Example:\n  diskstream list monday.dset");

@@ -6,7 +6,7 @@
 
 namespace {
 
-struct Arguments_t {
+struct PartitionsArguments_t {
     std::vector<std::string> disks;
     ImageArguments_t imageArguments;
     OutputOptions_t output;
@@ -82,7 +82,7 @@ void PrintText(const CWholeDisk& disk, const PartitionTable_t& table) {
     PrintTable({"Number", "Boot", "Start", "Sectors", "Size", "Type", "File system", "Name", "GUID"}, rows);
 }
 
-int Run(const Arguments_t& arguments) {
+int Run(const PartitionsArguments_t& arguments) {
     CVolumeSet set;
     const CZuError error = OpenDisks(arguments.disks, arguments.imageArguments, set);
     if (error.IsErrorSet())
@@ -103,7 +103,7 @@ int Run(const Arguments_t& arguments) {
 
 void AddPartitionsCommand(CLI::App& program, int& exitCode) {
     CLI::App* const command = program.add_subcommand("partitions", "List the partitions of disks");
-    const auto arguments = std::make_shared<Arguments_t>();
+    const auto arguments = std::make_shared<PartitionsArguments_t>();
     AddDiskArguments(*command, arguments->disks, arguments->imageArguments);
     command->add_flag("--json", arguments->output.json, "Print one JSON object");
     command->footer("Examples:\n"

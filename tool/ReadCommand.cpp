@@ -7,7 +7,7 @@
 
 namespace {
 
-struct Arguments_t {
+struct ReadArguments_t {
     std::vector<std::string> disks;
     std::string volume;
     std::optional<uint32_t> partition;
@@ -17,7 +17,7 @@ struct Arguments_t {
     OutputOptions_t output;
 };
 
-int Run(const Arguments_t& arguments) {
+int Run(const ReadArguments_t& arguments) {
     ImageOptions_t options = arguments.imageArguments.Options();
     options.rawUnlessKnown = true;
     ReadRange_t range;
@@ -42,7 +42,7 @@ int Run(const Arguments_t& arguments) {
 void AddReadCommand(CLI::App& program, int& exitCode) {
     CLI::App* const command =
         program.add_subcommand("read", "Write bytes of a volume, a partition or a disk to the standard output");
-    const auto arguments = std::make_shared<Arguments_t>();
+    const auto arguments = std::make_shared<ReadArguments_t>();
     AddDiskArguments(*command, arguments->disks, arguments->imageArguments);
     CLI::Option* const volume =
         AddNameArgument(*command, "--volume", arguments->volume, "Name of the volume, as `diskstream volumes` has it")

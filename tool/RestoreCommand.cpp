@@ -6,7 +6,7 @@
 
 namespace {
 
-struct Arguments_t {
+struct RestoreArguments_t {
     std::string set;
     std::string target;
     std::string asKind;
@@ -19,7 +19,7 @@ std::string CheckKind(const std::string& text) {
     return text == "raw" ? "" : "must be raw; without --as, a disk is restored as what it was";
 }
 
-void PrintResult(const Arguments_t& arguments, const RestoreResult_t& result, double seconds) {
+void PrintResult(const RestoreArguments_t& arguments, const RestoreResult_t& result, double seconds) {
     if (arguments.output.json) {
         PrintJson({{"set", arguments.set},
                    {"files", result.files},
@@ -41,7 +41,7 @@ void PrintResult(const Arguments_t& arguments, const RestoreResult_t& result, do
     PrintFacts(facts);
 }
 
-int Run(const Arguments_t& arguments) {
+int Run(const RestoreArguments_t& arguments) {
     RestoreOptions_t options = arguments.options;
     options.asRaw = arguments.asKind == "raw";
     RestoreResult_t result;
@@ -64,7 +64,7 @@ int Run(const Arguments_t& arguments) {
 
 void AddRestoreCommand(CLI::App& program, int& exitCode) {
     CLI::App* const command = program.add_subcommand("restore", "Restore a disk from a backup set");
-    const auto arguments = std::make_shared<Arguments_t>();
+    const auto arguments = std::make_shared<RestoreArguments_t>();
     AddNameArgument(*command, "SET", arguments->set, "Backup set")->required();
     AddNameArgument(*command, "TARGET", arguments->target, "Main file of the restored disk, or a directory for it")
         ->required();

@@ -7,14 +7,14 @@
 
 namespace {
 
-struct Arguments_t {
+struct VerifyArguments_t {
     std::string set;
     std::string against;
     ImageArguments_t imageArguments;
     OutputOptions_t output;
 };
 
-std::string ResultText(const Arguments_t& arguments, const VerifyResult_t& result) {
+std::string ResultText(const VerifyArguments_t& arguments, const VerifyResult_t& result) {
     std::string text =
         arguments.set + ": sound, " + std::to_string(result.blockCount) + " blocks with " + SizeText(result.plainBytes);
     if (!arguments.against.empty() && result.differenceCount == 0)
@@ -22,7 +22,7 @@ std::string ResultText(const Arguments_t& arguments, const VerifyResult_t& resul
     return text;
 }
 
-void PrintResult(const Arguments_t& arguments, const VerifyResult_t& result, double seconds) {
+void PrintResult(const VerifyArguments_t& arguments, const VerifyResult_t& result, double seconds) {
     if (arguments.output.json) {
         PrintJson({{"set", arguments.set},
                    {"sound", true},
@@ -36,7 +36,7 @@ void PrintResult(const Arguments_t& arguments, const VerifyResult_t& result, dou
     }
 }
 
-void PrintDifferences(const Arguments_t& arguments, const VerifyResult_t& result) {
+void PrintDifferences(const VerifyArguments_t& arguments, const VerifyResult_t& result) {
     PrintComplaint(arguments.against + " and the set " + arguments.set + " differ in " +
                    std::to_string(result.differenceCount) + (result.differenceCount == 1 ? " place:" : " places:"));
     for (const std::string& difference : result.differences)
@@ -46,7 +46,7 @@ void PrintDifferences(const Arguments_t& arguments, const VerifyResult_t& result
                      static_cast<unsigned long long>(result.differenceCount - result.differences.size()));
 }
 
-int Run(const Arguments_t& arguments) {
+int Run(const VerifyArguments_t& arguments) {
     VerifyOptions_t options;
     options.image = arguments.imageArguments.Options();
     if (!arguments.against.empty())
@@ -73,7 +73,7 @@ int Run(const Arguments_t& arguments) {
 
 void AddVerifyCommand(CLI::App& program, int& exitCode) {
     CLI::App* const command = program.add_subcommand("verify", "Prove every byte of a backup set");
-    const auto arguments = std::make_shared<Arguments_t>();
+    const auto arguments = std::make_shared<VerifyArguments_t>();
     AddNameArgument(*command, "SET", arguments->set, "Backup set")->required();
     AddNameArgument(*command, "--against", arguments->against, "Disk image that should hold the same")
         ->type_name("IMAGE");

@@ -6,7 +6,7 @@
 
 namespace {
 
-struct Arguments_t {
+struct VolumesArguments_t {
     std::vector<std::string> disks;
     ImageArguments_t imageArguments;
     OutputOptions_t output;
@@ -94,7 +94,7 @@ void PrintProblems(const CVolumeSet& set) {
     PrintWarnings(problems);
 }
 
-int Run(const Arguments_t& arguments) {
+int Run(const VolumesArguments_t& arguments) {
     CVolumeSet set;
     const CZuError error = OpenDisks(arguments.disks, arguments.imageArguments, set);
     if (error.IsErrorSet())
@@ -118,7 +118,7 @@ int Run(const Arguments_t& arguments) {
 
 void AddVolumesCommand(CLI::App& program, int& exitCode) {
     CLI::App* const command = program.add_subcommand("volumes", "List the volumes on disks");
-    const auto arguments = std::make_shared<Arguments_t>();
+    const auto arguments = std::make_shared<VolumesArguments_t>();
     AddDiskArguments(*command, arguments->disks, arguments->imageArguments);
     command->add_flag("--json", arguments->output.json, "Print one JSON object");
     command->footer("Examples:\n"

@@ -13,6 +13,8 @@
 
 // Programs of others, run for comparison.
 
+constexpr uint64_t MiB = uint64_t{1} << 20U;
+
 // Runs `command` in the shell; `output` becomes what it printed, errors included. False when it fails.
 inline bool RunProgram(const std::string& command, std::string* output = nullptr) {
     const CTempDir dir;

@@ -16,8 +16,6 @@
 
 namespace {
 
-constexpr uint64_t MiB = uint64_t{1} << 20U;
-
 struct QemuDisk_t {
     const char* subformat;
     uint64_t sizeBytes;

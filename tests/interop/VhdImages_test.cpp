@@ -22,7 +22,6 @@
 
 namespace {
 
-constexpr uint64_t MiB = uint64_t{1} << 20U;
 constexpr uint64_t GiB = uint64_t{1} << 30U;
 
 // All bytes of the disk, as the readers of a whole disk give them, in requests of 1 MiB.

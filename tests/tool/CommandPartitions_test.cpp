@@ -200,7 +200,9 @@ TEST_F(CommandPartitions, AsVolumesHaveNames) {
                                           {"sectors", 100},
                                           {"bytes", 51200},
                                           {"file_system", "ntfs"},
-                                          {"disks", {"mbr.raw"}}}));
+                                          {"disks", {"mbr.raw"}},
+                                          {"missing_disks", json::array()},
+                                          {"readable", true}}));
 }
 
 TEST_F(CommandPartitions, OfDisksWithoutVolumesAreNone) {
