@@ -25,8 +25,27 @@ macro(diskstream_find_googletest)
   endif()
 endmacro()
 
+# Under the sanitizers a process takes longer to begin than most tests do, so each runs many of them. What each test did
+# lies in gtest/, one file for each process.
+function(diskstream_discover_tests name timeout)
+  if(NOT DISKSTREAM_SANITIZE)
+    # The list of tests is asked for when ctest runs, not at build time: a cross-built program can't run here.
+    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
+      PROPERTIES TIMEOUT ${timeout} LABELS ${name} ENVIRONMENT "${DISKSTREAM_TEST_ENVIRONMENT}")
+    return()
+  endif()
+  set(shards 12)
+  math(EXPR lastShard "${shards} - 1")
+  foreach(shard RANGE ${lastShard})
+    add_test(NAME ${name}.${shard}
+      COMMAND ${name} --gtest_brief=1 "--gtest_output=xml:${PROJECT_BINARY_DIR}/gtest/${name}-${shard}.xml")
+    set_tests_properties(${name}.${shard} PROPERTIES TIMEOUT ${timeout} LABELS ${name}
+      ENVIRONMENT "GTEST_TOTAL_SHARDS=${shards};GTEST_SHARD_INDEX=${shard};${DISKSTREAM_TEST_ENVIRONMENT}")
+  endforeach()
+endfunction()
+
 # diskstream_add_tests(name TIMEOUT seconds [COMMAND_UNDER_TEST] LIBRARIES ... SOURCES ...)
-# Makes a test program; each of its tests is one of ctest's, under the program's name as its label. Nothing happens as
+# Makes a test program, whose tests are ctest's under the program's name as their label. Nothing happens as
 # long as there are no sources. With COMMAND_UNDER_TEST the tests know where the built command lies.
 function(diskstream_add_tests name)
   cmake_parse_arguments(PARSE_ARGV 1 ARG "COMMAND_UNDER_TEST" "TIMEOUT" "LIBRARIES;SOURCES")
@@ -49,7 +68,5 @@ function(diskstream_add_tests name)
     add_dependencies(${name} diskstream_tool)
   endif()
   math(EXPR timeout "${ARG_TIMEOUT} * ${DISKSTREAM_TIMEOUT_FACTOR}")
-  # The list of tests is asked for when ctest runs, not at build time: a cross-built program can't run here.
-  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
-    PROPERTIES TIMEOUT ${timeout} LABELS ${name} ENVIRONMENT "${DISKSTREAM_TEST_ENVIRONMENT}")
+  diskstream_discover_tests(${name} ${timeout})
 endfunction()
