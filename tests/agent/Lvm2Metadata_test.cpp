@@ -180,7 +180,7 @@ TEST_F(Lvm2Metadata, ThatTellsOfNoSoundVolumeIsNamed) {
         {"extent_size = 16", "extent_size = 36028797018963968", "don't tell where they begin and end"},
         {"pe_start = 64", "", "lies on pv0, which is no physical volume"},
         {"pe_start = 64", "pe_start = 18446744073709551615", "a stripe of it has no sound place on pv0"},
-        {"pe_start = 64", "pe_start = 993", "a stripe of it reaches behind the end of pv0"},
+        {"pe_start = 64", "pe_start = 977", "a stripe of it reaches behind the end of pv0"},
         {"segment1 {", "piece1 {", "segment2 doesn't begin where the one in front of it ends"},
     };
     for (const auto& row : rows) {
