@@ -1,0 +1,7 @@
+#include <cerrno>
+
+#include "platform/InvalidDescriptor.h"
+
+int InvalidDescriptorError() {
+    return EINVAL;
+}
