@@ -87,6 +87,10 @@ public:
     CZuError ReadVolumeData(const LVM_Volume_t& volume, uint64_t offset, void* buffer, uint32_t length,
                             uint32_t* bytesRead) const;
 
+    // How many of `length` bytes from byte `offset` on lie together, within one stripe and one component, so that one
+    // read gives them rightly. `length` where the volume has no such byte: the read tells why.
+    static uint32_t CountBytesTogether(const LVM_Volume_t& volume, uint64_t offset, uint32_t length);
+
     // Fills `info` from the volume's boot sector.
     CZuError GetNTFSVolInfo(const LVM_Volume_t& volume, NTFS_VOLUME_DATA_BUFFER* info) const;
 

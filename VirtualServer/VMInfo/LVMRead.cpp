@@ -107,6 +107,13 @@ CZuError CLVM::ReadVolumeData(const LVM_Volume_t& volume, uint64_t offset, void*
     return CZuError();
 }
 
+uint32_t CLVM::CountBytesTogether(const LVM_Volume_t& volume, uint64_t offset, uint32_t length) {
+    Place_t place;
+    const CZuError error = FindPlace(volume, offset, offset >> SectorShift, place);
+    const bool isFound = !error.IsErrorSet() && place.chunk != 0;
+    return isFound ? static_cast<uint32_t>(std::min<uint64_t>(place.chunk, length)) : length;
+}
+
 CZuError CLVM::ReadHardDisk(uint32_t hardDiskIndex, uint64_t offset, void* buffer, uint32_t length) const {
     if (hardDiskIndex >= m_HardDisks.size())
         return Refusal("Volume component is not point to any harddisk object");
