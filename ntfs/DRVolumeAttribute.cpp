@@ -345,7 +345,8 @@ int CDRVolume::UnCompress(char* source, char* target, uint32_t* size) {
     const Lznt1Chunk_t chunk = DescribeLznt1Chunk(CByteView(source, Lznt1HeadBytes));
     if (!chunk.isCompressed)
         return NtfsOk;
-    return DecodeLznt1Chunk(CByteView(source, chunk.bytes), target, *size);
+    constexpr uint32_t endOfToken = 1;  // the second byte of a token that begins in the chunk's last one
+    return DecodeLznt1Chunk(CByteView(source, uint64_t{chunk.bytes} + endOfToken), target, *size);
 }
 
 // The value grows with what is there: a size that lies costs nothing.
