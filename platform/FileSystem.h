@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "platform/Export.h"
@@ -15,6 +16,15 @@ DISKSTREAM_EXPORT int RemoveFile(const std::string& name);
 
 // Returns when the names in `directory` are on the medium.
 DISKSTREAM_EXPORT int SyncDirectory(const std::string& directory);
+
+// Returns when all that was written to the file system that holds `directory` is on the medium, where the system has a
+// way to ask for that.
+DISKSTREAM_EXPORT int SyncFileSystem(const std::string& directory);
+
+// Gives a file or directory its times, in units of 100 ns since the start of 1601; 0 leaves one as it is. The time of
+// creation is set where the system lets it be. The name is the system's own: a backslash in it is what the system takes
+// it for.
+DISKSTREAM_EXPORT int SetFileTimes(const std::string& name, uint64_t creation, uint64_t access, uint64_t modification);
 
 // A number that no other living process has.
 DISKSTREAM_EXPORT unsigned long ProcessNumber();

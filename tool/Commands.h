@@ -21,6 +21,13 @@ void AddPartitionsCommand(CLI::App& program, int& exitCode);
 void AddVolumesCommand(CLI::App& program, int& exitCode);
 void AddReadCommand(CLI::App& program, int& exitCode);
 void AddCreateDiskCommand(CLI::App& program, int& exitCode);
+void AddLsCommand(CLI::App& program, int& exitCode);
+void AddStatCommand(CLI::App& program, int& exitCode);
+void AddCatCommand(CLI::App& program, int& exitCode);
+void AddCpCommand(CLI::App& program, int& exitCode);
+void AddStreamsCommand(CLI::App& program, int& exitCode);
+void AddExportStreamCommand(CLI::App& program, int& exitCode);
+void AddSecurityCommand(CLI::App& program, int& exitCode);
 
 // What the arguments say of an image, until it is turned into the agent's terms.
 struct ImageArguments_t {

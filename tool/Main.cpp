@@ -43,6 +43,13 @@ void AddCommands(CLI::App& program, int& exitCode) {
     AddVolumesCommand(program, exitCode);
     AddReadCommand(program, exitCode);
     AddCreateDiskCommand(program, exitCode);
+    AddLsCommand(program, exitCode);
+    AddStatCommand(program, exitCode);
+    AddCatCommand(program, exitCode);
+    AddCpCommand(program, exitCode);
+    AddStreamsCommand(program, exitCode);
+    AddExportStreamCommand(program, exitCode);
+    AddSecurityCommand(program, exitCode);
     for (CLI::App* const command : program.get_subcommands({}))
         command->group("Commands");
 }

@@ -2,6 +2,7 @@
 
 #include "VirtualServer/VMInfo/LVM.h"
 #include "VirtualServer/VMInfo/NtfsBootSector.h"
+#include "VirtualServer/VMInfo/detail/NtfsVolumeFacts.h"
 #include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
 
@@ -42,34 +43,6 @@ RowAndColumn_t PlaceInRaid5(uint64_t stripe, uint64_t columns) {
     const uint64_t row = stripe / (columns - 1);
     const uint64_t parity = columns - row % columns - 1;
     return {row, (stripe % (columns - 1) + parity + 1) % columns};
-}
-
-void FillFromBootSector(const NtfsBootSector_t& sector, NTFS_VOLUME_DATA_BUFFER& info) {
-    const uint64_t sectorsPerCluster = sector.sectorsPerCluster;
-    const uint64_t total = sector.totalSectors;
-    info.VolumeSerialNumber.QuadPart = static_cast<int64_t>(uint64_t{sector.serialNumber});
-    info.NumberSectors.QuadPart = static_cast<int64_t>(total);
-    info.TotalClusters.QuadPart = static_cast<int64_t>(sectorsPerCluster != 0 ? total / sectorsPerCluster : 0);
-    info.TotalReserved.QuadPart =
-        static_cast<int64_t>(sectorsPerCluster != 0 ? sector.reservedSectors / sectorsPerCluster : 0);
-    info.BytesPerSector = sector.bytesPerSector;
-    info.BytesPerCluster = static_cast<uint32_t>(sectorsPerCluster) * sector.bytesPerSector;
-    info.MftStartLcn.QuadPart = static_cast<int64_t>(uint64_t{sector.mftCluster});
-    info.Mft2StartLcn.QuadPart = static_cast<int64_t>(uint64_t{sector.mirrorMftCluster});
-}
-
-// Small numbers, negative ones included, count clusters; of larger ones the low byte is the negative
-// power of two of the size in bytes.
-void FillRecordSize(uint32_t clustersPerRecord, NTFS_VOLUME_DATA_BUFFER& info) {
-    constexpr int32_t mostClusters = 126;
-    if (static_cast<int32_t>(clustersPerRecord) <= mostClusters) {
-        info.BytesPerFileRecordSegment = clustersPerRecord * info.BytesPerCluster;
-        info.ClustersPerFileRecordSegment = clustersPerRecord;
-        return;
-    }
-    const auto power = static_cast<uint32_t>(-static_cast<int8_t>(clustersPerRecord));
-    info.BytesPerFileRecordSegment = 1U << (power % 32);
-    info.ClustersPerFileRecordSegment = 1;
 }
 
 }  // namespace
@@ -169,7 +142,6 @@ CZuError CLVM::GetNTFSVolInfo(const LVM_Volume_t& volume, NTFS_VOLUME_DATA_BUFFE
     ZU_RETURN_IF_ERROR(ReadVolumeData(volume, 0, &sector, sizeof(sector), nullptr));
     if (!IsNtfs(sector))
         return Refusal("Not a NTFS volume");
-    FillFromBootSector(sector, *info);
-    FillRecordSize(sector.clustersPerRecord, *info);
+    FillNtfsVolumeFacts(sector, *info);
     return CZuError();
 }

@@ -17,22 +17,6 @@ std::filesystem::path DirectoryOf(const std::string& target) {
     return directory.empty() ? "." : directory;
 }
 
-// Hidden, and told apart from those of other processes and of other files of this one. Process numbers
-// come again, so a killed process may have left a file of the same name. A long target leaves no
-// room for the rest: the beginning is enough to recognise it.
-std::string TemporaryNameFor(const std::string& target) {
-    static std::atomic<unsigned> counter{0};
-    constexpr size_t mostKept = 64;
-    const std::string beginning = "." + std::filesystem::path(target).filename().string().substr(0, mostKept) +
-                                  ".diskstream-" + std::to_string(ProcessNumber()) + "-";
-    for (;;) {
-        const std::filesystem::path path = DirectoryOf(target) / (beginning + std::to_string(counter++) + ".partial");
-        std::error_code ignored;  // what can't be looked at shows itself when the file is made
-        if (!std::filesystem::exists(std::filesystem::symlink_status(path, ignored)))
-            return path.string();
-    }
-}
-
 CZuError RefuseExisting(const std::string& target, bool replacing) {
     std::error_code failed;  // what can't be looked at shows itself when the file is made, but for its name
     const std::filesystem::file_status status = std::filesystem::symlink_status(target, failed);
@@ -55,6 +39,22 @@ CZuError SyncFile(const std::string& name) {
 }
 
 }  // namespace
+
+// Hidden, and told apart from those of other processes and of other files of this one. Process numbers
+// come again, so a killed process may have left a file of the same name. A long target leaves no
+// room for the rest: the beginning is enough to recognise it.
+std::string TemporaryNameFor(const std::string& target) {
+    static std::atomic<unsigned> counter{0};
+    constexpr size_t mostKept = 64;
+    const std::string beginning = "." + std::filesystem::path(target).filename().string().substr(0, mostKept) +
+                                  ".diskstream-" + std::to_string(ProcessNumber()) + "-";
+    for (;;) {
+        const std::filesystem::path path = DirectoryOf(target) / (beginning + std::to_string(counter++) + ".partial");
+        std::error_code ignored;  // what can't be looked at shows itself when the file is made
+        if (!std::filesystem::exists(std::filesystem::symlink_status(path, ignored)))
+            return path.string();
+    }
+}
 
 bool IsSameFile(const std::string& left, const std::string& right) {
     std::error_code ignored;  // what isn't there is no other file's name

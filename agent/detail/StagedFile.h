@@ -8,6 +8,9 @@
 // True when both names lead to one file that is there.
 bool IsSameFile(const std::string& left, const std::string& right);
 
+// A name beside `target` that nothing has, for what becomes `target` when it is whole.
+std::string TemporaryNameFor(const std::string& target);
+
 // A file that is written under a name of its own beside its place and gets its final name when it
 // is whole and on the medium. Until then a kill, a failure or the destructor leaves what stood
 // under the final name as it was.

@@ -19,6 +19,29 @@ int SyncDirectory(const std::string& /*directory*/) {
     return 0;
 }
 
+// A user without special rights can't ask for a whole volume.
+int SyncFileSystem(const std::string& /*directory*/) {
+    return 0;
+}
+
+int SetFileTimes(const std::string& name, uint64_t creation, uint64_t access, uint64_t modification) {
+    const HANDLE file =
+        CreateFileW(WideFromUtf8(name.c_str()).c_str(), FILE_WRITE_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                    nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+    if (file == INVALID_HANDLE_VALUE)
+        return static_cast<int>(GetLastError());
+    const auto timeOf = [](uint64_t time) {
+        return FILETIME{static_cast<DWORD>(time), static_cast<DWORD>(time >> 32U)};
+    };
+    const FILETIME times[] = {timeOf(creation), timeOf(access), timeOf(modification)};
+    const auto unlessZero = [&](size_t index, uint64_t time) { return time != 0 ? &times[index] : nullptr; };
+    const bool isSet =
+        SetFileTime(file, unlessZero(0, creation), unlessZero(1, access), unlessZero(2, modification)) != 0;
+    const int error = isSet ? 0 : static_cast<int>(GetLastError());
+    CloseHandle(file);
+    return error;
+}
+
 unsigned long ProcessNumber() {
     return GetCurrentProcessId();
 }

@@ -1,0 +1,196 @@
+#include "agent/NtfsCopy.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+
+#include "agent/ErrorText.h"
+#include "agent/detail/StagedDirectory.h"
+#include "agent/detail/StagedFile.h"
+#include "foundation/detail/ErrorHandling.h"
+#include "platform/FileSystem.h"
+
+namespace {
+
+constexpr char Cancelled[] = "The copying was cancelled";
+
+CZuError SystemRefusal(const std::string& where) {
+    return ErrorAt(where, SystemFailure(errno != 0 ? errno : EIO));
+}
+
+void KeepTimes(const std::string& name, const NtfsFileInfo_t& file, std::vector<std::string>& problems) {
+    const int error = SetFileTimes(name, file.creation, file.access, file.modification);
+    if (error != 0)
+        problems.push_back(DescribeError(ErrorAt(name + ": its times", SystemFailure(error))));
+}
+
+// Names of this system hold neither slashes nor zeros, and two of them stand for other directories.
+bool IsPossibleName(const std::string& name) {
+    return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos &&
+           name.find('\0') == std::string::npos;
+}
+
+std::string LinkText(uint32_t tag) {
+    char text[64];
+    std::snprintf(text, sizeof(text), "is a link (reparse point 0x%08X), which isn't followed", tag);
+    return text;
+}
+
+class CCopier {
+public:
+    CCopier(CNtfsVolume& volume, NtfsCopy_t& copy) : m_Volume(volume), m_Copy(copy) {}
+
+    // A name that stands already is refused: a damaged directory may hold one twice.
+    CZuError CopyFile(const NtfsFileInfo_t& file, const std::string& name) {
+        errno = 0;
+        std::FILE* const output = std::fopen(name.c_str(), "wbx");
+        if (output == nullptr)
+            return SystemRefusal(name);
+        std::setvbuf(output, nullptr, _IONBF, 0);  // pieces are large: a buffer would only copy them again
+        bool isWritten = true;
+        const CZuError error = m_Volume.ReadStream(file.frn, "", [&](const char* bytes, uint32_t size) {
+            isWritten = std::fwrite(bytes, 1, size, output) == size;
+            return isWritten && Advance(size);
+        });
+        const bool isClosed = std::fclose(output) == 0;
+        CZuError outcome = error;
+        if (!error.IsErrorSet() && m_IsCancelled)
+            outcome = Refusal(Cancelled);
+        else if (!error.IsErrorSet() && (!isWritten || !isClosed))
+            outcome = SystemRefusal(name);
+        if (outcome.IsErrorSet())
+            std::remove(name.c_str());  // what was written of it is no file of that name
+        else
+            ++m_Copy.files;
+        return outcome;
+    }
+
+    // Fills the directory `name`. Times of directories are set last: each file in one changes them.
+    CZuError CopyTree(const NtfsFileInfo_t& directory, const std::string& name) {
+        NtfsListing_t listing;
+        listing.isRecursive = true;
+        listing.withMetadata = m_Copy.withMetadata;
+        std::vector<std::pair<std::string, NtfsFileInfo_t>> directories = {{name, directory}};
+        ZU_RETURN_IF_ERROR(m_Volume.List(directory.frn, listing, [&](const NtfsEntry_t& entry) {
+            CopyEntry(entry, name + "/" + entry.path, directories);
+            return !m_IsCancelled;
+        }));
+        if (m_IsCancelled)
+            return Refusal(Cancelled);
+        for (auto each = directories.rbegin(); each != directories.rend(); ++each)
+            KeepTimes(each->first, each->second, m_Copy.problems);
+        m_Copy.directories = directories.size();
+        m_Copy.problems.insert(m_Copy.problems.end(), listing.problems.begin(), listing.problems.end());
+        return CZuError();
+    }
+
+private:
+    bool Advance(uint32_t bytes) {
+        m_Copy.bytes += bytes;
+        Progress_t progress;
+        progress.doneBytes = m_Copy.bytes;
+        m_IsCancelled = m_Copy.progress && !m_Copy.progress(progress);
+        return !m_IsCancelled;
+    }
+
+    void CopyEntry(const NtfsEntry_t& entry, const std::string& name,
+                   std::vector<std::pair<std::string, NtfsFileInfo_t>>& directories) {
+        if (!m_LeftOut.empty() && entry.path.compare(0, m_LeftOut.size(), m_LeftOut) == 0)
+            return;  // what lies in a directory follows right behind it
+        const std::string problem = WhatPrevents(entry);
+        if (!problem.empty()) {
+            LeaveOut(entry, problem);
+            return;
+        }
+        if (entry.file.isDirectory) {
+            std::error_code failed;
+            if (std::filesystem::create_directory(name, failed))
+                directories.emplace_back(name, entry.file);
+            else
+                LeaveOut(entry, failed ? failed.message() : "stands in its directory twice");
+            return;
+        }
+        const CZuError error = CopyFile(entry.file, name);
+        if (!error.IsErrorSet()) {
+            KeepTimes(name, entry.file, m_Copy.problems);
+            return;
+        }
+        if (!m_IsCancelled)
+            m_Copy.problems.push_back(entry.path + ": " + DescribeError(error));
+    }
+
+    void LeaveOut(const NtfsEntry_t& entry, const std::string& problem) {
+        m_Copy.problems.push_back(entry.path + ": " + problem);
+        if (entry.file.isDirectory || !entry.file.problem.empty())
+            m_LeftOut = entry.path + "/";
+    }
+
+    static std::string WhatPrevents(const NtfsEntry_t& entry) {
+        if (!entry.file.problem.empty())
+            return entry.file.problem;
+        if (!IsPossibleName(entry.name))
+            return "is no name that a file can have here";
+        if (IsNtfsLink(entry.file.reparseTag))
+            return LinkText(entry.file.reparseTag);
+        return "";
+    }
+
+    CNtfsVolume& m_Volume;
+    NtfsCopy_t& m_Copy;
+    bool m_IsCancelled = false;
+    std::string m_LeftOut;  // a directory, with a slash behind it
+};
+
+// The last part of a path on the volume; empty for the root.
+std::string LastPart(const std::string& path) {
+    const size_t end = path.find_last_not_of("/\\");
+    if (end == std::string::npos)
+        return "";
+    const size_t start = path.find_last_of("/\\", end);
+    return path.substr(start == std::string::npos ? 0 : start + 1,
+                       end - (start == std::string::npos ? 0 : start + 1) + 1);
+}
+
+// A directory takes the copy in, under its own name.
+std::string FinalTarget(const std::string& path, const std::string& target) {
+    std::error_code ignored;  // what can't be looked at shows itself when the copy is made
+    if (!std::filesystem::is_directory(target, ignored))
+        return target;
+    const std::string name = LastPart(path);
+    return name.empty() ? target : (std::filesystem::path(target) / name).string();
+}
+
+CZuError CopyOneFile(CNtfsVolume& volume, const NtfsFileInfo_t& file, const std::string& target, NtfsCopy_t& copy) {
+    CStagedFile staged;
+    ZU_RETURN_IF_ERROR(staged.Begin(target, copy.isReplacing));
+    ZU_RETURN_IF_ERROR(CCopier(volume, copy).CopyFile(file, staged.TemporaryName()));
+    KeepTimes(staged.TemporaryName(), file, copy.problems);
+    return staged.Commit();
+}
+
+CZuError CopyDirectory(CNtfsVolume& volume, const NtfsFileInfo_t& directory, const std::string& target,
+                       NtfsCopy_t& copy) {
+    CStagedDirectory staged;
+    ZU_RETURN_IF_ERROR(staged.Begin(target));
+    ZU_RETURN_IF_ERROR(CCopier(volume, copy).CopyTree(directory, staged.TemporaryName()));
+    return staged.Commit();
+}
+
+}  // namespace
+
+CZuError CopyFromNtfs(CNtfsVolume& volume, const std::string& path, const std::string& target, NtfsCopy_t& copy) {
+    return WithinMemory("Out of memory", [&]() -> CZuError {
+        uint64_t frn = 0;
+        NtfsFileInfo_t file;
+        ZU_RETURN_IF_ERROR(volume.Find(path, frn));
+        ZU_RETURN_IF_ERROR(volume.Describe(frn, file));
+        if (IsNtfsLink(file.reparseTag))
+            return Refusal(path + ": " + LinkText(file.reparseTag));
+        const std::string finalTarget = FinalTarget(path, target);
+        if (!file.isDirectory)
+            return CopyOneFile(volume, file, finalTarget, copy);
+        if (!copy.isRecursive)
+            return Refusal(path + ": is a directory; copy it with --recursive");
+        return CopyDirectory(volume, file, finalTarget, copy);
+    });
+}

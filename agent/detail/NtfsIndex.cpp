@@ -1,0 +1,125 @@
+#include "agent/detail/NtfsIndex.h"
+
+#include "agent/ErrorText.h"
+#include "agent/detail/NtfsNames.h"
+#include "foundation/detail/ErrorHandling.h"
+#include "ntfs/detail/IndexWalk.h"
+#include "ntfs/detail/NtfsFormat.h"
+
+namespace {
+
+constexpr char16_t IndexOfNames[] = u"$I30";
+constexpr uint32_t LargestBlockBytes = 1U << 20U;  // Windows makes blocks of 4 KiB, other tools up to a cluster
+constexpr uint32_t SectorOfBlockNumbers = 512;     // what they count where a cluster is larger than a block
+constexpr unsigned ReuseCountShift = 48;
+
+}  // namespace
+
+CZuError CNtfsDirectory::Walk(CAutoMemory<char>& record, const TakeNtfsName_t& take) {
+    ZU_RETURN_IF_ERROR(OpenIndex(record));
+    while (!m_Path.empty() && Step(take)) {}
+    return CZuError();
+}
+
+CZuError CNtfsDirectory::OpenIndex(CAutoMemory<char>& record) {
+    CNtfsStream root;
+    ZU_RETURN_IF_ERROR(root.Open(m_Volume, record, AttrIndexRoot, IndexOfNames, m_Where));
+    NtfsIndexRoot_t head{};
+    if (root.Bytes() < sizeof(head) || root.Bytes() > LargestBlockBytes)
+        return Refusal(m_Where + ": its index is damaged");
+    ZU_RETURN_IF_ERROR(root.Read(0, reinterpret_cast<char*>(&head), sizeof(head)));
+    m_BlockBytes = head.blockBytes;
+    Node_t node;
+    node.bytes.resize(static_cast<size_t>(root.Bytes() - sizeof(head)));
+    ZU_RETURN_IF_ERROR(root.Read(sizeof(head), node.bytes.data(), static_cast<uint32_t>(node.bytes.size())));
+    NtfsIndexHeader_t header{};
+    if (!CByteView(node.bytes.data(), node.bytes.size()).Get(0, header))
+        return Refusal(m_Where + ": its index is damaged");
+    node.at = header.firstEntry;
+    m_Path.clear();
+    m_Visited.clear();
+    m_Path.push_back(std::move(node));
+    m_HasAllocation = !m_Allocation.Open(m_Volume, record, AttrIndexAllocation, IndexOfNames, m_Where).IsErrorSet();
+    return CZuError();
+}
+
+// Takes one entry, or goes into the block in front of it, or leaves a node that is through. Each entry is taken once and
+// each block entered once, so the walk ends.
+bool CNtfsDirectory::Step(const TakeNtfsName_t& take) {
+    Node_t& node = m_Path.back();
+    const CByteView view(node.bytes.data(), node.bytes.size());
+    NtfsIndexEntryHead_t head{};
+    if (!view.Get(node.at, head) || head.length < sizeof(head) || !view.Holds(node.at, head.length)) {
+        Complain("an entry of its index is damaged");
+        m_Path.pop_back();
+        return true;
+    }
+    if ((head.flags & IndexEntryHasSubNode) != 0 && !node.isChildDone) {
+        node.isChildDone = true;
+        if (EnterChild(node, head.length))
+            return true;
+    }
+    if ((head.flags & IndexEntryLast) != 0) {
+        m_Path.pop_back();
+        return true;
+    }
+    const uint64_t at = node.at;
+    node.at += head.length;
+    node.isChildDone = false;
+    INDEX_ENTRY_I30 entry{};
+    const uint64_t nameAt = at + sizeof(entry);
+    if (!view.Get(at, entry) || !view.Holds(nameAt, uint64_t{entry.NameLength} * 2)) {
+        Complain("a name in its index is damaged");
+        return true;
+    }
+    NtfsIndexName_t name;
+    name.frn = entry.Reference & FrnMask;
+    name.reuseCount = static_cast<uint16_t>(entry.Reference >> ReuseCountShift);
+    name.name = NtfsNameAt(view.Data() + nameAt, entry.NameLength);
+    name.kind = entry.NameKind;
+    name.attributes = entry.FileAttributes;
+    return take(std::move(name));
+}
+
+// The number of the block stands in the entry's last eight bytes.
+bool CNtfsDirectory::EnterChild(Node_t& node, uint64_t entryBytes) {
+    const CByteView view(node.bytes.data(), node.bytes.size());
+    Le64_t vcn{};
+    if (entryBytes < sizeof(NtfsIndexEntryHead_t) + sizeof(vcn) || !view.Get(node.at + entryBytes - sizeof(vcn), vcn)) {
+        Complain("an entry of its index is damaged");
+        return false;
+    }
+    Node_t child;
+    if (!m_Visited.insert(vcn).second || !LoadBlock(vcn, child)) {
+        Complain(CZuString::Format("block {1} of its index is damaged", uint64_t{vcn}).c_str());
+        return false;
+    }
+    m_Path.push_back(std::move(child));
+    return true;
+}
+
+bool CNtfsDirectory::LoadBlock(uint64_t vcn, Node_t& node) {
+    const bool countsClusters = m_Volume.ClusterBytes() <= m_BlockBytes;
+    const uint64_t unitBytes = countsClusters ? m_Volume.ClusterBytes() : SectorOfBlockNumbers;
+    if (!m_HasAllocation || m_BlockBytes <= IndexHeaderOffset || m_BlockBytes > LargestBlockBytes ||
+        vcn > m_Allocation.Bytes() / unitBytes)
+        return false;
+    const uint64_t offset = vcn * unitBytes;
+    if (offset > m_Allocation.Bytes() || m_BlockBytes > m_Allocation.Bytes() - offset)
+        return false;
+    std::string block(m_BlockBytes, '\0');
+    if (m_Allocation.Read(offset, block.data(), m_BlockBytes).IsErrorSet() ||
+        CDRFileRecord::IsValidIndexRec(block.data()) != NtfsOk ||
+        CDRFileRecord::DoINDXSectorFixup(block.data(), m_BlockBytes, m_Volume.SectorBytes()) != NtfsOk)
+        return false;
+    NtfsIndexHeader_t header{};
+    node.bytes = block.substr(IndexHeaderOffset);
+    if (!CByteView(node.bytes.data(), node.bytes.size()).Get(0, header))
+        return false;
+    node.at = header.firstEntry;
+    return true;
+}
+
+void CNtfsDirectory::Complain(const std::string& what) {
+    m_Problems.push_back(m_Where + ": " + what);
+}

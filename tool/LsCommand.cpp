@@ -1,0 +1,109 @@
+#include <cstdio>
+#include <memory>
+
+#include "agent/NtfsTime.h"
+#include "foundation/detail/ErrorHandling.h"
+#include "tool/FilesOfVolume.h"
+
+namespace {
+
+struct LsArguments_t : FileArguments_t {
+    bool isRecursive = false;
+    bool isLong = false;
+    bool withMetadata = false;
+};
+
+const FileWords_t LsWords = {"[PATH]", 0, 1};
+
+void PrintEntry(const LsArguments_t& arguments, const NtfsEntry_t& entry) {
+    const std::string name = Printable(entry.path) + (entry.file.isDirectory ? "/" : "");
+    if (!arguments.isLong) {
+        std::puts(name.c_str());
+        return;
+    }
+    const std::string time = NtfsTimeText(entry.file.modification);
+    const std::string day = time.empty() ? std::string("-") : time.substr(0, 10) + " " + time.substr(11, 8);
+    std::printf("%s %14llu  %-19s  %s\n", AttributeLetters(entry.file).c_str(),
+                static_cast<unsigned long long>(entry.file.bytes), day.c_str(), name.c_str());
+}
+
+// An object of many thousand files goes out file by file.
+class CJsonListing {
+public:
+    CJsonListing(const std::string& volume, const std::string& path) {
+        Json_t head{{"volume", volume}, {"path", path}};
+        std::string text = head.dump(-1, ' ', false, Json_t::error_handler_t::replace);
+        text.pop_back();
+        std::printf("%s,\"entries\":[", text.c_str());
+    }
+    CJsonListing(const CJsonListing&) = delete;
+    CJsonListing& operator=(const CJsonListing&) = delete;
+    ~CJsonListing() { std::puts("]}"); }
+
+    void Put(const NtfsEntry_t& entry) {
+        Json_t object{{"path", entry.path}};
+        PutFileFacts(entry.file, object);
+        std::printf("%s\n%s", m_IsFirst ? "" : ",",
+                    object.dump(-1, ' ', false, Json_t::error_handler_t::replace).c_str());
+        m_IsFirst = false;
+    }
+
+private:
+    bool m_IsFirst = true;
+};
+
+// What can't be read of a directory or of a file is told at the end, and is a failure.
+CZuError List(const LsArguments_t& arguments, CNtfsVolume& volume, const NtfsFileInfo_t& file,
+              const TakeNtfsEntry_t& take) {
+    if (!file.isDirectory) {
+        take({arguments.Rest(0), arguments.Rest(0), file});
+        return CZuError();
+    }
+    NtfsListing_t listing;
+    listing.isRecursive = arguments.isRecursive;
+    listing.withMetadata = arguments.withMetadata;
+    ZU_RETURN_IF_ERROR(volume.List(file.frn, listing, [&](const NtfsEntry_t& entry) {
+        if (!entry.file.problem.empty())
+            listing.problems.push_back(entry.path + ": " + entry.file.problem);
+        return take(entry);
+    }));
+    PrintWarnings(listing.problems);
+    return listing.problems.empty() ? CZuError() : Refusal("The listing isn't whole: some of it can't be read");
+}
+
+int RunLs(const LsArguments_t& arguments) {
+    return RunOnFile(arguments, [&](CNtfsVolume& volume, const NtfsFileInfo_t& file) -> CZuError {
+        if (!arguments.output.json)
+            return List(arguments, volume, file, [&](const NtfsEntry_t& entry) {
+                PrintEntry(arguments, entry);
+                return true;
+            });
+        CJsonListing listing(arguments.volume, arguments.Rest(0).empty() ? "/" : arguments.Rest(0));
+        return List(arguments, volume, file, [&](const NtfsEntry_t& entry) {
+            listing.Put(entry);
+            return true;
+        });
+    });
+}
+
+}  // namespace
+
+void AddLsCommand(CLI::App& program, int& exitCode) {
+    CLI::App* const command = program.add_subcommand("ls", "List the files of an NTFS volume");
+    const auto arguments = std::make_shared<LsArguments_t>();
+    AddFileArguments(*command, *arguments, LsWords);
+    command->add_flag("-r,--recursive", arguments->isRecursive, "List all that lies below, with whole paths");
+    command->add_flag("-l,--long", arguments->isLong, "Print attributes, sizes and times of change (UTC) as well");
+    command->add_flag("--all", arguments->withMetadata, "List the files that make the volume itself too, such as $MFT");
+    command->add_flag("--json", arguments->output.json, "Print one JSON object");
+    command->footer("Attributes: d directory, r read-only, h hidden, s system, a archive, p sparse, l reparse point,\n"
+                    "c compressed, e encrypted.\n"
+                    "Examples:\n"
+                    "  diskstream ls disk.vmdk --volume Volume1 /Users\n"
+                    "  diskstream ls -r -l disk.vmdk --volume Volume1\n"
+                    "  diskstream ls --json one.vhd two.vhd --volume Volume3 'Program Files'");
+    command->callback([arguments, &exitCode] {
+        CheckFileArguments(*arguments, LsWords);
+        exitCode = RunLs(*arguments);
+    });
+}
