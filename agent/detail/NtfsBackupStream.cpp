@@ -40,7 +40,7 @@ CZuError ReadSmallValue(CNtfsStream& stream, const std::string& where, std::stri
 
 bool HasHole(const CNtfsStream& stream) {
     return std::any_of(stream.Runs().begin(), stream.Runs().end(),
-                       [](const NtfsRun_t& run) { return run.lcn == HoleLcn; });
+                       [](const NtfsExtent_t& run) { return run.lcn == HoleLcn; });
 }
 
 }  // namespace
@@ -152,14 +152,14 @@ CZuError CNtfsBackupStream::WriteBytes(CNtfsStream& stream, uint64_t offset, uin
 // A block for each run of clusters, and one without data that tells where the runs end.
 CZuError CNtfsBackupStream::WriteStretches(CNtfsStream& stream) {
     const uint64_t clusterBytes = m_Volume.ClusterBytes();
-    for (const NtfsRun_t& run : stream.Runs()) {
+    for (const NtfsExtent_t& run : stream.Runs()) {
         const uint64_t start = run.vcn * clusterBytes;
         if (run.lcn == HoleLcn || start >= stream.Bytes())
             continue;
         const uint64_t end = std::min((run.vcn + run.clusters) * clusterBytes, stream.Bytes());
         ZU_RETURN_IF_ERROR(WriteSparseBlock(stream, start, end - start));
     }
-    const NtfsRun_t& last = stream.Runs().back();
+    const NtfsExtent_t& last = stream.Runs().back();
     return WriteSparseBlock(stream, (last.vcn + last.clusters) * clusterBytes, 0);
 }
 

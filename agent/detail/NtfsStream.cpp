@@ -149,7 +149,7 @@ CZuError CNtfsStream::ReadStored(uint64_t offset, char* buffer, uint32_t size) {
         const size_t index = FindRun(at / clusterBytes);
         if (index == m_Runs.size())
             return Refusal(CZuString::Format("{1}: its records don't say where byte {2} of it lies", m_Where, at));
-        const NtfsRun_t& run = m_Runs[index];
+        const NtfsExtent_t& run = m_Runs[index];
         const uint64_t inRun = at - run.vcn * clusterBytes;
         uint64_t runBytes = 0;
         if (!CheckedMul(run.clusters, clusterBytes, runBytes))
@@ -204,7 +204,7 @@ CZuError CNtfsStream::ReadUnit(uint64_t unit, char* target) {
         const size_t index = FindRun(vcn);
         if (index == m_Runs.size() || m_Runs[index].lcn == HoleLcn)
             break;
-        const NtfsRun_t& run = m_Runs[index];
+        const NtfsExtent_t& run = m_Runs[index];
         const uint64_t clusters = std::min(run.vcn + run.clusters, endVcn) - vcn;
         ZU_RETURN_IF_ERROR(
             ErrorAt(m_Where, m_Volume->ReadClusters(run.lcn, (vcn - run.vcn) * clusterBytes,
@@ -253,7 +253,7 @@ size_t CNtfsStream::FindRun(uint64_t vcn) {
             return m_LastRun = index;
     }
     const auto behind = std::upper_bound(m_Runs.begin(), m_Runs.end(), vcn,
-                                         [](uint64_t value, const NtfsRun_t& run) { return value < run.vcn; });
+                                         [](uint64_t value, const NtfsExtent_t& run) { return value < run.vcn; });
     if (behind == m_Runs.begin())
         return m_Runs.size();
     const auto index = static_cast<size_t>(behind - m_Runs.begin()) - 1;

@@ -24,7 +24,7 @@ struct NtfsAttribute_t {
 std::vector<NtfsAttribute_t> ListNtfsAttributes(CAutoMemory<char>& record);
 
 // A stretch of clusters of a stream that lie together, or a hole.
-struct NtfsRun_t {
+struct NtfsExtent_t {
     uint64_t vcn = 0;
     uint64_t clusters = 0;
     uint64_t lcn = HoleLcn;
@@ -46,7 +46,7 @@ public:
     CZuError Read(uint64_t offset, char* buffer, uint32_t size);
 
     // By VCN, without gaps; empty for a resident attribute.
-    const std::vector<NtfsRun_t>& Runs() const { return m_Runs; }
+    const std::vector<NtfsExtent_t>& Runs() const { return m_Runs; }
 
 private:
     CZuError AddSegments(std::vector<ATTR_RECORD_HEADER_t*>& segments);
@@ -63,7 +63,7 @@ private:
     NtfsAttribute_t m_Attribute;
     uint64_t m_InitializedBytes = 0;
     std::string m_Value;  // of a resident attribute
-    std::vector<NtfsRun_t> m_Runs;
+    std::vector<NtfsExtent_t> m_Runs;
     size_t m_LastRun = 0;
     uint32_t m_UnitBytes = 0;
     CAutoMemory<char> m_Unit;        // decoded
