@@ -85,3 +85,12 @@ run diskstream partitions disk.vmdk
 run diskstream volumes disk.vmdk
 echo '$ diskstream read disk.vmdk --length 512 | od -A d -t x1 | tail -n 3'
 diskstream read disk.vmdk --quiet --length 512 | od -A d -t x1 | tail -n 3
+
+if diskstream volumes disk.vmdk | grep -q ntfs; then
+    say "Files are read straight from its NTFS volume: nothing is mounted."
+    run diskstream ls -r -l disk.vmdk --volume Volume1
+    first=$(diskstream ls disk.vmdk --volume Volume1 | grep -v '/$' | head -n 1)
+    run diskstream security disk.vmdk --volume Volume1 "$first"
+    run diskstream cp disk.vmdk --volume Volume1 "$first" .
+    run ls -l "$first"
+fi

@@ -127,9 +127,9 @@ void PutFileFacts(const NtfsFileInfo_t& file, Json_t& object) {
     object["attributes"] = file.attributes;
     object["creation"] = TimeJson(file.creation);
     object["modification"] = TimeJson(file.modification);
-    object["recordChange"] = TimeJson(file.recordChange);
+    object["record_change"] = TimeJson(file.recordChange);
     object["access"] = TimeJson(file.access);
     object["links"] = file.links;
     if (file.reparseTag != 0)
-        object["reparseTag"] = file.reparseTag;
+        object["reparse_tag"] = file.reparseTag;
 }

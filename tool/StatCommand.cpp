@@ -39,7 +39,7 @@ void PrintFile(const std::string& path, const NtfsFileInfo_t& file) {
 Json_t StatJson(const std::string& path, const NtfsFileInfo_t& file) {
     Json_t object{{"path", path}};
     PutFileFacts(file, object);
-    object["securityId"] = file.securityId;
+    object["security_id"] = file.securityId;
     object["streams"] = file.streams.size();
     return object;
 }

@@ -23,7 +23,7 @@ Json_t StreamsJson(const std::string& path, const NtfsFileInfo_t& file) {
     for (const NtfsStreamInfo_t& stream : file.streams)
         object["streams"].push_back({{"name", stream.name},
                                      {"bytes", stream.bytes},
-                                     {"storedBytes", stream.storedBytes},
+                                     {"stored_bytes", stream.storedBytes},
                                      {"resident", stream.isResident},
                                      {"encrypted", stream.isEncrypted},
                                      {"compressed", stream.isCompressed},

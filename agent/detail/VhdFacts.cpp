@@ -64,7 +64,8 @@ CZuError CheckFooter(VhdFacts_t& facts) {
     facts.diskSectors = facts.footer.currentSize / SectorSize;
     facts.uniqueId = IdentifierText(facts.footer.uniqueId);
     if (facts.diskType == DiskType_VhdFixed && facts.footer.currentSize > facts.fileBytes - sizeof(VhdFileFooter_t))
-        return Refusal(CZuString::Format("holds {1} bytes where the disk needs {2}; it is cut short",
+        return Refusal(CZuString::Format("holds {1} bytes where the disk needs {2}: it is cut short, or is a raw disk "
+                                         "that ends with an old VHD's footer (--type raw)",
                                          facts.fileBytes - sizeof(VhdFileFooter_t), facts.footer.currentSize));
     return CZuError();
 }
