@@ -1,7 +1,9 @@
 #include "agent/NtfsCopy.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 
 #include "agent/ErrorText.h"
@@ -36,6 +38,29 @@ std::string LinkText(uint32_t tag) {
     return text;
 }
 
+bool HasHoles(const NtfsFileInfo_t& file) {
+    return std::any_of(file.streams.begin(), file.streams.end(),
+                       [](const NtfsStreamInfo_t& stream) { return stream.name.empty() && stream.isSparse; });
+}
+
+bool IsZero(const char* bytes, uint32_t size) {
+    return size != 0 && bytes[0] == 0 && std::memcmp(bytes, bytes + 1, size - 1) == 0;
+}
+
+// A sparse file stays one: of its zeros only the place is kept.
+bool WritePiece(std::FILE* output, const char* bytes, uint32_t size, bool hasHoles) {
+    if (hasHoles && IsZero(bytes, size))
+        return std::fseek(output, static_cast<long>(size), SEEK_CUR) == 0;
+    return std::fwrite(bytes, 1, size, output) == size;
+}
+
+bool SetSize(const std::string& name, uint64_t bytes) {
+    std::error_code failed;
+    std::filesystem::resize_file(name, bytes, failed);
+    errno = failed.value();
+    return !failed;
+}
+
 class CCopier {
 public:
     CCopier(CNtfsVolume& volume, NtfsCopy_t& copy) : m_Volume(volume), m_Copy(copy) {}
@@ -49,10 +74,10 @@ public:
         std::setvbuf(output, nullptr, _IONBF, 0);  // pieces are large: a buffer would only copy them again
         bool isWritten = true;
         const CZuError error = m_Volume.ReadStream(file.frn, "", [&](const char* bytes, uint32_t size) {
-            isWritten = std::fwrite(bytes, 1, size, output) == size;
+            isWritten = WritePiece(output, bytes, size, HasHoles(file));
             return isWritten && Advance(size);
         });
-        const bool isClosed = std::fclose(output) == 0;
+        const bool isClosed = std::fclose(output) == 0 && (!HasHoles(file) || SetSize(name, file.bytes));
         CZuError outcome = error;
         if (!error.IsErrorSet() && m_IsCancelled)
             outcome = Refusal(Cancelled);

@@ -15,7 +15,7 @@ const FileWords_t CatWords = {"PATH", 1, 1};
 int RunCat(const CatArguments_t& arguments) {
     return RunOnFile(arguments, [&](CNtfsVolume& volume, const NtfsFileInfo_t& file) -> CZuError {
         if (file.isDirectory && arguments.stream.empty())
-            return Refusal(arguments.Rest(0) + ": is a directory");
+            return Refusal("is a directory");
         return volume.ReadStream(file.frn, arguments.stream, [](const char* bytes, uint32_t size) {
             return std::fwrite(bytes, 1, size, stdout) == size;  // a failure is told of at the end
         });

@@ -1,5 +1,6 @@
 #include "tool/FilesOfVolume.h"
 
+#include "agent/ErrorText.h"
 #include "agent/NtfsTime.h"
 #include "foundation/detail/ErrorHandling.h"
 
@@ -94,7 +95,7 @@ int RunOnFile(const FileArguments_t& arguments, const OneFileStep_t& step) {
         NtfsFileInfo_t file;
         ZU_RETURN_IF_ERROR(volume.Find(arguments.Rest(0), frn));
         ZU_RETURN_IF_ERROR(volume.Describe(frn, file));
-        return step(volume, file);
+        return ErrorAt(arguments.Rest(0).empty() ? "/" : arguments.Rest(0), step(volume, file));
     });
 }
 

@@ -68,7 +68,7 @@ CZuError List(const LsArguments_t& arguments, CNtfsVolume& volume, const NtfsFil
         return take(entry);
     }));
     PrintWarnings(listing.problems);
-    return listing.problems.empty() ? CZuError() : Refusal("The listing isn't whole: some of it can't be read");
+    return listing.problems.empty() ? CZuError() : Refusal("the listing isn't whole: some of it can't be read");
 }
 
 int RunLs(const LsArguments_t& arguments) {

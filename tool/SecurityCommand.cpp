@@ -1,6 +1,5 @@
 #include <memory>
 
-#include "agent/ErrorText.h"
 #include "agent/SecurityText.h"
 #include "foundation/detail/ErrorHandling.h"
 #include "tool/FilesOfVolume.h"
@@ -19,8 +18,8 @@ int RunSecurity(const FileArguments_t& arguments) {
         SecurityText_t text;
         ZU_RETURN_IF_ERROR(volume.ReadSecurity(file.frn, descriptor));
         if (descriptor.empty())
-            return Refusal(arguments.Rest(0) + ": the volume has no security descriptor for it");
-        ZU_RETURN_IF_ERROR(ErrorAt(arguments.Rest(0), DescribeSecurity(descriptor, text)));
+            return Refusal("the volume has no security descriptor for it");
+        ZU_RETURN_IF_ERROR(DescribeSecurity(descriptor, text));
         if (arguments.output.json)
             PrintJson({{"path", arguments.Rest(0)},
                        {"owner", TextOrNull(text.owner)},

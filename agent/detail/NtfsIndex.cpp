@@ -12,6 +12,7 @@ constexpr char16_t IndexOfNames[] = u"$I30";
 constexpr uint32_t LargestBlockBytes = 1U << 20U;  // Windows makes blocks of 4 KiB, other tools up to a cluster
 constexpr uint32_t SectorOfBlockNumbers = 512;     // what they count where a cluster is larger than a block
 constexpr unsigned ReuseCountShift = 48;
+constexpr size_t KeptNodes = 16;  // of a path; sound trees are less deep, and what a damaged one asks for stays small
 
 }  // namespace
 
@@ -47,6 +48,10 @@ CZuError CNtfsDirectory::OpenIndex(CAutoMemory<char>& record) {
 // each block entered once, so the walk ends.
 bool CNtfsDirectory::Step(const TakeNtfsName_t& take) {
     Node_t& node = m_Path.back();
+    if (node.bytes.empty() && !LoadBlock(node)) {
+        m_Path.pop_back();
+        return true;
+    }
     const CByteView view(node.bytes.data(), node.bytes.size());
     NtfsIndexEntryHead_t head{};
     if (!view.Get(node.at, head) || head.length < sizeof(head) || !view.Holds(node.at, head.length)) {
@@ -90,33 +95,36 @@ bool CNtfsDirectory::EnterChild(Node_t& node, uint64_t entryBytes) {
         return false;
     }
     Node_t child;
-    if (!m_Visited.insert(vcn).second || !LoadBlock(vcn, child)) {
-        Complain(CZuString::Format("block {1} of its index is damaged", uint64_t{vcn}).c_str());
+    child.vcn = vcn;
+    NtfsIndexHeader_t header{};
+    if (!m_Visited.insert(vcn).second || !LoadBlock(child) ||
+        !CByteView(child.bytes.data(), child.bytes.size()).Get(0, header)) {
+        Complain(CZuString::Format("block {1} of its index is damaged", child.vcn).c_str());
         return false;
     }
+    child.at = header.firstEntry;
     m_Path.push_back(std::move(child));
+    if (m_Path.size() > KeptNodes + 1)
+        m_Path[m_Path.size() - KeptNodes].bytes = std::string();  // read again on the way back
     return true;
 }
 
-bool CNtfsDirectory::LoadBlock(uint64_t vcn, Node_t& node) {
+// Blocks lie at multiples of their size.
+bool CNtfsDirectory::LoadBlock(Node_t& node) {
     const bool countsClusters = m_Volume.ClusterBytes() <= m_BlockBytes;
     const uint64_t unitBytes = countsClusters ? m_Volume.ClusterBytes() : SectorOfBlockNumbers;
     if (!m_HasAllocation || m_BlockBytes <= IndexHeaderOffset || m_BlockBytes > LargestBlockBytes ||
-        vcn > m_Allocation.Bytes() / unitBytes)
+        node.vcn > m_Allocation.Bytes() / unitBytes)
         return false;
-    const uint64_t offset = vcn * unitBytes;
-    if (offset > m_Allocation.Bytes() || m_BlockBytes > m_Allocation.Bytes() - offset)
+    const uint64_t offset = node.vcn * unitBytes;
+    if (offset % m_BlockBytes != 0 || offset > m_Allocation.Bytes() || m_BlockBytes > m_Allocation.Bytes() - offset)
         return false;
     std::string block(m_BlockBytes, '\0');
     if (m_Allocation.Read(offset, block.data(), m_BlockBytes).IsErrorSet() ||
         CDRFileRecord::IsValidIndexRec(block.data()) != NtfsOk ||
         CDRFileRecord::DoINDXSectorFixup(block.data(), m_BlockBytes, m_Volume.SectorBytes()) != NtfsOk)
         return false;
-    NtfsIndexHeader_t header{};
     node.bytes = block.substr(IndexHeaderOffset);
-    if (!CByteView(node.bytes.data(), node.bytes.size()).Get(0, header))
-        return false;
-    node.at = header.firstEntry;
     return true;
 }
 

@@ -35,7 +35,8 @@ public:
 private:
     // A node of the index, and how far the walk is in it.
     struct Node_t {
-        std::string bytes;  // from its index header on
+        uint64_t vcn = 0;   // of its block; nothing for the root
+        std::string bytes;  // from its index header on; empty while it waits far up the path
         uint64_t at = 0;
         bool isChildDone = false;  // of the entry at `at`
     };
@@ -43,7 +44,7 @@ private:
     CZuError OpenIndex(CAutoMemory<char>& record);
     bool Step(const TakeNtfsName_t& take);
     bool EnterChild(Node_t& node, uint64_t entryBytes);
-    bool LoadBlock(uint64_t vcn, Node_t& node);
+    bool LoadBlock(Node_t& node);
     void Complain(const std::string& what);
 
     CNtfsMappedVolume& m_Volume;

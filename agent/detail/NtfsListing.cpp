@@ -13,11 +13,12 @@ namespace {
 constexpr size_t BatchEntries = size_t{1} << 16U;
 constexpr uint32_t AttributeIsDirectory = 0x10000000;  // in a name's copy of the attributes alone
 constexpr uint64_t FirstUserFrn = 16;                  // the records before it make the volume itself
+constexpr uint16_t AnyReuseCount = 0;
 
 }  // namespace
 
 CZuError CNtfsListing::Run(uint64_t directory) {
-    ZU_RETURN_IF_ERROR(Enter(directory, ""));
+    ZU_RETURN_IF_ERROR(Enter(directory, AnyReuseCount, ""));
     while (!m_Folders.empty()) {
         TakeNext();
         if (m_Batch.size() == BatchEntries && !GiveBatch())
@@ -27,9 +28,11 @@ CZuError CNtfsListing::Run(uint64_t directory) {
     return CZuError();
 }
 
-CZuError CNtfsListing::Enter(uint64_t frn, const std::string& path) {
+CZuError CNtfsListing::Enter(uint64_t frn, uint16_t reuseCount, const std::string& path) {
     m_Entered.insert(frn);
     ZU_RETURN_IF_ERROR(m_Volume.ReadRecord(frn, m_Record));
+    if (reuseCount != AnyReuseCount && reuseCount != NtfsHeadOf(m_Record).reuseCount)
+        return CZuError();  // its name tells that the record belongs to another file
     if ((NtfsHeadOf(m_Record).flags & RecordIsDirectory) == 0)
         return Refusal(CZuString::Format("{1}: file record {2} is no directory", m_Volume.Name(), frn));
     Folder_t folder;
@@ -63,7 +66,7 @@ void CNtfsListing::TakeNext() {
     const bool isFolder = (name.attributes & AttributeIsDirectory) != 0;
     if (!m_Listing.isRecursive || !isFolder || m_Entered.count(name.frn) != 0)
         return;
-    const CZuError error = Enter(name.frn, path + "/");  // `folder` and `name` may have moved
+    const CZuError error = Enter(name.frn, name.reuseCount, path + "/");  // `folder` and `name` may have moved
     if (error.IsErrorSet())
         m_Listing.problems.push_back(DescribeError(error));
 }
@@ -105,7 +108,7 @@ void CNtfsListing::DescribeFile(Waiting_t& entry) {
         entry.file.problem = DescribeError(error);
         return;
     }
-    if (entry.reuseCount != 0 && entry.reuseCount != NtfsHeadOf(m_Record).reuseCount) {
+    if (entry.reuseCount != AnyReuseCount && entry.reuseCount != NtfsHeadOf(m_Record).reuseCount) {
         entry.file.problem =
             CZuString::Format("{1}: file record {2} belongs to another file by now", m_Volume.Name(), entry.frn)
                 .c_str();

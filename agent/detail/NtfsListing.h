@@ -35,7 +35,7 @@ private:
         NtfsFileInfo_t file;
     };
 
-    CZuError Enter(uint64_t frn, const std::string& path);
+    CZuError Enter(uint64_t frn, uint16_t reuseCount, const std::string& path);
     void TakeNext();
     bool IsHidden(const NtfsIndexName_t& name) const;
     bool GiveBatch();
