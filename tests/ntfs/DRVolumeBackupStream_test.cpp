@@ -518,6 +518,16 @@ TEST_F(DRVolumeBackupStream, SeveralFilesAreReadInTurns) {
                       bytes[1]);
 }
 
+TEST_F(DRVolumeBackupStream, AValueInTheRecordGoesOnBehindAClustersSize) {
+    m_Ntfs.AllowClustersOf(512);
+    const std::string value = PatternedBytes(700);
+    ASSERT_EQ(NtfsOk, Open(WithFile({Data(value)}).SectorsPerCluster(1)));
+    File_t file;
+    ASSERT_EQ(NtfsOk, OpenFile(FileFrn, file, 0));
+    EXPECT_SAME_BYTES(Head(1, 0, 700) + value.substr(0, 512), BackupRead(file, 532).bytes);
+    EXPECT_SAME_BYTES(value.substr(512), BackupRead(file, 532).bytes);
+}
+
 // Callers rely on the place's being taken off the clipped count: what doesn't fit whole doesn't come whole.
 TEST_F(DRVolumeBackupStream, ABufferTooSmallForAHeadGetsItsFrontAndThenNothing) {
     ASSERT_EQ(NtfsOk, Open(WithFile({Data("0123456789").Name(u"n")})));
