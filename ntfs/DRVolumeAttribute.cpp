@@ -60,6 +60,17 @@ public:
 
     bool AtEnd() const { return m_Index == m_Count; }
 
+    // How many clusters of nothing begin here, in whole compression units. `vcn` is the one that was sought.
+    uint64_t HoleClusters(uint64_t vcn, uint64_t unitClusters) const {
+        if (AtEnd() || m_Runs[m_Index].StartLcn != HoleLcn || m_Runs[m_Index].EndLcn != HoleLcn)
+            return 0;
+        const uint64_t holeEnd = vcn + Left();
+        const uint64_t unitStart = vcn - vcn % unitClusters;
+        const bool isUnitInHole = vcn - unitStart <= m_Used;
+        const uint64_t wholeEnd = holeEnd - holeEnd % unitClusters;
+        return isUnitInHole && wholeEnd > vcn ? wholeEnd - vcn : 0;
+    }
+
     ClusterRun_t Take(uint64_t mostClusters) {
         const DATARUN_EXTENT_t& run = m_Runs[m_Index];
         const bool isHole = run.StartLcn == HoleLcn && run.EndLcn == HoleLcn;
@@ -349,16 +360,57 @@ int CDRVolume::UnCompress(char* source, char* target, uint32_t* size) {
     return DecodeLznt1Chunk(CByteView(source, uint64_t{chunk.bytes} + endOfToken), target, *size);
 }
 
-// The value grows with what is there: a size that lies costs nothing.
+// Steps over the blocks that lie in a hole as a whole. The last cluster of an attribute, which may end inside, is left
+// to a read.
+void CDRVolume::PassHole(const ATTR_RECORD_HEADER_t* attr, const DATARUN_EXTENTS* extents, uint32_t blockBytes,
+                         Position_t& position) const {
+    const uint64_t clusterBytes = m_VolumeData.BytesPerCluster;
+    if (attr == nullptr || attr->IsNonResident == 0 || extents == nullptr || clusterBytes == 0)
+        return;
+    position.vcn += position.offset / clusterBytes;
+    position.offset %= clusterBytes;
+    const NtfsNonResidentForm_t form = NonResidentFormOf(attr);
+    const uint64_t lastVcn = form.highestVcn - form.lowestVcn;
+    CExtentWalk walk(*extents);
+    if (position.vcn >= lastVcn || !walk.Seek(position.vcn))
+        return;
+    const uint64_t unitClusters = uint64_t{1} << (form.compressionUnit & UnitShiftMask);
+    const uint64_t clusters = std::min({walk.HoleClusters(position.vcn, unitClusters), lastVcn - position.vcn,
+                                        uint64_t{std::numeric_limits<int64_t>::max()} / clusterBytes});
+    const uint64_t bytes = clusters * clusterBytes;
+    if (bytes < position.offset)
+        return;
+    const uint64_t passed = position.offset + (bytes - position.offset) / blockBytes * blockBytes;
+    position.vcn += passed / clusterBytes;
+    position.offset = static_cast<uint32_t>(passed % clusterBytes);
+}
+
+// What the clusters of `extents` hold, up to the ceiling.
+uint64_t CDRVolume::StoredBytes(const DATARUN_EXTENTS* extents) const {
+    uint64_t stored = 0;
+    for (uint32_t index = 0; extents != nullptr && index < extents->Count; ++index) {
+        const DATARUN_EXTENT_t& run = extents->Runs()[index];
+        const bool isHole = run.StartLcn == HoleLcn && run.EndLcn == HoleLcn;
+        uint64_t bytes = 0;
+        if (!isHole && (!CheckedMul(run.RunLength, m_VolumeData.BytesPerCluster, bytes) || bytes > NtfsCeilingBytes))
+            return NtfsCeilingBytes;
+        stored = std::min(stored + bytes, NtfsCeilingBytes);
+    }
+    return stored;
+}
+
+// The value grows with what is there: a size that lies costs nothing. Nor does a hole, whose zeros are as many as it
+// says: beyond the first piece a value has to have clusters to lie in.
 int CDRVolume::ReadValue(ATTR_RECORD_HEADER_t* attr, CAutoMemory<char>& extents, Position_t& position, uint64_t size,
                          CAutoMemory<char>& value) {
     value.Alloc(0);
     if (size > NtfsCeilingBytes)
         return NtfsOutOfMemory;
+    const uint64_t room = size > PieceBytes ? StoredBytes(ExtentsOf(extents)) + PieceBytes : PieceBytes;
     int result = NtfsOk;
     for (uint64_t done = 0; done < size && result == NtfsOk;) {
         const auto piece = static_cast<uint32_t>(std::min(size - done, PieceBytes));
-        if (!GrowBuffer(value, done + piece))
+        if (done + piece > room || !GrowBuffer(value, done + piece))
             return NtfsOutOfMemory;
         uint32_t read = 0;
         result = ReadAttribute(attr, ExtentsOf(extents), &position.vcn, &position.offset, value.GetPtr() + done, piece,

@@ -136,12 +136,16 @@ CByteView CDRVolume::NodeOf(const CAutoMemory<char>& block) {
     return CByteView(block.GetPtr(), block.GetSize()).From(IndexHeaderOffset);
 }
 
-// Reads on to the next block that holds a node of the index, and mends it.
+// Reads on to the next block that holds a node of the index, and mends it. A hole holds none, and a volume may say that
+// it goes on for ever.
 int CDRVolume::ReadIndexBlock(ATTR_RECORD_HEADER_t* allocation, CAutoMemory<char>& extents, Position_t& position,
                               uint32_t blockBytes, CAutoMemory<char>& block) {
+    if (blockBytes < IndexHeaderOffset)
+        return NtfsEndOfRun;
     for (;;) {
+        PassHole(allocation, ExtentsOf(extents), blockBytes, position);
         NTFS_RETURN_IF_FAILED(ReadValue(allocation, extents, position, blockBytes, block));
-        if (block.GetSize() < blockBytes || blockBytes < IndexHeaderOffset)
+        if (block.GetSize() < blockBytes)
             return NtfsEndOfRun;
         if (CDRFileRecord::IsValidIndexRec(block.GetPtr()) == NtfsOk)
             return CDRFileRecord::DoINDXSectorFixup(block.GetPtr(), block.GetSize(), m_VolumeData.BytesPerSector);

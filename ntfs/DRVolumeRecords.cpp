@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cinttypes>
 #include <cstring>
+#include <limits>
 
 #include "foundation/LgDebug.h"
 #include "foundation/detail/CheckedMath.h"
@@ -126,7 +127,10 @@ int CDRVolume::FindRecord(uint64_t frn, uint64_t& offset, uint64_t& bytesTogethe
             return NtfsOutOfRange;
         const uint64_t capacity = runBytes / RecordBytes();
         if (inRun < capacity) {
-            offset = run.StartLcn * m_VolumeData.BytesPerCluster + inRun * RecordBytes();
+            // Of a hole there is no byte to read: the read tells of it, as of one behind the volume's end.
+            if (!CheckedMul(run.StartLcn, m_VolumeData.BytesPerCluster, offset) ||
+                !CheckedAdd(offset, inRun * RecordBytes(), offset))
+                offset = std::numeric_limits<uint64_t>::max();
             bytesTogether = std::min((capacity - inRun) * RecordBytes(), m_MftSize - inMft);
             return NtfsOk;
         }

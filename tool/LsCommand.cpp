@@ -15,16 +15,29 @@ struct LsArguments_t : FileArguments_t {
 
 const FileWords_t LsWords = {"[PATH]", 0, 1};
 
-void PrintEntry(const LsArguments_t& arguments, const NtfsEntry_t& entry) {
-    const std::string name = Printable(entry.path) + (entry.file.isDirectory ? "/" : "");
-    if (!arguments.isLong) {
-        std::puts(name.c_str());
-        return;
+// One line, put together by hand: a listing has many.
+std::string LineOf(const LsArguments_t& arguments, const NtfsEntry_t& entry) {
+    std::string line;
+    if (arguments.isLong) {
+        constexpr size_t sizeWidth = 15;
+        const std::string size = std::to_string(entry.file.bytes);
+        const std::string time = NtfsTimeText(entry.file.modification);
+        line = AttributeLetters(entry.file);
+        line.append(size.size() < sizeWidth ? sizeWidth - size.size() : 1, ' ').append(size).append("  ");
+        if (time.empty())
+            line.append("-                  ");
+        else
+            line.append(time, 0, 10).append(1, ' ').append(time, 11, 8);
+        line.append("  ");
     }
-    const std::string time = NtfsTimeText(entry.file.modification);
-    const std::string day = time.empty() ? std::string("-") : time.substr(0, 10) + " " + time.substr(11, 8);
-    std::printf("%s %14llu  %-19s  %s\n", AttributeLetters(entry.file).c_str(),
-                static_cast<unsigned long long>(entry.file.bytes), day.c_str(), name.c_str());
+    line += Printable(entry.path);
+    line += entry.file.isDirectory ? "/\n" : "\n";
+    return line;
+}
+
+void PrintEntry(const LsArguments_t& arguments, const NtfsEntry_t& entry) {
+    const std::string line = LineOf(arguments, entry);
+    std::fwrite(line.data(), 1, line.size(), stdout);  // a failure is told of at the end
 }
 
 // An object of many thousand files goes out file by file.

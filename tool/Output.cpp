@@ -55,14 +55,16 @@ Json_t SectorsJson(uint64_t sectors) {
 }
 
 std::string Printable(const std::string& text) {
+    constexpr char digits[] = "0123456789ABCDEF";
     std::string printable;
+    printable.reserve(text.size());
     unsigned char before = 0;
     for (const char each : text) {
         const auto byte = static_cast<unsigned char>(each);
-        char escape[8] = {each};
         if (IsControl(before, byte))
-            std::snprintf(escape, sizeof(escape), "\\x%02X", byte);
-        printable += escape;
+            printable.append("\\x").append(1, digits[byte >> 4U]).append(1, digits[byte & 0xFU]);
+        else
+            printable += each;
         before = byte;
     }
     return printable;

@@ -1,5 +1,7 @@
 #include "ntfs/detail/Lznt1.h"
 
+#include <cstring>
+
 #include "foundation/ByteOrder.h"
 #include "ntfs/NtfsResults.h"
 
@@ -30,6 +32,22 @@ private:
     uint32_t m_Threshold = 16;
 };
 
+// Writes `length` bytes at `target`, each the one that lies `displacement` bytes before it: a match may repeat what it has
+// just written. There is room for `room` bytes.
+void Repeat(char* target, uint32_t displacement, uint32_t length, uint32_t room) {
+    constexpr uint32_t word = 8;
+    const char* const from = target - displacement;
+    if (displacement >= word && room >= length + word) {
+        for (uint32_t at = 0; at < length; at += word)  // what is written behind the match is written again
+            std::memcpy(target + at, from + at, word);
+    } else if (displacement == 1) {
+        std::memset(target, *from, length);
+    } else {
+        for (uint32_t index = 0; index < length; ++index)
+            target[index] = from[index];
+    }
+}
+
 class CChunkDecoder {
 public:
     // The chunk is the first `chunkBytes` bytes of `source`.
@@ -48,12 +66,25 @@ private:
     // A flag byte, and for each of its bits a token or a literal.
     bool TakeGroup() {
         const auto flags = static_cast<uint8_t>(m_Source.Data()[m_At++]);
+        if (flags == 0 && TakeLiterals())
+            return true;
         for (unsigned bit = 0; bit < 8 && m_At < m_End; ++bit) {
             m_Form.GrowTo(m_Size);
             const bool isToken = ((flags >> bit) & 1U) != 0;
             if (isToken ? !TakeMatch() : !TakeLiteral())
                 return false;
         }
+        return true;
+    }
+
+    // All eight of a group at once; false where there is no room for them.
+    bool TakeLiterals() {
+        constexpr uint32_t group = 8;
+        if (m_End - m_At < group || Lznt1ChunkBytes - m_Size < group)
+            return false;
+        std::memcpy(m_Target + m_Size, m_Source.Data() + m_At, group);
+        m_Size += group;
+        m_At += group;
         return true;
     }
 
@@ -73,9 +104,7 @@ private:
         const uint32_t length = m_Form.Length(token);
         if (displacement > m_Size || length > Lznt1ChunkBytes - m_Size)
             return false;
-        const char* const from = m_Target + m_Size - displacement;
-        for (uint32_t index = 0; index < length; ++index)  // byte by byte: a match may repeat what it has just written
-            m_Target[m_Size + index] = from[index];
+        Repeat(m_Target + m_Size, displacement, length, Lznt1ChunkBytes - m_Size);
         m_Size += length;
         return true;
     }
