@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Writes the seeds of ntfs_record_fuzz and lznt1_fuzz: fuzz/corpus/make_ntfs_seeds.py [DIRECTORY]
+"""Writes the seeds of ntfs_record_fuzz, lznt1_fuzz and ntfs_index_fuzz: fuzz/corpus/make_ntfs_seeds.py [DIRECTORY]
 
 As the seeds of make_seeds.py they are small and made by their own offsets: the records have two
 sectors or one. What a fuzzer found is kept beside them under found-*, and isn't touched.
@@ -128,9 +128,46 @@ def chunk_seeds():
     }
 
 
+def entry(name="", frn=5, flags=0, length=None, name_length=None, attributes=1):
+    key = bytes(56) + struct.pack("<IIBB", attributes, 0, len(name) if name_length is None else name_length, 3)
+    name_bytes = key + name.encode("utf-16-le") if name else b""
+    content = bytearray(padded(struct.pack("<QHHI", frn, 0, 0, flags) + name_bytes))
+    put(content, 8, struct.pack("<H", len(content) if length is None else length))
+    return bytes(content)
+
+
+def node(*entries, first=16):
+    content = b"".join(entries)
+    return struct.pack("<IIII", first, 16 + len(content), 16 + len(content), 0) + content
+
+
+def index_seeds():
+    last = entry(flags=2)
+    names = [entry(name, number) for number, name in enumerate(("$Secure", "A", "b", "Name of a file.txt"), 2)]
+    second_block = b"INDX" + struct.pack("<HH", 40, 1) + bytes(16) + node(names[2], last)
+    return {
+        "names": node(*names, last),
+        "files-with-long-names": node(entry("x", 6, attributes=0), entry("y", 7, attributes=0), last),
+        "nothing": node(last),
+        "no-last": node(*names),
+        "sub-node": node(names[0], entry(flags=3) + bytes(8)),
+        "length-0": node(entry("x", length=0), last),
+        "length-8": node(entry("x", length=8), last),
+        "length-of-all-ones": node(entry("x", length=0xFFFF), last),
+        "name-behind-the-end": node(entry("x", name_length=255)),
+        "entry-without-name": node(entry(), last),
+        "first-at-0": node(*names, last, first=0),
+        "first-at-all-ones": node(*names, last, first=0xFFFFFFFF),
+        "cut": node(*names, last)[:40],
+        "two-blocks": node(names[1], last).ljust(4072, b"\0") + second_block,
+        "empty": b"",
+    }
+
+
 def main():
     root = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else pathlib.Path(__file__).parent)
-    for target, seeds in (("ntfs_record_fuzz", record_seeds()), ("lznt1_fuzz", chunk_seeds())):
+    targets = {"ntfs_record_fuzz": record_seeds(), "lznt1_fuzz": chunk_seeds(), "ntfs_index_fuzz": index_seeds()}
+    for target, seeds in targets.items():
         (root / target).mkdir(parents=True, exist_ok=True)
         for name, data in seeds.items():
             (root / target / name).write_bytes(bytes(data))
