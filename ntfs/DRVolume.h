@@ -163,7 +163,7 @@ private:
     int ReadWholeValue(ATTR_RECORD_HEADER_t* attr, CAutoMemory<char>& value);
     void PassHole(const ATTR_RECORD_HEADER_t* attr, const DATARUN_EXTENTS* extents, uint32_t blockBytes,
                   Position_t& position) const;
-    uint64_t StoredBytes(const DATARUN_EXTENTS* extents) const;
+    uint64_t StoredBytes(const DATARUN_EXTENTS& extents) const;
     int ReadNonResident(Request_t& request, const DATARUN_EXTENTS& extents);
     int DeliverRuns(Request_t& request, CExtentWalk& walk);
     int DeliverUnits(Request_t& request, CExtentWalk& walk, uint64_t unitClusters);

@@ -368,7 +368,7 @@ void CDRVolume::PassHole(const ATTR_RECORD_HEADER_t* attr, const DATARUN_EXTENTS
     if (attr == nullptr || attr->IsNonResident == 0 || extents == nullptr || clusterBytes == 0)
         return;
     position.vcn += position.offset / clusterBytes;
-    position.offset %= clusterBytes;
+    position.offset = static_cast<uint32_t>(position.offset % clusterBytes);
     const NtfsNonResidentForm_t form = NonResidentFormOf(attr);
     const uint64_t lastVcn = form.highestVcn - form.lowestVcn;
     CExtentWalk walk(*extents);
@@ -386,10 +386,10 @@ void CDRVolume::PassHole(const ATTR_RECORD_HEADER_t* attr, const DATARUN_EXTENTS
 }
 
 // What the clusters of `extents` hold, up to the ceiling.
-uint64_t CDRVolume::StoredBytes(const DATARUN_EXTENTS* extents) const {
+uint64_t CDRVolume::StoredBytes(const DATARUN_EXTENTS& extents) const {
     uint64_t stored = 0;
-    for (uint32_t index = 0; extents != nullptr && index < extents->Count; ++index) {
-        const DATARUN_EXTENT_t& run = extents->Runs()[index];
+    for (uint32_t index = 0; index < extents.Count; ++index) {
+        const DATARUN_EXTENT_t& run = extents.Runs()[index];
         const bool isHole = run.StartLcn == HoleLcn && run.EndLcn == HoleLcn;
         uint64_t bytes = 0;
         if (!isHole && (!CheckedMul(run.RunLength, m_VolumeData.BytesPerCluster, bytes) || bytes > NtfsCeilingBytes))
@@ -406,7 +406,8 @@ int CDRVolume::ReadValue(ATTR_RECORD_HEADER_t* attr, CAutoMemory<char>& extents,
     value.Alloc(0);
     if (size > NtfsCeilingBytes)
         return NtfsOutOfMemory;
-    const uint64_t room = size > PieceBytes ? StoredBytes(ExtentsOf(extents)) + PieceBytes : PieceBytes;
+    const DATARUN_EXTENTS* const runs = ExtentsOf(extents);
+    const uint64_t room = size > PieceBytes && runs != nullptr ? StoredBytes(*runs) + PieceBytes : NtfsCeilingBytes;
     int result = NtfsOk;
     for (uint64_t done = 0; done < size && result == NtfsOk;) {
         const auto piece = static_cast<uint32_t>(std::min(size - done, PieceBytes));
