@@ -50,15 +50,28 @@ enum class AceForm_t { Plain, Object };
 struct AceType_t {
     uint8_t type;
     const char* word;
-    AceForm_t form;
+    AceForm_t form = AceForm_t::Plain;
+    bool mayHaveMore = false;  // behind the SID
 };
 
+constexpr uint8_t MandatoryLabelType = 0x11;
+
 constexpr AceType_t AceTypes[] = {
-    {0x00, "A", AceForm_t::Plain},   {0x01, "D", AceForm_t::Plain},   {0x02, "AU", AceForm_t::Plain},
-    {0x03, "AL", AceForm_t::Plain},  {0x05, "OA", AceForm_t::Object}, {0x06, "OD", AceForm_t::Object},
-    {0x07, "OU", AceForm_t::Object}, {0x08, "OL", AceForm_t::Object}, {0x09, "XA", AceForm_t::Plain},
-    {0x0A, "XD", AceForm_t::Plain},  {0x0B, "ZA", AceForm_t::Object}, {0x0D, "XU", AceForm_t::Plain},
-    {0x11, "ML", AceForm_t::Plain},  {0x12, "RA", AceForm_t::Plain},  {0x13, "SP", AceForm_t::Plain},
+    {0x00, "A"},
+    {0x01, "D"},
+    {0x02, "AU"},
+    {0x03, "AL"},
+    {0x05, "OA", AceForm_t::Object},
+    {0x06, "OD", AceForm_t::Object},
+    {0x07, "OU", AceForm_t::Object},
+    {0x08, "OL", AceForm_t::Object},
+    {0x09, "XA", AceForm_t::Plain, true},
+    {0x0A, "XD", AceForm_t::Plain, true},
+    {0x0B, "ZA", AceForm_t::Object, true},
+    {0x0D, "XU", AceForm_t::Plain, true},
+    {MandatoryLabelType, "ML"},
+    {0x12, "RA", AceForm_t::Plain, true},
+    {0x13, "SP"},
 };
 
 constexpr uint16_t ControlDaclPresent = 0x0004;
@@ -173,14 +186,24 @@ bool ObjectText(CByteView ace, uint64_t& at, std::string& object, std::string& i
     return ((present & 1U) == 0 || GuidText(ace, at, object)) && ((present & 2U) == 0 || GuidText(ace, at, inherited));
 }
 
-// What stands behind the SID, a condition or a claim, is left out and marked.
-bool AceText(CByteView ace, const AceHead_t& head, std::string& text) {
-    const AceType_t* known = nullptr;
+const AceType_t* FindAceType(uint8_t type) {
     for (const AceType_t& each : AceTypes)
-        if (each.type == head.type)
-            known = &each;
+        if (each.type == type)
+            return &each;
+    return nullptr;
+}
+
+std::string UnknownAceText(uint8_t type) {
+    char text[24];
+    std::snprintf(text, sizeof(text), "(0x%x;;;;;)", unsigned{type});
+    return text;
+}
+
+// A condition or a claim, which some entries have behind the SID, isn't put into words: a mark stands for it.
+bool AceText(CByteView ace, const AceHead_t& head, std::string& text) {
+    const AceType_t* const known = FindAceType(head.type);
     if (known == nullptr) {
-        text += "(0x" + std::to_string(unsigned{head.type}) + ";;;;;)";
+        text += UnknownAceText(head.type);
         return true;
     }
     uint64_t at = sizeof(head);
@@ -189,12 +212,15 @@ bool AceText(CByteView ace, const AceHead_t& head, std::string& text) {
     std::string sid;
     if (known->form == AceForm_t::Object && !ObjectText(ace, at, object, inherited))
         return false;
-    if (!SidText(ace.From(at), sid))
+    const CByteView rest = ace.From(at);
+    SidHead_t sidHead{};
+    if (!SidText(rest, sid) || !rest.Get(0, sidHead))
         return false;
-    const bool isMandatoryLabel = head.type == 0x11;
+    const bool hasMore = known->mayHaveMore && rest.Size() > sizeof(sidHead) + uint64_t{sidHead.subAuthorities} * 4;
+    const bool isMandatoryLabel = head.type == MandatoryLabelType;
     const std::string rights = isMandatoryLabel && head.mask == 1 ? "NW" : RightsText(head.mask);
     text += std::string("(") + known->word + ";" + FlagsText(head.flags) + ";" + rights + ";" + object + ";" +
-            inherited + ";" + sid + ")";
+            inherited + ";" + sid + (hasMore ? ";(...)" : "") + ")";
     return true;
 }
 

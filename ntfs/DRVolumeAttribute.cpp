@@ -126,13 +126,13 @@ struct CDRVolume::Unit_t {
 // What one call of `ReadAttribute` asks for. Its steps answer NtfsOk when the buffer is full, and NtfsEndOfRun when
 // they are through and there is room left.
 struct CDRVolume::Request_t {
-    const ATTR_RECORD_HEADER_t* attribute;
+    const ATTR_RECORD_HEADER_t* attribute = nullptr;
     uint64_t& vcn;
     uint32_t& offset;
-    char* buffer;
-    uint32_t size;
+    char* buffer = nullptr;
+    uint32_t size = 0;
     uint32_t& read;
-    uint64_t clusterBytes;
+    uint64_t clusterBytes = 0;
     uint64_t lastVcn = 0;
     uint64_t dataBytes = 0;
 

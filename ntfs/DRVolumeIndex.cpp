@@ -3,6 +3,7 @@
 #include <limits>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #include "ntfs/DRVolume.h"
 #include "ntfs/detail/IndexWalk.h"
@@ -23,7 +24,7 @@ std::u16string ToUtf16(const wchar_t* text, size_t length) {
     std::u16string result;
     result.reserve(length);
     for (size_t index = 0; index < length; ++index) {
-        const auto character = static_cast<uint32_t>(text[index]);
+        const uint32_t character = static_cast<std::make_unsigned_t<wchar_t>>(text[index]);
         if (character > 0xFFFF) {
             result.push_back(static_cast<char16_t>(0xD800 + ((character - 0x10000) >> 10U)));
             result.push_back(static_cast<char16_t>(0xDC00 + (character & 0x3FFU)));
