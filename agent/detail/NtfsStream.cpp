@@ -148,7 +148,7 @@ CZuError CNtfsStream::ReadStored(uint64_t offset, char* buffer, uint32_t size) {
         const uint64_t at = offset + done;
         const size_t index = FindRun(at / clusterBytes);
         if (index == m_Runs.size())
-            return Refusal(CZuString::Format("{1}: its records don't say where byte {2} of it lies", m_Where, at));
+            return Unplaced(at);
         const NtfsExtent_t& run = m_Runs[index];
         const uint64_t inRun = at - run.vcn * clusterBytes;
         uint64_t runBytes = 0;
@@ -199,6 +199,8 @@ CZuError CNtfsStream::ReadUnit(uint64_t unit, char* target) {
     const uint64_t endVcn = firstVcn + m_UnitBytes / clusterBytes;
     if (m_StoredUnit.Alloc(m_UnitBytes) == nullptr)
         return Refusal("Out of memory");
+    if (FindRun(firstVcn) == m_Runs.size())
+        return Unplaced(firstVcn * clusterBytes);
     uint64_t vcn = firstVcn;
     while (vcn < endVcn) {
         const size_t index = FindRun(vcn);
@@ -241,6 +243,10 @@ CZuError CNtfsStream::DecodeUnit(uint64_t storedBytes, char* target) {
     }
     std::memset(target + done, 0, m_UnitBytes - done);
     return CZuError();
+}
+
+CZuError CNtfsStream::Unplaced(uint64_t offset) const {
+    return Refusal(CZuString::Format("{1}: its records don't say where byte {2} of it lies", m_Where, offset));
 }
 
 // The index of the run that holds `vcn`, all of them for none.

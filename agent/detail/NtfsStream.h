@@ -56,6 +56,7 @@ private:
     CZuError LoadUnit(uint64_t unit);
     CZuError ReadUnit(uint64_t unit, char* target);
     CZuError DecodeUnit(uint64_t storedBytes, char* target);
+    CZuError Unplaced(uint64_t offset) const;
     size_t FindRun(uint64_t vcn);
 
     CNtfsMappedVolume* m_Volume = nullptr;
