@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr size_t BatchEntries = size_t{1} << 16U;
+constexpr size_t BatchEntries = size_t{1} << 14U;
 constexpr uint32_t AttributeIsDirectory = 0x10000000;  // in a name's copy of the attributes alone
 constexpr uint64_t FirstUserFrn = 16;                  // the records before it make the volume itself
 constexpr uint16_t AnyReuseCount = 0;
@@ -29,10 +29,10 @@ CZuError CNtfsListing::Run(uint64_t directory) {
 }
 
 CZuError CNtfsListing::Enter(uint64_t frn, uint16_t reuseCount, const std::string& path) {
-    m_Entered.insert(frn);
     ZU_RETURN_IF_ERROR(m_Volume.ReadRecord(frn, m_Record));
     if (reuseCount != AnyReuseCount && reuseCount != NtfsHeadOf(m_Record).reuseCount)
         return CZuError();  // its name tells that the record belongs to another file
+    m_Entered.insert(frn);
     if ((NtfsHeadOf(m_Record).flags & RecordIsDirectory) == 0)
         return Refusal(CZuString::Format("{1}: file record {2} is no directory", m_Volume.Name(), frn));
     Folder_t folder;
