@@ -160,7 +160,12 @@ std::string CLdmGroupBuilder::VolumeGuid(size_t volume) const {
 }
 
 std::string CLdmGroupBuilder::VolumeBytes(size_t volume) const {
-    return NumberedSectors((100 * uint64_t{m_Serial} + volume + 1) * VolumeNumbers, m_Volumes.at(volume).sectors);
+    const LdmVolume_t& plan = m_Volumes.at(volume);
+    if (plan.content.empty())
+        return NumberedSectors((100 * uint64_t{m_Serial} + volume + 1) * VolumeNumbers, plan.sectors);
+    std::string bytes = plan.content;
+    bytes.resize(plan.sectors * SectorBytes, '\0');
+    return bytes;
 }
 
 size_t CLdmGroupBuilder::FragmentsOf(uint8_t type) const {

@@ -34,7 +34,8 @@ struct LdmVolume_t {
     std::string type = "gen";
     std::string state = "ACTIVE";
     uint8_t partitionType = 7;
-    uint64_t sectors = 0;  // what its users see
+    uint64_t sectors = 0;   // what its users see
+    std::string content{};  // its first bytes, zeros behind them; empty for sectors of which no two are the same
 };
 
 // Volumes of the usual kinds. Pieces of a span lie one behind the other, those of stripes are the columns
