@@ -160,7 +160,10 @@ CZuError CNtfsBackupStream::WriteStretches(CNtfsStream& stream) {
         ZU_RETURN_IF_ERROR(WriteSparseBlock(stream, start, end - start));
     }
     const NtfsExtent_t& last = stream.Runs().back();
-    return WriteSparseBlock(stream, (last.vcn + last.clusters) * clusterBytes, 0);
+    const uint64_t end = (last.vcn + last.clusters) * clusterBytes;
+    if (end < stream.Bytes())
+        return Refusal(CZuString::Format("{1}: its records don't say where byte {2} of it lies", m_Where, end));
+    return WriteSparseBlock(stream, end, 0);
 }
 
 CZuError CNtfsBackupStream::WriteSparseBlock(CNtfsStream& stream, uint64_t offset, uint64_t bytes) {
