@@ -20,16 +20,25 @@ CZuError SystemRefusal(const std::string& where) {
     return ErrorAt(where, SystemFailure(errno != 0 ? errno : EIO));
 }
 
-void KeepTimes(const std::string& name, const NtfsFileInfo_t& file, std::vector<std::string>& problems) {
-    const int error = SetFileTimes(name, file.creation, file.access, file.modification);
+// A file or directory that is written: where it lies as yet, and where people will find it.
+struct Place_t {
+    std::string name;
+    std::string finalName;
+
+    Place_t Below(const std::string& path) const { return {name + "/" + path, finalName + "/" + path}; }
+};
+
+void KeepTimes(const Place_t& place, const NtfsFileInfo_t& file, std::vector<std::string>& problems) {
+    const int error = SetFileTimes(place.name, file.creation, file.access, file.modification);
     if (error != 0)
-        problems.push_back(DescribeError(ErrorAt(name + ": its times", SystemFailure(error))));
+        problems.push_back(DescribeError(ErrorAt(place.finalName + ": its times", SystemFailure(error))));
 }
 
-// Names of this system hold neither slashes nor zeros, and two of them stand for other directories.
+// Names of this system hold neither separators nor zeros, and two of them stand for other directories.
 bool IsPossibleName(const std::string& name) {
-    return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos &&
-           name.find('\0') == std::string::npos;
+    const std::filesystem::path path(name);
+    return !name.empty() && name != "." && name != ".." && name.find('\0') == std::string::npos &&
+           !path.has_root_path() && !path.has_parent_path();
 }
 
 std::string LinkText(uint32_t tag) {
@@ -66,42 +75,44 @@ public:
     CCopier(CNtfsVolume& volume, NtfsCopy_t& copy) : m_Volume(volume), m_Copy(copy) {}
 
     // A name that stands already is refused: a damaged directory may hold one twice.
-    CZuError CopyFile(const NtfsFileInfo_t& file, const std::string& name) {
+    CZuError CopyFile(const NtfsFileInfo_t& file, const Place_t& place) {
         errno = 0;
-        std::FILE* const output = std::fopen(name.c_str(), "wbx");
+        std::FILE* const output = std::fopen(place.name.c_str(), "wbx");
         if (output == nullptr)
-            return SystemRefusal(name);
+            return SystemRefusal(place.finalName);
         std::setvbuf(output, nullptr, _IONBF, 0);  // pieces are large: a buffer would only copy them again
         bool isWritten = true;
         const CZuError error = m_Volume.ReadStream(file.frn, "", [&](const char* bytes, uint32_t size) {
             isWritten = WritePiece(output, bytes, size, HasHoles(file));
             return isWritten && Advance(size);
         });
-        const bool isClosed = std::fclose(output) == 0 && (!HasHoles(file) || SetSize(name, file.bytes));
+        const int writeError = errno;
+        const bool isClosed = std::fclose(output) == 0 && (!HasHoles(file) || SetSize(place.name, file.bytes));
         CZuError outcome = error;
         if (!error.IsErrorSet() && m_IsCancelled)
             outcome = Refusal(Cancelled);
-        else if (!error.IsErrorSet() && (!isWritten || !isClosed))
-            outcome = SystemRefusal(name);
+        else if (!error.IsErrorSet() && !(isWritten && isClosed))
+            outcome = WriteFailure(place, isWritten ? errno : writeError);
         if (outcome.IsErrorSet())
-            std::remove(name.c_str());  // what was written of it is no file of that name
+            std::remove(place.name.c_str());  // what was written of it is no file of that name
         else
             ++m_Copy.files;
         return outcome;
     }
 
-    // Fills the directory `name`. Times of directories are set last: each file in one changes them.
-    CZuError CopyTree(const NtfsFileInfo_t& directory, const std::string& name) {
+    // Fills a directory. Times of directories are set last: each file in one changes them.
+    CZuError CopyTree(const NtfsFileInfo_t& directory, const Place_t& place) {
         NtfsListing_t listing;
         listing.isRecursive = true;
         listing.withMetadata = m_Copy.withMetadata;
-        std::vector<std::pair<std::string, NtfsFileInfo_t>> directories = {{name, directory}};
+        std::vector<std::pair<Place_t, NtfsFileInfo_t>> directories = {{place, directory}};
         ZU_RETURN_IF_ERROR(m_Volume.List(directory.frn, listing, [&](const NtfsEntry_t& entry) {
-            CopyEntry(entry, name + "/" + entry.path, directories);
-            return !m_IsCancelled;
+            CopyEntry(entry, place.Below(entry.path), directories);
+            return !IsEnded();
         }));
         if (m_IsCancelled)
             return Refusal(Cancelled);
+        ZU_RETURN_IF_ERROR(m_WriteFailure);
         for (auto each = directories.rbegin(); each != directories.rend(); ++each)
             KeepTimes(each->first, each->second, m_Copy.problems);
         m_Copy.directories = directories.size();
@@ -110,6 +121,14 @@ public:
     }
 
 private:
+    bool IsEnded() const { return m_IsCancelled || m_WriteFailure.IsErrorSet(); }
+
+    // A target that can't be written to ends the whole copy: the next file would fare no better.
+    CZuError WriteFailure(const Place_t& place, int error) {
+        m_WriteFailure = ErrorAt(place.finalName, SystemFailure(error != 0 ? error : EIO));
+        return m_WriteFailure;
+    }
+
     bool Advance(uint32_t bytes) {
         m_Copy.bytes += bytes;
         Progress_t progress;
@@ -118,10 +137,12 @@ private:
         return !m_IsCancelled;
     }
 
-    void CopyEntry(const NtfsEntry_t& entry, const std::string& name,
-                   std::vector<std::pair<std::string, NtfsFileInfo_t>>& directories) {
+    // What lies in a directory follows right behind it, so that its name may come again.
+    void CopyEntry(const NtfsEntry_t& entry, const Place_t& place,
+                   std::vector<std::pair<Place_t, NtfsFileInfo_t>>& directories) {
         if (!m_LeftOut.empty() && entry.path.compare(0, m_LeftOut.size(), m_LeftOut) == 0)
-            return;  // what lies in a directory follows right behind it
+            return;
+        m_LeftOut.clear();
         const std::string problem = WhatPrevents(entry);
         if (!problem.empty()) {
             LeaveOut(entry, problem);
@@ -129,18 +150,16 @@ private:
         }
         if (entry.file.isDirectory) {
             std::error_code failed;
-            if (std::filesystem::create_directory(name, failed))
-                directories.emplace_back(name, entry.file);
+            if (std::filesystem::create_directory(place.name, failed))
+                directories.emplace_back(place, entry.file);
             else
                 LeaveOut(entry, failed ? failed.message() : "stands in its directory twice");
             return;
         }
-        const CZuError error = CopyFile(entry.file, name);
-        if (!error.IsErrorSet()) {
-            KeepTimes(name, entry.file, m_Copy.problems);
-            return;
-        }
-        if (!m_IsCancelled)
+        const CZuError error = CopyFile(entry.file, place);
+        if (!error.IsErrorSet())
+            KeepTimes(place, entry.file, m_Copy.problems);
+        else if (!IsEnded())
             m_Copy.problems.push_back(entry.path + ": " + DescribeError(error));
     }
 
@@ -163,6 +182,7 @@ private:
     CNtfsVolume& m_Volume;
     NtfsCopy_t& m_Copy;
     bool m_IsCancelled = false;
+    CZuError m_WriteFailure;
     std::string m_LeftOut;  // a directory, with a slash behind it
 };
 
@@ -188,8 +208,9 @@ std::string FinalTarget(const std::string& path, const std::string& target) {
 CZuError CopyOneFile(CNtfsVolume& volume, const NtfsFileInfo_t& file, const std::string& target, NtfsCopy_t& copy) {
     CStagedFile staged;
     ZU_RETURN_IF_ERROR(staged.Begin(target, copy.isReplacing));
-    ZU_RETURN_IF_ERROR(CCopier(volume, copy).CopyFile(file, staged.TemporaryName()));
-    KeepTimes(staged.TemporaryName(), file, copy.problems);
+    const Place_t place{staged.TemporaryName(), target};
+    ZU_RETURN_IF_ERROR(CCopier(volume, copy).CopyFile(file, place));
+    KeepTimes(place, file, copy.problems);
     return staged.Commit();
 }
 
@@ -197,7 +218,7 @@ CZuError CopyDirectory(CNtfsVolume& volume, const NtfsFileInfo_t& directory, con
                        NtfsCopy_t& copy) {
     CStagedDirectory staged;
     ZU_RETURN_IF_ERROR(staged.Begin(target));
-    ZU_RETURN_IF_ERROR(CCopier(volume, copy).CopyTree(directory, staged.TemporaryName()));
+    ZU_RETURN_IF_ERROR(CCopier(volume, copy).CopyTree(directory, {staged.TemporaryName(), target}));
     return staged.Commit();
 }
 
