@@ -256,6 +256,7 @@ TEST_F(DRVolumeFile, AListWhoseDataCannotBeReadIsRefused) {
     File_t file;
     EXPECT_EQ(NtfsOutOfMemory, OpenOnly(list({{NtfsHole, 1U << 20U}}, uint64_t{1} << 32U), file));
     EXPECT_EQ(NtfsOutOfMemory, OpenOnly(list({{NtfsHole, 1U << 20U}}, (uint64_t{1} << 30U) + 1), file));
+    EXPECT_EQ(NtfsOutOfMemory, OpenOnly(list({{NtfsHole, 1U << 18U}}, uint64_t{1} << 30U), file)) << "zeros alone";
     EXPECT_EQ(NtfsSeeLog, OpenOnly(list({{5000, 1}}, 100), file));
     EXPECT_EQ(
         NtfsRunTooWide,

@@ -287,6 +287,56 @@ TEST_F(DRVolumeIndex, AnAllocationOfHolesEnds) {
     ExpectFailure(NtfsIndexNotFound, L"\\dir\\x");
 }
 
+// A volume may say that a hole has any size, and to read its blocks one by one would take for ever.
+TEST_F(DRVolumeIndex, ABlockBehindAHoleIsFoundHoweverLongTheHoleIs) {
+    constexpr uint64_t huge = uint64_t{1} << 50U;
+    const struct {
+        const char* name;
+        std::vector<NtfsRun_t> runs;
+        uint32_t blockBytes;
+        uint16_t compressionUnit;
+    } rows[] = {
+        {"in front", {{NtfsHole, huge}, {Lcn, 4}}, 4096, 0},
+        {"in the middle", {{Lcn + 8, 1}, {NtfsHole, huge}, {Lcn, 4}}, 4096, 0},
+        {"two of them", {{NtfsHole, huge}, {NtfsHole, huge}, {Lcn, 4}}, 4096, 0},
+        {"with small blocks", {{Lcn + 8, 1}, {NtfsHole, huge}, {Lcn, 4}}, 1024, 0},
+        {"with large blocks", {{Lcn + 8, 1}, {NtfsHole, huge - 1}, {Lcn, 4}}, 8192, 0},
+        {"that ends in a block", {{Lcn + 8, 1}, {NtfsHole, huge}, {Lcn + 9, 1}, {Lcn, 4}}, 8192, 0},
+        {"of whole compression units", {{Lcn + 16, 4}, {NtfsHole, huge}, {Lcn, 4}}, 4096, 2},
+        {"that begins in a compression unit", {{Lcn + 16, 2}, {NtfsHole, huge - 2}, {Lcn, 4}}, 4096, 2},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        const std::string block = IndexBlock().RecordBytes(row.blockBytes).Add(NtfsDirectoryEntry(41, u"x")).Bytes();
+        uint64_t clusters = 0;
+        for (const NtfsRun_t& run : row.runs)
+            clusters += run.clusters;
+        Attribute allocation = AllocationOf(row.runs, clusters * ClusterBytes);
+        if (row.compressionUnit != 0)
+            allocation.CompressionUnit(row.compressionUnit);
+        const FileRecord directory =
+            FileRecord().Directory().Add(RootOf(IndexRoot().BlockBytes(row.blockBytes))).Add(allocation);
+        ASSERT_EQ(NtfsOk, Open(WithDirectory(directory).Cluster(Lcn, block)));
+        ExpectFound(41, L"\\dir\\x");
+        ExpectFailure(NtfsIndexNotFound, L"\\dir\\y");
+    }
+}
+
+TEST_F(DRVolumeIndex, AnAllocationEndsInAHoleWithItsLastCluster) {
+    constexpr uint64_t huge = uint64_t{1} << 50U;
+    const std::string block = IndexBlock().Add(NtfsDirectoryEntry(41, u"x")).Bytes();
+    Attribute allocation = AllocationOf({{NtfsHole, huge}, {Lcn, 1}}, (huge + 1) * ClusterBytes);
+    for (const uint64_t lastVcn : {huge, huge - 1, huge / 2}) {
+        const FileRecord directory =
+            FileRecord().Directory().Add(RootOf(IndexRoot())).Add(allocation.HighestVcn(lastVcn));
+        ASSERT_EQ(NtfsOk, Open(WithDirectory(directory).Cluster(Lcn, block)));
+        if (lastVcn == huge)
+            ExpectFound(41, L"\\dir\\x");
+        else
+            ExpectFailure(NtfsIndexNotFound, L"\\dir\\x");
+    }
+}
+
 // Callers rely on every result but a hit leading to the next block: what is broken hides no other file.
 TEST_F(DRVolumeIndex, ABrokenBlockLeadsToTheNext) {
     const std::string good = IndexBlock().Add(NtfsDirectoryEntry(41, u"x")).Bytes();

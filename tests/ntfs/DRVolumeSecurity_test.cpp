@@ -200,6 +200,20 @@ TEST_F(DRVolumeSecurityBlocks, ABlockWithoutItsSignatureIsPassedOver) {
     EXPECT_SAME_BYTES(Dumped(256, "OGSD") + Dumped(259, "D"), Dump().descriptor);
 }
 
+TEST_F(DRVolumeSecurityBlocks, AHoleIsPassedOverHoweverLongItIs) {
+    constexpr uint64_t huge = uint64_t{1} << 50U;
+    Volume volume = TwoBlocks();
+    volume.Record(9,
+                  SecureWith({volume.SecurityStream(), SiiRoot(IndexRoot().Add(EntryOf(256))),
+                              SiiAllocation({{Lcn, 1}, {NtfsHole, huge}, {Lcn + 1, 1}}, (huge + 2) * ClusterBytes)}));
+    ASSERT_EQ(NtfsOk, Open(volume));
+    ExpectFound(LettersOf(259), 259);
+    ExpectFailure(NtfsIndexNotFound, 260);
+    const Found_t dump = Dump();
+    EXPECT_EQ(NtfsOk, dump.result);
+    EXPECT_SAME_BYTES(Dumped(256, "OGSD") + Dumped(257, "OG") + Dumped(258, "OGD") + Dumped(259, "D"), dump.descriptor);
+}
+
 TEST_F(DRVolumeSecurityBlocks, ATornBlockIsRefused) {
     ASSERT_EQ(NtfsOk, Open(TwoBlocks().Cluster(Lcn, IndexBlock().Add(EntryOf(257)).BreakSectorEnd(2).Bytes())));
     ExpectFailure(NtfsIndexCorrupted, 259);
