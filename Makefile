@@ -47,13 +47,14 @@ windows: ## Cross-build the core and its tests for Windows; WINDOWS_TARGET=disks
 	cmake --preset windows
 	cmake --build --preset windows -j $(JOBS) --target $(WINDOWS_TARGET)
 
-bench: ## Measure, and compare with qemu-img and dd
+bench: ## Measure, and compare with programs that do the same
 	@$(PACKAGES) build test bench
 	cmake --preset release
 	cmake --build --preset release -j $(JOBS) --target core_bench --target make_dynamic_disks --target diskstream_tool
 	build/release/bench/core_bench
 	bench/compare.sh build/release/tool/diskstream
 	bench/compare-reads.sh build/release/tool/diskstream build/release/bench/make_dynamic_disks
+	bench/compare-files.sh build/release/tool/diskstream
 
 fuzz: ## Run each fuzz target for FUZZ_SECONDS (60)
 	@$(PACKAGES) build fuzz
@@ -80,7 +81,7 @@ lint: ## Check includes, wording and what clang-tidy sees; LINT=quick without it
 	@$(PACKAGES) build test lint
 	.ci/check-includes
 	.ci/check-words
-	cmake --preset dev -B build/lint -DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON
+	cmake --preset dev -B build/lint -DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON -DDISKSTREAM_UNITE=ON
 	.ci/check-tidy build/lint $(JOBS) $(LINT)
 
 install: ## Install below PREFIX (/usr/local)
