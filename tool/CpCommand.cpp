@@ -26,8 +26,10 @@ void PrintCopied(const CpArguments_t& arguments, const NtfsCopy_t& copy) {
         std::printf("%llu files, %s\n", static_cast<unsigned long long>(copy.files), SizeText(copy.bytes).c_str());
 }
 
+// What was left out is told of when the result is out, which says it in JSON.
 int RunCp(const CpArguments_t& arguments) {
-    return RunOnVolume(arguments, [&](CNtfsVolume& volume) -> CZuError {
+    bool isWhole = true;
+    const int exitCode = RunOnVolume(arguments, [&](CNtfsVolume& volume) -> CZuError {
         NtfsCopy_t copy;
         copy.isRecursive = arguments.isRecursive;
         copy.isReplacing = arguments.isReplacing;
@@ -39,8 +41,13 @@ int RunCp(const CpArguments_t& arguments) {
         }
         PrintCopied(arguments, copy);
         PrintWarnings(copy.problems);
-        return copy.problems.empty() ? CZuError() : Refusal("The copy isn't whole: some files were left out");
+        isWhole = copy.problems.empty();
+        return CZuError();
     });
+    if (isWhole)
+        return exitCode;
+    PrintComplaint("the copy isn't whole: some of it was left out");
+    return ExitFailure;
 }
 
 }  // namespace

@@ -1,8 +1,8 @@
 #include <cstdio>
 #include <memory>
 
+#include "agent/ErrorText.h"
 #include "agent/NtfsTime.h"
-#include "foundation/detail/ErrorHandling.h"
 #include "tool/FilesOfVolume.h"
 
 namespace {
@@ -51,7 +51,6 @@ public:
     }
     CJsonListing(const CJsonListing&) = delete;
     CJsonListing& operator=(const CJsonListing&) = delete;
-    ~CJsonListing() { std::puts("]}"); }
 
     void Put(const NtfsEntry_t& entry) {
         Json_t object{{"path", entry.path}};
@@ -61,42 +60,64 @@ public:
         m_IsFirst = false;
     }
 
+    void End(const std::vector<std::string>& problems) {
+        std::printf("],\n\"problems\":%s}\n",
+                    Json_t(problems).dump(-1, ' ', false, Json_t::error_handler_t::replace).c_str());
+    }
+
 private:
     bool m_IsFirst = true;
 };
 
 // What can't be read of a directory or of a file is told at the end, and is a failure.
-CZuError List(const LsArguments_t& arguments, CNtfsVolume& volume, const NtfsFileInfo_t& file,
-              const TakeNtfsEntry_t& take) {
+std::vector<std::string> List(const LsArguments_t& arguments, CNtfsVolume& volume, const NtfsFileInfo_t& file,
+                              const TakeNtfsEntry_t& take) {
     if (!file.isDirectory) {
         take({arguments.Rest(0), arguments.Rest(0), file});
-        return CZuError();
+        return {};
     }
     NtfsListing_t listing;
     listing.isRecursive = arguments.isRecursive;
     listing.withMetadata = arguments.withMetadata;
-    ZU_RETURN_IF_ERROR(volume.List(file.frn, listing, [&](const NtfsEntry_t& entry) {
+    const CZuError error = volume.List(file.frn, listing, [&](const NtfsEntry_t& entry) {
         if (!entry.file.problem.empty())
             listing.problems.push_back(entry.path + ": " + entry.file.problem);
         return take(entry);
-    }));
-    PrintWarnings(listing.problems);
-    return listing.problems.empty() ? CZuError() : Refusal("the listing isn't whole: some of it can't be read");
+    });
+    if (error.IsErrorSet())
+        listing.problems.push_back(DescribeError(error));
+    return listing.problems;
 }
 
-int RunLs(const LsArguments_t& arguments) {
-    return RunOnFile(arguments, [&](CNtfsVolume& volume, const NtfsFileInfo_t& file) -> CZuError {
-        if (!arguments.output.json)
-            return List(arguments, volume, file, [&](const NtfsEntry_t& entry) {
-                PrintEntry(arguments, entry);
-                return true;
-            });
-        CJsonListing listing(arguments.volume, arguments.Rest(0).empty() ? "/" : arguments.Rest(0));
-        return List(arguments, volume, file, [&](const NtfsEntry_t& entry) {
-            listing.Put(entry);
-            return true;
-        });
+std::vector<std::string> ListAsJson(const LsArguments_t& arguments, CNtfsVolume& volume, const NtfsFileInfo_t& file) {
+    CJsonListing listing(arguments.volume, arguments.Rest(0).empty() ? "/" : arguments.Rest(0));
+    const std::vector<std::string> problems = List(arguments, volume, file, [&](const NtfsEntry_t& entry) {
+        listing.Put(entry);
+        return true;
     });
+    listing.End(problems);
+    return problems;
+}
+
+std::vector<std::string> ListAsText(const LsArguments_t& arguments, CNtfsVolume& volume, const NtfsFileInfo_t& file) {
+    return List(arguments, volume, file, [&](const NtfsEntry_t& entry) {
+        PrintEntry(arguments, entry);
+        return true;
+    });
+}
+
+// The problems are told of when the listing is out, which holds them in JSON.
+int RunLs(const LsArguments_t& arguments) {
+    std::vector<std::string> problems;
+    const int exitCode = RunOnFile(arguments, [&](CNtfsVolume& volume, const NtfsFileInfo_t& file) {
+        problems = arguments.output.json ? ListAsJson(arguments, volume, file) : ListAsText(arguments, volume, file);
+        return CZuError();
+    });
+    if (problems.empty())
+        return exitCode;
+    PrintWarnings(problems);
+    PrintComplaint("the listing isn't whole: some of it can't be read");
+    return ExitFailure;
 }
 
 }  // namespace

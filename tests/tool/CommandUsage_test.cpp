@@ -12,8 +12,9 @@ using testing::StartsWith;
 
 using CommandUsage = CCommandFixture;
 
-const std::vector<std::string> Commands{"info",       "backup",  "restore", "verify",     "list",
-                                        "partitions", "volumes", "read",    "create-disk"};
+const std::vector<std::string> Commands{"info",    "backup",  "restore",       "verify",  "list", "partitions",
+                                        "volumes", "read",    "create-disk",   "ls",      "stat", "cat",
+                                        "cp",      "streams", "export-stream", "security"};
 
 TEST_F(CommandUsage, HelpTellsOfEveryCommandWithExamples) {
     for (const std::string option : {"--help", "-h"}) {
