@@ -48,8 +48,8 @@ constexpr Bit_t FileRights[] = {{0x1F01FF, "FA"}, {0x120089, "FR"}, {0x120116, "
 enum class AceForm_t { Plain, Object };
 
 struct AceType_t {
-    uint8_t type;
-    const char* word;
+    uint8_t type = 0;
+    const char* word = "";
     AceForm_t form = AceForm_t::Plain;
     bool mayHaveMore = false;  // behind the SID
 };
