@@ -16,6 +16,7 @@ namespace {
 
 constexpr uint64_t PieceBytes = uint64_t{1} << 20U;
 constexpr unsigned UnitShiftMask = 31;
+constexpr uint64_t LargestStoredUnit = uint64_t{1} << 24U;  // NTFS itself makes none above 64 KiB
 
 struct ClusterRun_t {
     uint64_t lcn = 0;  // HoleLcn for a hole
@@ -330,7 +331,7 @@ int CDRVolume::DeliverChunk(Request_t& request, CByteView chunk) {
     return NtfsEndOfRun;
 }
 
-// Up to the first hole, which pads a compressed unit.
+// Up to the first hole, which pads a compressed unit. The runs of a hostile one may name the same clusters many times.
 int CDRVolume::ReadCompressedClusters(const Unit_t& unit) {
     m_CompressedBuffer.Alloc(0);
     uint64_t done = 0;
@@ -340,7 +341,7 @@ int CDRVolume::ReadCompressedClusters(const Unit_t& unit) {
         const uint64_t runBytes = run.clusters * m_VolumeData.BytesPerCluster;
         for (uint64_t inRun = 0; inRun < runBytes;) {
             const uint64_t piece = std::min(runBytes - inRun, PieceBytes);
-            if (!GrowBuffer(m_CompressedBuffer, done + piece))
+            if (done + piece > LargestStoredUnit || !GrowBuffer(m_CompressedBuffer, done + piece))
                 return NtfsOutOfMemory;
             NTFS_RETURN_IF_FAILED(
                 Fetch(run.lcn, inRun, m_CompressedBuffer.GetPtr() + done, static_cast<uint32_t>(piece)));

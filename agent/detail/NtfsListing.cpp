@@ -11,6 +11,9 @@
 namespace {
 
 constexpr size_t BatchEntries = size_t{1} << 14U;
+constexpr size_t BatchBytes = size_t{1} << 24U;   // of paths; those of a damaged tree may be as long as the volume
+constexpr size_t HeldStreams = size_t{1} << 17U;  // of all files of a batch; many names may stand for one large record
+constexpr uint64_t SmallestNameBytes = 96;        // on disk, in a file's record; each entry of an index has one there
 constexpr uint32_t AttributeIsDirectory = 0x10000000;  // in a name's copy of the attributes alone
 constexpr uint64_t FirstUserFrn = 16;                  // the records before it make the volume itself
 constexpr uint16_t AnyReuseCount = 0;
@@ -21,13 +24,15 @@ CZuError CNtfsListing::Run(uint64_t directory) {
     ZU_RETURN_IF_ERROR(Enter(directory, AnyReuseCount, ""));
     while (!m_Folders.empty()) {
         TakeNext();
-        if (m_Batch.size() == BatchEntries && !GiveBatch())
+        if ((m_Batch.size() == BatchEntries || m_BatchBytes >= BatchBytes) && !GiveBatch())
             return CZuError();
     }
     GiveBatch();
     return CZuError();
 }
 
+// Directories that name the same blocks may hold more names together than the volume has room for; a sound one never
+// does.
 CZuError CNtfsListing::Enter(uint64_t frn, uint16_t reuseCount, const std::string& path) {
     ZU_RETURN_IF_ERROR(m_Volume.ReadRecord(frn, m_Record));
     if (reuseCount != AnyReuseCount && reuseCount != NtfsHeadOf(m_Record).reuseCount)
@@ -36,14 +41,19 @@ CZuError CNtfsListing::Enter(uint64_t frn, uint16_t reuseCount, const std::strin
     if ((NtfsHeadOf(m_Record).flags & RecordIsDirectory) == 0)
         return Refusal(CZuString::Format("{1}: file record {2} is no directory", m_Volume.Name(), frn));
     Folder_t folder;
-    folder.path = path;
+    folder.pathBytes = path.size();
+    const uint64_t mostNames = m_Volume.Bytes() / SmallestNameBytes;
     CNtfsDirectory names(m_Volume, m_Volume.Name() + ": /" + path);
     ZU_RETURN_IF_ERROR(names.Walk(m_Record, [&](NtfsIndexName_t&& name) {
         if (!IsHidden(name))
             folder.names.push_back(std::move(name));
-        return true;
+        return m_HeldNames + folder.names.size() <= mostNames;
     }));
+    if (m_HeldNames + folder.names.size() > mostNames)
+        return Refusal(m_Volume.Name() + ": /" + path + ": holds more names than the volume has room for");
     m_Listing.problems.insert(m_Listing.problems.end(), names.Problems().begin(), names.Problems().end());
+    m_HeldNames += folder.names.size();
+    m_Path = path;
     m_Folders.push_back(std::move(folder));
     return CZuError();
 }
@@ -55,14 +65,17 @@ bool CNtfsListing::IsHidden(const NtfsIndexName_t& name) const {
 
 void CNtfsListing::TakeNext() {
     Folder_t& folder = m_Folders.back();
+    m_Path.resize(folder.pathBytes);
     if (folder.next == folder.names.size()) {
+        m_HeldNames -= folder.names.size();
         m_Folders.pop_back();
         return;
     }
     const NtfsIndexName_t& name = folder.names[folder.next++];
     const std::string text = TextOfNtfsName(name.name);
-    const std::string path = folder.path + text;
-    m_Batch.push_back({path, text, name.frn, name.reuseCount, {}});
+    const std::string path = m_Path + text;
+    m_BatchBytes += path.size();
+    m_Batch.push_back({path, text, name.frn, name.reuseCount, false, {}});
     const bool isFolder = (name.attributes & AttributeIsDirectory) != 0;
     if (!m_Listing.isRecursive || !isFolder || m_Entered.count(name.frn) != 0)
         return;
@@ -75,6 +88,8 @@ bool CNtfsListing::GiveBatch() {
     DescribeBatch();
     NtfsEntry_t entry;
     for (Waiting_t& each : m_Batch) {
+        if (!each.isDescribed)
+            DescribeFile(each);
         entry.path = std::move(each.path);
         entry.name = std::move(each.name);
         entry.file = std::move(each.file);
@@ -82,6 +97,8 @@ bool CNtfsListing::GiveBatch() {
             return false;
     }
     m_Batch.clear();
+    m_BatchBytes = 0;
+    m_BatchStreams = 0;
     return true;
 }
 
@@ -92,11 +109,15 @@ void CNtfsListing::DescribeBatch() {
                      [&](size_t left, size_t right) { return m_Batch[left].frn < m_Batch[right].frn; });
     const Waiting_t* previous = nullptr;
     for (const size_t index : order) {
+        if (m_BatchStreams >= HeldStreams)
+            return;  // the others are described when they are given
         Waiting_t& entry = m_Batch[index];
         if (previous != nullptr && previous->frn == entry.frn && previous->reuseCount == entry.reuseCount)
             entry.file = previous->file;  // another name of the same file
         else
             DescribeFile(entry);
+        entry.isDescribed = true;
+        m_BatchStreams += entry.file.streams.size();
         previous = &entry;
     }
 }

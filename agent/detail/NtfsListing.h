@@ -22,7 +22,7 @@ public:
 private:
     // A directory whose names are being given.
     struct Folder_t {
-        std::string path;  // with a slash behind it, unless it is the one asked for
+        size_t pathBytes = 0;  // of the path in work, its slash included
         std::vector<NtfsIndexName_t> names;
         size_t next = 0;
     };
@@ -32,6 +32,7 @@ private:
         std::string name;
         uint64_t frn;
         uint16_t reuseCount;
+        bool isDescribed;
         NtfsFileInfo_t file;
     };
 
@@ -46,7 +47,11 @@ private:
     NtfsListing_t& m_Listing;
     const TakeNtfsEntry_t& m_Take;
     std::vector<Folder_t> m_Folders;  // from the one asked for to the one in work
+    std::string m_Path;               // of that one, with a slash behind it, unless it is the one asked for
+    uint64_t m_HeldNames = 0;         // in all of them
     std::unordered_set<uint64_t> m_Entered;
     std::vector<Waiting_t> m_Batch;
+    size_t m_BatchBytes = 0;    // of its paths
+    size_t m_BatchStreams = 0;  // of the files that are described
     CAutoMemory<char> m_Record;
 };

@@ -1,5 +1,7 @@
 #include "agent/detail/NtfsMappedVolume.h"
 
+#include <limits>
+
 #include "VirtualServer/VMInfo/NtfsBootSector.h"
 #include "VirtualServer/VMInfo/detail/NtfsVolumeFacts.h"
 #include "agent/ErrorText.h"
@@ -31,6 +33,11 @@ CZuError CNtfsMappedVolume::Open(CVolumeSet& set, const VolumeInfo_t& volume) {
 uint64_t CNtfsMappedVolume::RecordCount() const {
     const uint32_t recordBytes = VolumeData().BytesPerFileRecordSegment;
     return recordBytes == 0 ? 0 : DivideRoundingUp(MftSize(), recordBytes);
+}
+
+uint64_t CNtfsMappedVolume::Bytes() const {
+    uint64_t bytes = 0;
+    return SectorsToBytes(m_Info->sectors, bytes) ? bytes : std::numeric_limits<uint64_t>::max();
 }
 
 CZuError CNtfsMappedVolume::ReadRecord(uint64_t frn, CAutoMemory<char>& record) {

@@ -19,6 +19,7 @@ public:
     uint32_t ClusterBytes() const { return VolumeData().BytesPerCluster; }
     uint32_t SectorBytes() const { return VolumeData().BytesPerSector; }
     uint64_t RecordCount() const;
+    uint64_t Bytes() const;
 
     // The merged record of that file; the contexts of the core are of no use here.
     CZuError ReadRecord(uint64_t frn, CAutoMemory<char>& record);

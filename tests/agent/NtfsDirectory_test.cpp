@@ -375,6 +375,66 @@ TEST_F(NtfsListing, FoldersInACircleAreEnteredOnce) {
     EXPECT_EQ((Texts_t{"a", "a/b", "a/b/a again", "a/b/b again"}), ListAll());
 }
 
+TEST_F(NtfsListing, ManyNamesOfAFileWithManyStreamsAreAllDescribed) {
+    constexpr uint64_t blocks = 200;
+    constexpr uint64_t namesOfBlock = 40;
+    constexpr size_t streams = 18;
+    Volume volume;
+    for (uint64_t number = 0; number < blocks; ++number) {
+        Block block;
+        block.Vcn(number);
+        for (uint64_t name = 0; name < namesOfBlock; ++name)
+            block.Add(File(0, u"x"));
+        if (number + 1 < blocks)
+            block.LastEntry(NtfsLastEntryTo(number + 1));
+        volume.Cluster(Lcn + number, block.Bytes());
+    }
+    FileRecord file = NtfsFileOf("1");
+    for (size_t stream = 1; stream < streams; ++stream)
+        file.Add(NtfsDataOf("2").Name(std::u16string(1, static_cast<char16_t>(u'a' + stream))));
+    Open(volume.Record(FirstFileFrn, file)
+             .Record(FolderFrn, LargeFolder(Root().LastEntry(NtfsLastEntryTo(0)),
+                                            AllocationIn({{Lcn, blocks}}, blocks * ClusterBytes))));
+    NtfsListing_t listing;
+    size_t described = 0;
+    ASSERT_OK(m_Ntfs->List(FolderFrn, listing, [&](const NtfsEntry_t& entry) {
+        described += entry.file.streams.size() == streams ? 1 : 0;
+        return true;
+    }));
+    EXPECT_EQ(blocks * namesOfBlock, described);
+    EXPECT_EQ(Texts_t{}, listing.problems);
+}
+
+// A folder below another holds its names together with those of all above it, and the same few blocks may stand for
+// the names of each.
+TEST_F(NtfsListing, FoldersThatHoldMoreNamesThanTheVolumeHasRoomForAreNotEntered) {
+    constexpr uint64_t blocks = 100;
+    constexpr uint64_t namesOfBlock = 40;
+    constexpr uint64_t folders = 10;
+    constexpr uint64_t firstFolder = 20;
+    Volume volume;
+    for (uint64_t number = 0; number < blocks; ++number) {
+        Block block;
+        block.Vcn(number);
+        for (uint64_t name = 0; name < namesOfBlock; ++name)
+            block.Add(File(0, u"x"));
+        if (number + 1 < blocks)
+            block.LastEntry(NtfsLastEntryTo(number + 1));
+        volume.Cluster(Lcn + number, block.Bytes());
+    }
+    for (uint64_t folder = firstFolder; folder < firstFolder + folders; ++folder)
+        volume.Record(folder, LargeFolder(Root().Add(NtfsFolderEntryOf(folder + 1, u"f")).LastEntry(NtfsLastEntryTo(0)),
+                                          AllocationIn({{Lcn, blocks}}, blocks * ClusterBytes)));
+    volume.Root(Root().Add(NtfsFolderEntryOf(firstFolder, u"f"))).Record(FirstFileFrn, NtfsFileOf("1"));
+    Open(volume);
+    NtfsListing_t listing;
+    listing.isRecursive = true;
+    const Texts_t names = List(NtfsRootNumber, listing);
+    // 2 MiB have room for five folders, and each of them names the next.
+    EXPECT_EQ(1 + 5 * (1 + blocks * namesOfBlock), names.size());
+    EXPECT_EQ(Texts_t{"Volume1: /f/f/f/f/f/f/: holds more names than the volume has room for"}, listing.problems);
+}
+
 TEST_F(NtfsListing, AFolderThatCannotBeReadIsToldOf) {
     Open(Volume()
              .Root(Root()

@@ -459,6 +459,13 @@ TEST_F(DRVolumeAttribute, AHugeUnitTakesNoMoreMemoryThanItsRuns) {
     EXPECT_EQ(NtfsOutOfMemory, Read(5000).result);
 }
 
+TEST_F(DRVolumeAttribute, AUnitWhoseRunsNameTheSameClustersAgainAndAgainIsOutOfMemory) {
+    std::vector<NtfsRun_t> runs(12, {100, 400});
+    runs.push_back({NtfsHole, 8192 - 12 * 400});
+    Take(Compressed(runs, 8192 * ClusterBytes).CompressionUnit(13));
+    EXPECT_EQ(NtfsOutOfMemory, Read(5000).result);
+}
+
 // --- One chunk.
 
 TEST_F(DRVolumeAttribute, UnCompressDecodesOneChunk) {
