@@ -19,7 +19,7 @@ extern "C" __attribute__((weak)) size_t LLVMFuzzerMutate(uint8_t* data, size_t s
 
 namespace {
 
-constexpr uint64_t MostMemory = 16 * NtfsImageBytes;
+constexpr uint64_t MostMemory = 32 * NtfsImageBytes;
 constexpr uint64_t RootFrn = 5;
 constexpr size_t MostEntries = 4096;
 constexpr size_t MostFiles = 48;

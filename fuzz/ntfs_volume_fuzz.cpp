@@ -16,7 +16,7 @@ extern "C" __attribute__((weak)) size_t LLVMFuzzerMutate(uint8_t* data, size_t s
 
 namespace {
 
-constexpr uint64_t MostMemory = 16 * NtfsImageBytes;
+constexpr uint64_t MostMemory = 32 * NtfsImageBytes;
 constexpr uint64_t MostBytesRead = 32 * NtfsImageBytes;  // of the volume, by one input
 constexpr uint64_t MostRecords = 96;
 constexpr uint64_t MostContents = 300000;
