@@ -9,6 +9,7 @@
 
 namespace {
 
+constexpr uint64_t CompressedBytesOffset = 64;  // in an attribute
 constexpr uint32_t TagIsOfWindows = 0x80000000;
 constexpr uint32_t TagIsLink = 0x20000000;
 // Files of other systems that have no contents: a file of NFS, a socket, a pipe, devices.
@@ -28,6 +29,18 @@ void DescribeStandardInformation(ATTR_RECORD_HEADER_t* attribute, NtfsFileInfo_t
     info.securityId = fields.securityId;
 }
 
+// Where clusters are left out, the attribute has a field more, which counts those that aren't.
+uint64_t BytesOnDisk(const ATTR_RECORD_HEADER_t* attribute) {
+    if (attribute->IsNonResident == 0)
+        return 0;
+    const NtfsNonResidentForm_t form = NonResidentFormOf(attribute);
+    const CByteView bytes(reinterpret_cast<const char*>(attribute), attribute->Length);
+    Le64_t stored{};
+    const bool leavesOut = (attribute->Flags & (AttrCompressed | AttrSparse)) != 0;
+    const bool hasField = form.runListOffset >= CompressedBytesOffset + sizeof(stored);
+    return leavesOut && hasField && bytes.Get(CompressedBytesOffset, stored) ? stored : form.allocatedBytes;
+}
+
 void DescribeData(const ATTR_RECORD_HEADER_t* attribute, NtfsFileInfo_t& info) {
     if (attribute->IsNonResident != 0 && NonResidentFormOf(attribute).lowestVcn != 0)
         return;  // a later segment
@@ -36,7 +49,7 @@ void DescribeData(const ATTR_RECORD_HEADER_t* attribute, NtfsFileInfo_t& info) {
     stream.name = TextOfNtfsName(NtfsNameAt(start + attribute->NameOffset, attribute->NameLength));
     stream.bytes = CDRFileRecord::GetAttributeDataSize(attribute);
     stream.isResident = attribute->IsNonResident == 0;
-    stream.storedBytes = stream.isResident ? 0 : uint64_t{NonResidentFormOf(attribute).allocatedBytes};
+    stream.storedBytes = BytesOnDisk(attribute);
     stream.isEncrypted = (attribute->Flags & AttrEncrypted) != 0;
     stream.isCompressed = (attribute->Flags & AttrCompressed) != 0;
     stream.isSparse = (attribute->Flags & AttrSparse) != 0;

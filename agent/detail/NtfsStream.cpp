@@ -35,8 +35,6 @@ NtfsAttribute_t Describe(const ATTR_RECORD_HEADER_t* attribute) {
     described.isEncrypted = (attribute->Flags & AttrEncrypted) != 0;
     described.isCompressed = (attribute->Flags & AttrCompressed) != 0;
     described.isSparse = (attribute->Flags & AttrSparse) != 0;
-    if (!described.isResident)
-        described.storedBytes = NonResidentFormOf(attribute).allocatedBytes;
     return described;
 }
 

@@ -13,7 +13,6 @@ struct NtfsAttribute_t {
     uint32_t type = 0;
     std::u16string name;
     uint64_t bytes = 0;
-    uint64_t storedBytes = 0;  // on disk; of a resident one 0
     bool isResident = false;
     bool isEncrypted = false;
     bool isCompressed = false;

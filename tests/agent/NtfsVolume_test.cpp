@@ -160,7 +160,7 @@ TEST_F(NtfsVolume, AFileIsDescribed) {
     ASSERT_EQ(2U, info.streams.size());
     EXPECT_EQ("", info.streams[0].name);
     EXPECT_EQ(50'000U, info.streams[0].bytes);
-    EXPECT_EQ(16 * ClusterBytes, info.streams[0].storedBytes);
+    EXPECT_EQ(2 * ClusterBytes, info.streams[0].storedBytes);
     EXPECT_TRUE(info.streams[0].isCompressed && info.streams[0].isSparse);
     EXPECT_FALSE(info.streams[0].isResident || info.streams[0].isEncrypted);
     EXPECT_EQ("named", info.streams[1].name);
