@@ -54,7 +54,7 @@ public:
 
     std::vector<BackupPart_t> Parts() {
         std::vector<BackupPart_t> parts;
-        while (m_At < m_Bytes.size() && !testing::Test::HasFailure())
+        while (m_At < m_Bytes.size() && !m_IsBroken)
             parts.push_back(Part());
         return parts;
     }
@@ -84,7 +84,7 @@ private:
         EXPECT_EQ(0U, Number(4));
         const uint64_t offset = Number(8);
         EXPECT_GE(offset, part.bytes.size());
-        if (bytes == 0 || testing::Test::HasFailure()) {
+        if (bytes == 0 || m_IsBroken) {
             part.end = offset;
             return false;
         }
@@ -94,7 +94,8 @@ private:
     }
 
     std::string Take(uint64_t size) {
-        EXPECT_LE(size, m_Bytes.size() - m_At);
+        m_IsBroken = m_IsBroken || size > m_Bytes.size() - m_At;
+        EXPECT_FALSE(m_IsBroken) << "the stream ends in a part of " << size << " bytes";
         const std::string taken = m_Bytes.substr(m_At, size);
         m_At += taken.size();
         return taken;
@@ -107,6 +108,7 @@ private:
 
     std::string m_Bytes;
     size_t m_At = 0;
+    bool m_IsBroken = false;
 };
 
 // The four parts of a security descriptor, and what its control tells of them.

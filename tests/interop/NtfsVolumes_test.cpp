@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/interop/JsonOutput.h"
 #include "tests/interop/NtfsComparison.h"
 #include "tests/interop/NtfsMount.h"
 #include "tests/support/Bytes.h"
@@ -81,15 +82,6 @@ void AddSparseFiles(const CNtfsMount& mount) {
     fs::resize_file(mount.Path("sparse/tail"), uint64_t{2} << 20U);
 }
 
-// Files that stay apart from each other only in their directory: each write goes behind the other's.
-void AddFragmentedFiles(const CNtfsMount& mount, size_t clusterBytes) {
-    fs::create_directory(mount.Path("fragmented"));
-    for (uint64_t piece = 0; piece < 40; ++piece) {
-        for (const char* const name : {"fragmented/one", "fragmented/other"})
-            WriteAt(mount.Path(name), piece * clusterBytes, PatternedBytes(clusterBytes, piece));
-    }
-}
-
 void AddCompressedFiles(const CNtfsMount& mount) {
     const std::string folder = mount.Path("compressed");
     fs::create_directory(folder);
@@ -137,12 +129,24 @@ std::string TimeOf(const std::string& path) {
     return std::to_string(facts.st_mtim.tv_sec) + "." + std::to_string(facts.st_mtim.tv_nsec);
 }
 
+// How often a file's contents go on elsewhere, by the clusters that another program tells of it.
+size_t BreaksOf(const std::string& image, uint64_t frn) {
+    const std::string output = OutputOf("istat " + Quoted(image) + " " + std::to_string(frn));
+    std::istringstream clusters(output.substr(output.find("Type: $DATA")));
+    std::string line;
+    std::getline(clusters, line);
+    size_t breaks = 0;
+    for (uint64_t last = 0, next = 0; clusters >> next; last = next)
+        breaks += last != 0 && next != last + 1 ? 1 : 0;
+    return breaks;
+}
+
 class NtfsVolumes : public testing::Test {
 protected:
     // Makes the volume and has it filled. False, and the test skipped, where that can't be done.
     bool Make(uint64_t bytes, uint32_t clusterBytes, const std::string& options,
               const std::function<void(const CNtfsMount&)>& fill) {
-        const std::string missing = WhatMountsLack();
+        const std::string missing = HasProgram("fls") ? WhatMountsLack() : "the Sleuth Kit isn't installed";
         if (!missing.empty()) {
             Skip(missing);
             return false;
@@ -160,8 +164,6 @@ protected:
             const CNtfsMount mount(m_At.disks[0], ReadOptions);
             EXPECT_TRUE(AreSameNames(NamesOfMount(mount), names));
         }
-        if (!HasProgram("fls"))
-            return;
         EXPECT_TRUE(AreSameNames(NamesOfFls(m_At.disks[0], 0), NamesOfLs(m_At, "--all")));
     }
 
@@ -172,6 +174,19 @@ protected:
         EXPECT_TRUE(Runs("diff -r " + Quoted(mount.Path()) + " " + Quoted(copy)));
         for (const std::string& name : NamesOfMount(mount))
             EXPECT_EQ(TimeOf(mount.Path(name)), TimeOf(copy + "/" + name)) << name;
+    }
+
+    // It takes less room than it has bytes, and is said to do so in this way.
+    void ExpectIsStored(const std::string& path, const std::string& way) const {
+        struct stat facts {};
+        const CNtfsMount mount(m_At.disks[0], ReadOptions);
+        ASSERT_EQ(0, stat(mount.Path(path).c_str(), &facts)) << path;
+        const auto stream =
+            JsonFrom(CommandOn(m_At, "streams", "--json " + path)).value("streams", nlohmann::json()).at(0);
+        EXPECT_LT(facts.st_blocks * 512, facts.st_size) << path;
+        EXPECT_EQ(facts.st_blocks * 512, stream.value("stored_bytes", 0)) << path;
+        EXPECT_EQ(facts.st_size, stream.value("bytes", 0)) << path;
+        EXPECT_TRUE(stream.value(way, false)) << path;
     }
 
     void ExpectStreamIsWhatIsMounted(const std::string& path, const std::string& name) const {
@@ -195,7 +210,6 @@ TEST_P(NtfsVolumesOfClusters, HoldTheNamesBytesAndTimesThatTheDriverShows) {
     const bool isMade = Make(64 * MiB, clusterBytes, FillOptions, [&](const CNtfsMount& mount) {
         AddPlainFiles(mount, clusterBytes);
         AddSparseFiles(mount);
-        AddFragmentedFiles(mount, clusterBytes);
         if (clusterBytes <= 4096)
             AddCompressedFiles(mount);
         AddLinksAndStreams(mount);
@@ -207,6 +221,9 @@ TEST_P(NtfsVolumesOfClusters, HoldTheNamesBytesAndTimesThatTheDriverShows) {
     ExpectCopyIsWhatIsMounted();
     for (const std::string& stream : {std::string("short"), std::string("long"), Character(0x1F600)})
         ExpectStreamIsWhatIsMounted("streams/file", stream);
+    ExpectIsStored("sparse/holes", "sparse");
+    if (clusterBytes <= 4096)
+        ExpectIsStored("compressed/mixed", "compressed");
 }
 
 INSTANTIATE_TEST_SUITE_P(Bytes, NtfsVolumesOfClusters, testing::Values(512, 1024, 4096, 16384, 65536),
@@ -230,18 +247,6 @@ TEST_F(NtfsVolumes, NamesOf255CharactersOfAnyScriptAreListedAndRead) {
     EXPECT_TRUE(fs::is_empty(m_Dir.File("copy/" + folder)));
 }
 
-// How often the table of file records goes on elsewhere, by the clusters that another program tells of it.
-size_t BreaksOfMft(const std::string& image) {
-    const std::string output = OutputOf("istat " + Quoted(image) + " 0");
-    std::istringstream clusters(output.substr(output.find("Type: $DATA")));
-    std::string line;
-    std::getline(clusters, line);
-    size_t breaks = 0;
-    for (uint64_t last = 0, next = 0; clusters >> next; last = next)
-        breaks += last != 0 && next != last + 1 ? 1 : 0;
-    return breaks;
-}
-
 // False where there is no room left.
 bool HasWritten(const std::string& path, const std::string& bytes) {
     std::ofstream file(path, std::ios::binary);
@@ -250,9 +255,12 @@ bool HasWritten(const std::string& path, const std::string& bytes) {
     return file.good();
 }
 
-// Makes files until none fits, and takes every second of the large ones away again: the table grows into the gaps.
+// Makes files until none fits, and takes every second of the large ones away again: the table of file records grows into
+// the gaps, and so do files.
 void FillWithGaps(const CNtfsMount& mount) {
     const std::string block = PatternedBytes(4096);
+    fs::create_directory(mount.Path("packed"));
+    SetAttribute(mount.Path("packed"), "system.ntfs_attrib_be", CompressedAttribute);
     for (size_t turn = 0; turn < 4; ++turn)
         fs::create_directory(mount.Path(std::to_string(turn)));
     for (size_t turn = 0; turn < 4; ++turn) {
@@ -267,14 +275,18 @@ void FillWithGaps(const CNtfsMount& mount) {
         for (size_t index = 0; index < 300; ++index)
             HasWritten(folder + "/small" + std::to_string(index), std::to_string(index));
     }
+    for (size_t index = 1; index < 1000; index += 4)
+        fs::remove(mount.Path("0/block" + std::to_string(index)));
+    WriteAt(mount.Path("packed/file"), 0, MixedBytes(150000));
+    WriteAt(mount.Path("plain"), 0, PatternedBytes(60000));
 }
 
-TEST_F(NtfsVolumes, AnMftInManyPiecesLeadsToAllFiles) {
-    if (!HasProgram("istat"))
-        GTEST_SKIP() << "istat isn't installed";
-    if (!Make(4 * MiB, 1024, "big_writes", FillWithGaps))
+TEST_F(NtfsVolumes, AnMftAndFilesInManyPiecesAreReadWhole) {
+    if (!Make(4 * MiB, 1024, "compression", FillWithGaps))
         return;
-    ASSERT_GE(BreaksOfMft(m_At.disks[0]), 3U);
+    COpenNtfs ntfs(m_At);
+    for (const char* const path : {"$MFT", "plain", "packed/file"})
+        EXPECT_GE(BreaksOf(m_At.disks[0], ntfs.Find(path)), 3U) << path;
     ExpectNamesOfOthers();
     ExpectCopyIsWhatIsMounted();
 }
