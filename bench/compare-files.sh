@@ -89,10 +89,14 @@ make_volume() {
     unmount
 }
 
-seconds_of() {
-    local figures
-    figures=$(/usr/bin/time -f '%e' bash -c "$1" 2>&1 >/dev/null | tail -n 1)
-    echo "$figures"
+microseconds_of() {
+    local start=${EPOCHREALTIME/./}
+    if ! bash -c "$1" >/dev/null 2>errors; then
+        echo "compare-files.sh: $1 failed:" >&2
+        cat errors >&2
+        return 1
+    fi
+    echo $((${EPOCHREALTIME/./} - start))
 }
 
 median() { printf '%s\n' "$@" | sort -n | sed -n "$((($# + 1) / 2))p"; }
@@ -100,22 +104,22 @@ median() { printf '%s\n' "$@" | sort -n | sed -n "$((($# + 1) / 2))p"; }
 # race TITLE OURS PEER...: command lines, which alternate. `after` is run behind each.
 after=true
 race() {
-    local title=$1 ours_seconds= line times
+    local title=$1 ours="" line taken times
     shift
     local -A all=()
     for _ in $(seq "$runs"); do
         for line in "$@"; do
-            all[$line]+=" $(seconds_of "$line")"
+            all[$line]+=" $(microseconds_of "$line")"
             $after
         done
     done
     echo "$title"
     for line in "$@"; do
         read -ra times <<<"${all[$line]}"
-        times=$(median "${times[@]}")
-        ours_seconds=${ours_seconds:-$times}
-        awk -v line="${line//$command/diskstream}" -v seconds="$times" -v ours="$ours_seconds" '
-            BEGIN { printf "  %-72s %8.2f s %8.2f\n", line, seconds, seconds / (ours > 0 ? ours : 0.01) }'
+        taken=$(median "${times[@]}")
+        ours=${ours:-$taken}
+        awk -v line="${line//$command/diskstream}" -v taken="$taken" -v ours="$ours" '
+            BEGIN { printf "  %-72s %8.3f s %8.2f\n", line, taken / 1e6, taken / ours }'
     done
 }
 
