@@ -5,6 +5,7 @@
 #include "agent/ErrorText.h"
 #include "agent/detail/NtfsNames.h"
 #include "agent/detail/NtfsRecordFacts.h"
+#include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
 #include "ntfs/detail/NtfsFormat.h"
 #include "ntfs/detail/VolumeSteps.h"
@@ -152,16 +153,17 @@ CZuError CNtfsBackupStream::WriteBytes(CNtfsStream& stream, uint64_t offset, uin
 // A block for each run of clusters, and one without data that tells where the runs end.
 CZuError CNtfsBackupStream::WriteStretches(CNtfsStream& stream) {
     const uint64_t clusterBytes = m_Volume.ClusterBytes();
+    const uint64_t dataClusters = DivideRoundingUp(stream.Bytes(), clusterBytes);
     for (const NtfsExtent_t& run : stream.Runs()) {
-        const uint64_t start = run.vcn * clusterBytes;
-        if (run.lcn == HoleLcn || start >= stream.Bytes())
+        if (run.lcn == HoleLcn || run.vcn >= dataClusters)
             continue;
-        const uint64_t end = std::min((run.vcn + run.clusters) * clusterBytes, stream.Bytes());
-        ZU_RETURN_IF_ERROR(WriteSparseBlock(stream, start, end - start));
+        const uint64_t start = run.vcn * clusterBytes;
+        const uint64_t clusters = std::min(run.clusters, dataClusters - run.vcn);
+        ZU_RETURN_IF_ERROR(WriteSparseBlock(stream, start, std::min(clusters * clusterBytes, stream.Bytes() - start)));
     }
     const NtfsExtent_t& last = stream.Runs().back();
-    const uint64_t end = (last.vcn + last.clusters) * clusterBytes;
-    if (end < stream.Bytes())
+    uint64_t end = 0;
+    if (!CheckedMul(last.vcn + last.clusters, clusterBytes, end) || end < stream.Bytes())
         return Refusal(CZuString::Format("{1}: its records don't say where byte {2} of it lies", m_Where, end));
     return WriteSparseBlock(stream, end, 0);
 }

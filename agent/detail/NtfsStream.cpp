@@ -88,6 +88,8 @@ CZuError CNtfsStream::Open(CNtfsMappedVolume& volume, CAutoMemory<char>& record,
 
 CZuError CNtfsStream::AddSegments(std::vector<ATTR_RECORD_HEADER_t*>& segments) {
     const NtfsNonResidentForm_t form = NonResidentFormOf(segments.front());
+    if (form.dataBytes > uint64_t{std::numeric_limits<int64_t>::max()})
+        return Refusal(m_Where + ": claims more bytes than a file can have");
     m_InitializedBytes = std::min<uint64_t>(form.initializedBytes, form.dataBytes);
     for (ATTR_RECORD_HEADER_t* const segment : segments) {
         const uint64_t expectedVcn = m_Runs.empty() ? 0 : m_Runs.back().vcn + m_Runs.back().clusters;

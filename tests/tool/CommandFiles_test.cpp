@@ -335,7 +335,7 @@ TEST_F(CommandFiles, StreamsAreListed) {
     EXPECT_EQ(outcome.output, "Name        Bytes  On disk  Kind\n"
                               "(contents)  4      0        in the record\n"
                               "n\u00E4me        5      0        in the record\n"
-                              "packed      50000  65536    compressed, sparse\n");
+                              "packed      50000  4096     compressed, sparse\n");
     EXPECT_THAT(RunOn("streams", {"/encrypted"}).output, HasSubstr("in the record, encrypted\n"));
     EXPECT_EQ(RunOn("streams", {"/Folder"}).output, "Name  Bytes  On disk  Kind\n");
 }
@@ -346,7 +346,7 @@ TEST_F(CommandFiles, StreamsAreJson) {
     ASSERT_EQ(object.at("streams").size(), 3U);
     EXPECT_EQ(object.at("streams")[2], json({{"name", "packed"},
                                              {"bytes", 50'000},
-                                             {"stored_bytes", 65'536},
+                                             {"stored_bytes", 4096},
                                              {"resident", false},
                                              {"encrypted", false},
                                              {"compressed", true},
