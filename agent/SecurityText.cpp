@@ -125,8 +125,7 @@ bool SidText(CByteView sid, std::string& text) {
         Le32_t part{};
         if (!sid.Get(sizeof(head) + uint64_t{index} * sizeof(part), part))
             return false;
-        text += "-";
-        text += std::to_string(uint32_t{part});
+        text += "-" + std::to_string(uint32_t{part});
     }
     for (const Word_t& known : WellKnownSids)
         if (text == known.meaning)
