@@ -5,6 +5,7 @@
 #include <string_view>
 #include <type_traits>
 
+#include "foundation/detail/UnicodeText.h"
 #include "ntfs/DRVolume.h"
 #include "ntfs/detail/IndexWalk.h"
 #include "ntfs/detail/NtfsFormat.h"
@@ -23,15 +24,8 @@ constexpr wchar_t Separator = L'\\';
 std::u16string ToUtf16(const wchar_t* text, size_t length) {
     std::u16string result;
     result.reserve(length);
-    for (size_t index = 0; index < length; ++index) {
-        const uint32_t character = static_cast<std::make_unsigned_t<wchar_t>>(text[index]);
-        if (character > 0xFFFF) {
-            result.push_back(static_cast<char16_t>(0xD800 + ((character - 0x10000) >> 10U)));
-            result.push_back(static_cast<char16_t>(0xDC00 + (character & 0x3FFU)));
-        } else {
-            result.push_back(static_cast<char16_t>(character));
-        }
-    }
+    for (size_t index = 0; index < length; ++index)
+        AppendUtf16(static_cast<std::make_unsigned_t<wchar_t>>(text[index]), result);
     return result;
 }
 

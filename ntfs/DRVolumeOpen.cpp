@@ -76,7 +76,7 @@ int CDRVolume::OpenSteps() {
         return NtfsUnsupportedCluster;
     // Behind a chunk there is room for what a read that resumes in its middle copies too far.
     const uint64_t roomBytes =
-        uint64_t{std::max(m_VolumeData.BytesPerCluster, SmallestClusterBuffer)} + SmallestClusterBuffer;
+        uint64_t{std::max<uint32_t>(m_VolumeData.BytesPerCluster, SmallestClusterBuffer)} + SmallestClusterBuffer;
     if (roomBytes > NtfsCeilingBytes || m_ClusterBuffer.Alloc(static_cast<uint32_t>(roomBytes)) == nullptr) {
         CloseVolume();
         return NtfsOutOfMemory;

@@ -3,7 +3,6 @@
 #include "agent/ErrorText.h"
 #include "agent/detail/NtfsNames.h"
 #include "foundation/detail/ErrorHandling.h"
-#include "ntfs/detail/IndexWalk.h"
 #include "ntfs/detail/NtfsFormat.h"
 
 namespace {
@@ -34,7 +33,7 @@ CZuError CNtfsDirectory::OpenIndex(CAutoMemory<char>& record) {
     node.bytes.resize(static_cast<size_t>(root.Bytes() - sizeof(head)));
     ZU_RETURN_IF_ERROR(root.Read(sizeof(head), node.bytes.data(), static_cast<uint32_t>(node.bytes.size())));
     NtfsIndexHeader_t header{};
-    if (!CByteView(node.bytes.data(), node.bytes.size()).Get(0, header))
+    if (!ViewOf(node).Get(0, header))
         return Refusal(m_Where + ": its index is damaged");
     node.at = header.firstEntry;
     m_Path.clear();
@@ -48,13 +47,8 @@ CZuError CNtfsDirectory::OpenIndex(CAutoMemory<char>& record) {
 // each block entered once, so the walk ends.
 bool CNtfsDirectory::Step(const TakeNtfsName_t& take) {
     Node_t& node = m_Path.back();
-    if (node.bytes.empty() && !LoadBlock(node)) {
-        m_Path.pop_back();
-        return true;
-    }
-    const CByteView view(node.bytes.data(), node.bytes.size());
     NtfsIndexEntryHead_t head{};
-    if (!view.Get(node.at, head) || head.length < sizeof(head) || !view.Holds(node.at, head.length)) {
+    if ((node.bytes.empty() && !LoadBlock(node)) || !HeadOfEntry(node, head)) {
         Complain("an entry of its index is damaged");
         m_Path.pop_back();
         return true;
@@ -71,16 +65,29 @@ bool CNtfsDirectory::Step(const TakeNtfsName_t& take) {
     const uint64_t at = node.at;
     node.at += head.length;
     node.isChildDone = false;
+    return TakeName(ViewOf(node), at, take);
+}
+
+CByteView CNtfsDirectory::ViewOf(const Node_t& node) {
+    return {node.bytes.data(), node.bytes.size()};
+}
+
+bool CNtfsDirectory::HeadOfEntry(const Node_t& node, NtfsIndexEntryHead_t& head) {
+    const CByteView view = ViewOf(node);
+    return view.Get(node.at, head) && head.length >= sizeof(head) && view.Holds(node.at, head.length);
+}
+
+bool CNtfsDirectory::TakeName(CByteView node, uint64_t at, const TakeNtfsName_t& take) {
     INDEX_ENTRY_I30 entry{};
     const uint64_t nameAt = at + sizeof(entry);
-    if (!view.Get(at, entry) || !view.Holds(nameAt, uint64_t{entry.NameLength} * 2)) {
+    if (!node.Get(at, entry) || !node.Holds(nameAt, uint64_t{entry.NameLength} * 2)) {
         Complain("a name in its index is damaged");
         return true;
     }
     NtfsIndexName_t name;
     name.frn = entry.Reference & FrnMask;
     name.reuseCount = static_cast<uint16_t>(entry.Reference >> ReuseCountShift);
-    name.name = NtfsNameAt(view.Data() + nameAt, entry.NameLength);
+    name.name = NtfsNameAt(node.Data() + nameAt, entry.NameLength);
     name.kind = entry.NameKind;
     name.attributes = entry.FileAttributes;
     return take(std::move(name));
@@ -88,17 +95,16 @@ bool CNtfsDirectory::Step(const TakeNtfsName_t& take) {
 
 // The number of the block stands in the entry's last eight bytes.
 bool CNtfsDirectory::EnterChild(Node_t& node, uint64_t entryBytes) {
-    const CByteView view(node.bytes.data(), node.bytes.size());
     Le64_t vcn{};
-    if (entryBytes < sizeof(NtfsIndexEntryHead_t) + sizeof(vcn) || !view.Get(node.at + entryBytes - sizeof(vcn), vcn)) {
+    if (entryBytes < sizeof(NtfsIndexEntryHead_t) + sizeof(vcn) ||
+        !ViewOf(node).Get(node.at + entryBytes - sizeof(vcn), vcn)) {
         Complain("an entry of its index is damaged");
         return false;
     }
     Node_t child;
     child.vcn = vcn;
     NtfsIndexHeader_t header{};
-    if (!m_Visited.insert(vcn).second || !LoadBlock(child) ||
-        !CByteView(child.bytes.data(), child.bytes.size()).Get(0, header)) {
+    if (!m_Visited.insert(vcn).second || !LoadBlock(child) || !ViewOf(child).Get(0, header)) {
         Complain(CZuString::Format("block {1} of its index is damaged", child.vcn).c_str());
         return false;
     }

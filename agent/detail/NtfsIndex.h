@@ -8,6 +8,8 @@
 
 #include "agent/detail/NtfsStream.h"
 #include "foundation/ZuError.h"
+#include "foundation/detail/ByteView.h"
+#include "ntfs/detail/IndexWalk.h"
 
 // One name in a directory.
 struct NtfsIndexName_t {
@@ -43,6 +45,9 @@ private:
 
     CZuError OpenIndex(CAutoMemory<char>& record);
     bool Step(const TakeNtfsName_t& take);
+    static CByteView ViewOf(const Node_t& node);
+    static bool HeadOfEntry(const Node_t& node, NtfsIndexEntryHead_t& head);
+    bool TakeName(CByteView node, uint64_t at, const TakeNtfsName_t& take);
     bool EnterChild(Node_t& node, uint64_t entryBytes);
     bool LoadBlock(Node_t& node);
     void Complain(const std::string& what);
