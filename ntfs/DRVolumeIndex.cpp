@@ -3,7 +3,6 @@
 #include <limits>
 #include <string>
 #include <string_view>
-#include <type_traits>
 
 #include "foundation/detail/UnicodeText.h"
 #include "ntfs/DRVolume.h"
@@ -25,7 +24,7 @@ std::u16string ToUtf16(const wchar_t* text, size_t length) {
     std::u16string result;
     result.reserve(length);
     for (size_t index = 0; index < length; ++index)
-        AppendUtf16(static_cast<std::make_unsigned_t<wchar_t>>(text[index]), result);
+        AppendUtf16(static_cast<char32_t>(text[index]), result);
     return result;
 }
 
