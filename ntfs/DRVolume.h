@@ -100,6 +100,14 @@ public:
     int GetFileTimeAndAttribs(CAutoMemory<char>* record, uint64_t* creation, uint64_t* access, uint64_t* write,
                               unsigned int* attributes);
 
+    // Collects what lets a later machine, without the disk, list the volume's files and restore them: a file of the
+    // volume's facts, a directory tree, a file of which records extend which, and one of all security descriptors. The
+    // tree's root gets `rootName`; `value` is kept for the caller. Files that are there are written over; after a failure
+    // the caller discards what was written. NtfsQuit when the quit callback asked for the stop: there is no security file
+    // then. Besides the results of ntfs/NtfsResults.h the system's error numbers, which are positive.
+    int DumpMetadataInformation(char* rootName, char* volumeInfoPath, char* treeTablePath, char* associatePath,
+                                char* securityPath, uint32_t value);
+
 protected:
     // The two steps that reach the volume, for a class that has another way to it. Errors are logged, and NtfsSeeLog.
     virtual int ReadVolumeInformation(NTFS_VOLUME_DATA_BUFFER* info);
@@ -137,6 +145,7 @@ private:
     struct Unit_t;
     class CExtentWalk;
     class CBackupStream;
+    class CMetadataScan;
 
     // Opening, in steps.
     int OpenSteps();
@@ -190,6 +199,10 @@ private:
     int DumpSiiNode(CByteView node, FILE* file);
     int DumpSiiEntry(INDEX_ENTRY_SII& entry, FILE* file);
     ATTR_RECORD_HEADER_t* FindSdsSegment(uint64_t vcn);
+
+    // Collecting.
+    int DumpVolumeInformation(const char* path, uint32_t value);
+    int DumpSecurityFile(const char* path);
 
     LVM_Volume_t m_Volume;
     CLVM* m_Lvm = nullptr;

@@ -9,6 +9,7 @@
 
 namespace {
 
+using Attribute = CNtfsAttributeBuilder;
 using Volume = CNtfsVolumeBuilder;
 
 class DRVolumeLogOnPosix : public CNtfsVolumeTest {
@@ -56,6 +57,35 @@ TEST_F(DRVolumeLogOnPosix, IsSilentAboutResultsThatSayItThemselves) {
         return;
     }
     EXPECT_EQ(std::string::npos, LogOfChild().find("CDRVolume"));
+}
+
+Attribute NameOf(const std::u16string& name, uint8_t kind) {
+    NtfsFileNameFields_t fields;
+    fields.name = name;
+    fields.kind = kind;
+    return Attribute::Resident(NtfsFileNameType, NtfsFileNameValue(fields));
+}
+
+TEST_F(DRVolumeLogOnPosix, TellsOfTheFurtherPosixNamesOfACollectedFile) {
+    if (InChildProcess()) {
+        const CNtfsFileRecordBuilder file =
+            CNtfsFileRecordBuilder()
+                .Add(Attribute::Resident(NtfsStandardInformationType, NtfsStandardInformationValue({})))
+                .Add(NameOf(u"kept", 1))
+                .Add(NameOf(u"further", 0))
+                .Add(NameOf(u"dropped", 1));
+        EXPECT_EQ(NtfsOk, Open(Volume().Record(40, file)));
+        std::string paths[4];
+        for (std::string& path : paths)
+            path = m_Dir.File("file" + std::to_string(&path - paths));
+        EXPECT_EQ(NtfsOk, m_Ntfs.DumpMetadataInformation(nullptr, paths[0].data(), paths[1].data(), paths[2].data(),
+                                                         paths[3].data(), 0));
+        return;
+    }
+    const std::string log = LogOfChild();
+    ExpectLine(log, "CDRVolume::DumpMetadataInformation",
+               "Skipping links FRN 0x28, PFRN 0x5, Name [further], Type [File]");
+    EXPECT_EQ(std::string::npos, log.find("dropped")) << log;
 }
 
 }  // namespace
