@@ -23,7 +23,8 @@ void PrintCopied(const CpArguments_t& arguments, const NtfsCopy_t& copy) {
                    {"bytes", copy.bytes},
                    {"problems", copy.problems}});
     else if (!arguments.output.quiet)
-        std::printf("%llu files, %s\n", static_cast<unsigned long long>(copy.files), SizeText(copy.bytes).c_str());
+        std::printf("%llu %s, %s\n", static_cast<unsigned long long>(copy.files), copy.files == 1 ? "file" : "files",
+                    SizeText(copy.bytes).c_str());
 }
 
 // What was left out is told of when the result is out, which says it in JSON.

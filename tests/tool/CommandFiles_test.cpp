@@ -359,7 +359,7 @@ TEST_F(CommandFiles, CpCopiesAFile) {
     Make();
     const CommandOutcome_t outcome = RunOn("cp", {"/Folder/a.txt", "copy"});
     EXPECT_SUCCEEDS(outcome);
-    EXPECT_EQ(outcome.output, "1 files, 14 B\n");
+    EXPECT_EQ(outcome.output, "1 file, 14 B\n");
     EXPECT_EQ(m_Dir.Read("copy"), "contents of a\n");
     EXPECT_FAILS_WITH(RunOn("cp", {"/Folder/deep/b.txt", "copy"}), 1, "copy: exists already");
     EXPECT_EQ(m_Dir.Read("copy"), "contents of a\n");
