@@ -1,19 +1,32 @@
 #include <dlfcn.h>
+#include <link.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <string>
+#include <system_error>
 
 #include "platform/SharedLibrary.h"
 
 namespace {
 
-// Where the code that asks lies, with a slash behind it; empty when the loader doesn't say.
-std::string OwnDirectory() {
+// The name of the shared library that this code is in, or of the program, which the loader knows by no name.
+std::string OwnFile() {
     static const int place = 0;
     Dl_info info{};
-    if (dladdr(&place, &info) == 0 || info.dli_fname == nullptr)
+    void* map = nullptr;
+    if (dladdr1(&place, &info, &map, RTLD_DL_LINKMAP) == 0)
         return "";
-    const std::string name = info.dli_fname;
+    const std::string name = static_cast<const link_map*>(map)->l_name;
+    if (!name.empty())
+        return name;
+    std::error_code ignored;  // without a name there is no directory to look in
+    return std::filesystem::read_symlink("/proc/self/exe", ignored).string();
+}
+
+// Where that lies, with a slash behind it; empty when nobody says.
+std::string OwnDirectory() {
+    const std::string name = OwnFile();
     return name.substr(0, name.rfind('/') + 1);
 }
 
