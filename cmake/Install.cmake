@@ -7,7 +7,7 @@ set(DISKSTREAM_PC_DIR "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
 file(RELATIVE_PATH DISKSTREAM_PREFIX_FROM_PC "/prefix/${DISKSTREAM_PC_DIR}" "/prefix")
 
 # The seam to the system is ours alone, but for what the public headers include.
-set(DISKSTREAM_PUBLIC_PLATFORM_HEADERS Export.h Files.h GuidRecord.h posix/GuidRecordPosix.h NtfsVolumeRecord.h
+set(DISKSTREAM_PUBLIC_PLATFORM_HEADERS Export.h Files.h GuidRecord.h SharedLibrary.h posix/GuidRecordPosix.h NtfsVolumeRecord.h
   posix/NtfsVolumeRecordPosix.h)
 
 # Public headers keep their paths below include/diskstream; what lies in a folder `detail` isn't public.
