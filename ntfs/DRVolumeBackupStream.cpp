@@ -13,42 +13,9 @@
 
 namespace {
 
-// The order of the streams; the place in it is the context's `attrIndex`.
-constexpr uint32_t StreamOrder[] = {AttrSecurityDescriptor, AttrData, AttrObjectId, AttrReparsePoint, AttrEa,
-                                    AttrPropertySet,        0};
 constexpr uint32_t Finished = 255;
 constexpr uint32_t ObjectIdBytes = 16;
 constexpr uint32_t ObjectIdStreamBytes = 64;
-
-struct StreamKind_t {
-    uint32_t attribute;
-    uint32_t id;
-    uint32_t flags;
-};
-
-// Callers rely on a reparse point's going out as a link, which is its id from a live volume only.
-constexpr StreamKind_t StreamKinds[] = {
-    {AttrStandardInformation, StreamIdSecurity, StreamContainsSecurity},
-    {AttrSecurityDescriptor, StreamIdSecurity, StreamContainsSecurity},
-    {AttrObjectId, StreamIdObjectId, 0},
-    {AttrReparsePoint, StreamIdLink, 0},
-    {AttrEa, StreamIdEaData, 0},
-    {AttrPropertySet, StreamIdPropertyData, StreamContainsProperties},
-};
-
-bool DescribeStream(const ATTR_RECORD_HEADER_t* attribute, BackupStreamHead_t& head) {
-    if (attribute->Type == AttrData) {
-        head.id = attribute->NameLength == 0 ? StreamIdData : StreamIdAlternateData;
-        return true;
-    }
-    const auto* const kind = std::find_if(std::begin(StreamKinds), std::end(StreamKinds),
-                                          [&](const StreamKind_t& each) { return each.attribute == attribute->Type; });
-    if (kind == std::end(StreamKinds))
-        return false;
-    head.id = kind->id;
-    head.attributes = kind->flags;
-    return true;
-}
 
 bool HasHole(const DATARUN_EXTENTS* extents) {
     if (extents == nullptr)
@@ -192,7 +159,7 @@ private:
         if (m_Context.attrIndex == Finished)
             return NtfsOk;
         BackupStreamHead_t head{};
-        if (!DescribeStream(m_Context.currentAttr, head))
+        if (!DescribeBackupStream(m_Context.currentAttr->Type, m_Context.currentAttr->NameLength != 0, head))
             return NtfsInvalidParameter;
         NTFS_RETURN_IF_FAILED(PrepareExtents(head));
         return PutHead(head);
@@ -201,7 +168,7 @@ private:
     int FindNextAttribute() {
         m_Data.Alloc(0);
         for (;;) {
-            const uint32_t type = StreamOrder[m_Context.attrIndex];
+            const uint32_t type = BackupStreamOrder[m_Context.attrIndex];
             if (type == 0) {
                 m_Context.attrIndex = Finished;
                 return NtfsOk;
@@ -325,7 +292,7 @@ int CDRVolume::BackupRead(CAutoMemory<char>* record, char* buffer, uint32_t size
     if (record == nullptr || read == nullptr || ctx == nullptr)
         return NtfsInvalidParameter;
     *read = 0;
-    if (ctx->attrIndex >= std::size(StreamOrder))
+    if (ctx->attrIndex >= std::size(BackupStreamOrder))
         return NtfsEndOfRun;
     NTFS_RETURN_IF_FAILED(CDRFileRecord::IsValidFileRec(record->GetPtr()));
     return NtfsWithinMemory([&] { return CBackupStream(*this, *record, *ctx, buffer, size, *read).Run(); });

@@ -17,21 +17,6 @@ constexpr uint64_t LargestDescriptor = 1U << 20U;  // its own lengths have 16 bi
 constexpr size_t ObjectIdBytes = 16;
 constexpr size_t ObjectIdStreamBytes = 64;
 
-struct StreamKind_t {
-    uint32_t attribute;
-    uint32_t id;
-    uint32_t flags;
-};
-
-// In the order of the stream.
-constexpr StreamKind_t StreamKinds[] = {
-    {AttrData, StreamIdData, 0},
-    {AttrObjectId, StreamIdObjectId, 0},
-    {AttrReparsePoint, StreamIdLink, 0},
-    {AttrEa, StreamIdEaData, 0},
-    {AttrPropertySet, StreamIdPropertyData, StreamContainsProperties},
-};
-
 CZuError ReadSmallValue(CNtfsStream& stream, const std::string& where, std::string& value) {
     if (stream.Bytes() > LargestDescriptor)
         return Refusal(where + ": is larger than any that Windows writes");
@@ -76,9 +61,9 @@ CZuError CNtfsBackupStream::Write(uint64_t frn) {
         if (attribute.isEncrypted)
             return Refusal(m_Where + ": is encrypted; it has no backup stream without the key");
     ZU_RETURN_IF_ERROR(WriteSecurity());
-    for (const StreamKind_t& kind : StreamKinds)
+    for (const uint32_t type : BackupStreamOrder)
         for (const NtfsAttribute_t& attribute : attributes)
-            if (attribute.type == kind.attribute && attribute.bytes != 0 && !m_IsEnded)
+            if (attribute.type == type && type != AttrSecurityDescriptor && attribute.bytes != 0 && !m_IsEnded)
                 ZU_RETURN_IF_ERROR(WriteAttribute(attribute));
     return CZuError();
 }
@@ -98,16 +83,15 @@ CZuError CNtfsBackupStream::WriteAttribute(const NtfsAttribute_t& attribute) {
     ZU_RETURN_IF_ERROR(stream.Open(m_Volume, m_Record, attribute.type, attribute.name, m_Where));
     if (attribute.type == AttrObjectId)
         return WriteObjectId(stream);
-    const auto* const kind = std::find_if(std::begin(StreamKinds), std::end(StreamKinds),
-                                          [&](const StreamKind_t& each) { return each.attribute == attribute.type; });
-    const bool isAlternate = attribute.type == AttrData && !attribute.name.empty();
-    const uint32_t id = isAlternate ? StreamIdAlternateData : kind->id;
+    BackupStreamHead_t head{};
+    if (!DescribeBackupStream(attribute.type, !attribute.name.empty(), head))
+        return CZuError();
     // A compressed stream's holes are what its compression saved.
     if (attribute.isSparse && !attribute.isCompressed && HasHole(stream)) {
-        PutHead(id, StreamIsSparse, 0, attribute.name);
+        PutHead(head.id, StreamIsSparse, 0, attribute.name);
         return WriteStretches(stream);
     }
-    PutHead(id, kind->flags, stream.Bytes(), attribute.name);
+    PutHead(head.id, head.attributes, stream.Bytes(), attribute.name);
     return WriteBytes(stream, 0, stream.Bytes());
 }
 
