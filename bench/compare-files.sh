@@ -11,64 +11,13 @@
 # (100000), DISKSTREAM_BENCH_RUNS how often each is run (3).
 set -euo pipefail
 
+script=compare-files.sh
 command=$(realpath "${1:?usage: bench/compare-files.sh COMMAND}")
 files=${DISKSTREAM_BENCH_FILES:-100000}
 runs=${DISKSTREAM_BENCH_RUNS:-3}
 file_mib=256
-
-if [ "$(id -u)" -ne 0 ] || [ ! -w /dev/fuse ]; then
-    echo "compare-files.sh: mounting needs root and /dev/fuse: left out"
-    exit 0
-fi
-
-base=${DISKSTREAM_BENCH_DIR:-}
-if [ -z "$base" ]; then
-    base=/tmp
-    [ "$(df --output=avail -B1G /dev/shm | tail -n 1)" -ge 4 ] && base=/dev/shm
-fi
-dir=$(mktemp -d "$base/diskstream-files.XXXXXX")
-driver=
-unmount() {
-    [ -n "$driver" ] || return 0
-    fusermount -u "$dir/mount"
-    wait "$driver" || true
-    driver=
-}
-trap 'cd /; unmount; rm -rf "$dir"' EXIT
-cd "$dir"
-mkdir mount
-
-# mount_volume OPTIONS: in the foreground, so that the driver's end, and with it its last write, can be waited for.
-mount_volume() {
-    lowntfs-3g -o "no_detach,noatime,$1" volume.img mount >/dev/null 2>&1 &
-    driver=$!
-    until mountpoint -q mount; do
-        kill -0 "$driver"
-        sleep 0.05
-    done
-}
-
-# A tenth of the files in a directory of its own, the others in a tree of 256 directories.
-make_files() {
-    perl -e '
-        my ($files) = @ARGV;
-        my $text = join(" ", map { sprintf "line %05d", $_ * 7919 % 99991 } 1 .. 400);
-        sub put {
-            my ($path, $number) = @_;
-            open my $file, ">:raw", $path or die "$path: $!";
-            print $file substr($text, $number % 100, 200 + $number * 37 % 3500) or die;
-            close $file or die;
-        }
-        mkdir "small" or die;
-        mkdir "tree" or die;
-        for my $folder (0 .. 255) {
-            mkdir sprintf("tree/%x", $folder >> 4);
-            mkdir sprintf("tree/%x/%x", $folder >> 4, $folder & 15) or die;
-        }
-        put(sprintf("small/document %d.txt", $_), $_) for 1 .. $files / 10;
-        put(sprintf("tree/%x/%x/document %d.txt", $_ >> 4 & 15, $_ & 15, $_), $_) for 1 .. $files * 9 / 10;
-    ' "$files"
-}
+# shellcheck source=bench/support/ntfs-volume.sh
+. "$(dirname "$(realpath "$0")")/support/ntfs-volume.sh"
 
 make_volume() {
     truncate -s 2G volume.img
@@ -85,44 +34,13 @@ make_volume() {
             print "a" x 32768, substr(join(";", map { $block * 7919 * $_ % 1000003 } 1 .. 6000), 0, 32768) or die;
         }
     ' "$file_mib" >mount/packed/file
-    (cd mount && make_files)
+    (cd mount && make_files "$files")
     unmount
 }
 
-microseconds_of() {
-    local start=${EPOCHREALTIME/./}
-    if ! bash -c "$1" >/dev/null 2>errors; then
-        echo "compare-files.sh: $1 failed:" >&2
-        cat errors >&2
-        return 1
-    fi
-    echo $((${EPOCHREALTIME/./} - start))
-}
+shorten() { sed "s:$command:diskstream:g"; }
 
-median() { printf '%s\n' "$@" | sort -n | sed -n "$((($# + 1) / 2))p"; }
-
-# race TITLE OURS PEER...: command lines, which alternate. `after` is run behind each.
-after=true
-race() {
-    local title=$1 ours="" line taken times
-    shift
-    local -A all=()
-    for _ in $(seq "$runs"); do
-        for line in "$@"; do
-            all[$line]+=" $(microseconds_of "$line")"
-            $after
-        done
-    done
-    echo "$title"
-    for line in "$@"; do
-        read -ra times <<<"${all[$line]}"
-        taken=$(median "${times[@]}")
-        ours=${ours:-$taken}
-        awk -v line="${line//$command/diskstream}" -v taken="$taken" -v ours="$ours" '
-            BEGIN { printf "  %-72s %8.3f s %8.2f\n", line, taken / 1e6, taken / ours }'
-    done
-}
-
+work_in 4
 make_volume
 mount_volume ro
 cat volume.img >/dev/null
@@ -135,5 +53,5 @@ race "a plain file of $file_mib MiB" "$command cat $volume plain" "dd if=plain b
     "icat volume.img $(stat -c %i mount/plain)" 'ntfscat -f volume.img plain' 'cat mount/plain'
 race "a compressed file of $file_mib MiB" "$command cat $volume packed/file" \
     "icat volume.img $(stat -c %i mount/packed/file)" 'ntfscat -f volume.img packed/file' 'cat mount/packed/file'
-after='rm -rf copy'
+after() { rm -rf copy; }
 race "copying $((files / 10)) small files" "$command cp -q -r $volume small copy" 'cp -r mount/small copy'
