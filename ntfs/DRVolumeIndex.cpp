@@ -190,31 +190,10 @@ int CDRVolume::HasLongName(uint64_t frn, const char16_t* name, uint32_t nameLeng
 }
 
 ATTR_RECORD_HEADER_t* CDRVolume::GetFileNameAttribute(CAutoMemory<char>* record, uint32_t kind) {
-    if (record == nullptr || record->GetPtr() == nullptr)
-        return nullptr;
-    ATTR_RECORD_HEADER_t* attribute = CDRFileRecord::FindFirstAttr(record->GetPtr(), AttrFileName);
-    for (; attribute != nullptr; attribute = CDRFileRecord::FindNextAttr(AttrFileName, attribute)) {
-        NtfsFileName_t fields{};
-        const CByteView value = ResidentValueOf(attribute);
-        if (value.Get(0, fields) && (fields.nameKind == kind || (fields.nameKind & kind) != 0))
-            return attribute;
-    }
-    return nullptr;
+    return record != nullptr && record->GetPtr() != nullptr ? FindFileName(record->GetPtr(), kind) : nullptr;
 }
 
 int CDRVolume::GetFileName(CAutoMemory<char>* record, CAutoMemory<char>* name, uint32_t kind) {
     const ATTR_RECORD_HEADER_t* const attribute = GetFileNameAttribute(record, kind);
-    if (attribute == nullptr || name == nullptr)
-        return NtfsIndexNotFound;
-    NtfsFileName_t fields{};
-    const CByteView value = ResidentValueOf(attribute);
-    if (!value.Get(0, fields))
-        return NtfsIndexNotFound;
-    const uint32_t bytes = uint32_t{fields.nameLength} * 2;
-    if (!value.Holds(sizeof(fields), bytes))
-        return NtfsRecordCorrupted;
-    name->Alloc(0);
-    if (bytes != 0 && name->Alloc(bytes) == nullptr)
-        return NtfsOutOfMemory;
-    return value.CopyOut(sizeof(fields), name->GetPtr(), bytes) ? NtfsOk : NtfsRecordCorrupted;
+    return attribute != nullptr && name != nullptr ? CopyFileName(attribute, *name) : NtfsIndexNotFound;
 }

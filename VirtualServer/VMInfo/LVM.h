@@ -9,8 +9,10 @@
 #include "VirtualServer/VMInfo/DiskTypes.h"
 #include "VirtualServer/VMInfo/HardDiskReader.h"
 #include "VirtualServer/VMInfo/NtfsVolumeData.h"
+#include "VirtualServer/VMInfo/SparseInfo.h"
 #include "foundation/Guid.h"
 #include "foundation/ZuError.h"
+#include "foundation/ZuString.h"
 #include "platform/Export.h"
 
 class IVMInfo;
@@ -48,6 +50,15 @@ struct LVM_Volume_t {
     uint8_t SystemID = 0;                 // the partition's type: 7 for NTFS, 0x8E for Linux LVM2
     int32_t AllDiskFound = 0;             // every component has its disk
     std::vector<LVM_Segment_t> Segments;  // in the order of the volume
+};
+
+// Bytes of a volume that lie together in one backup block.
+struct LVM_Disk_Offset_Len_t {
+    uint64_t DiskOffset = ~uint64_t{0};  // bytes, on the disk
+    uint64_t Length = ~uint64_t{0};      // bytes
+    CZuString ExtentName;                // of the extent that holds them, as the dump has it
+    uint64_t BlockNumber = ~uint64_t{0};
+    uint64_t BlockOffset = ~uint64_t{0};  // bytes, what lies in front of a block's data included
 };
 
 // The volumes on a set of disks, found without an operating system's help.
@@ -94,12 +105,31 @@ public:
     // Fills `info` from the volume's boot sector.
     CZuError GetNTFSVolInfo(const LVM_Volume_t& volume, NTFS_VOLUME_DATA_BUFFER* info) const;
 
+    // Writes the layout of all volumes, and which sectors the files of each disk hold, to `path`, so that a machine
+    // without the disks finds the bytes of a volume in their backups. A failure leaves an incomplete file, which no
+    // reader takes.
+    CZuError DumpVolumeInfoToFile(const char* path) const;
+
+    // Reads such a dump, of this version or the one before it. `sparseInfo` may be null. After a failure both hold what
+    // was read by then.
+    //
+    // Callers rely on the ends of segments as they come: of the dumps written now each is the sum of the components'
+    // sectors beyond what it was, of the older ones 18 for each component.
+    static CZuError ReadVolumeInfoFromDump(const char* path, std::vector<LVM_Volume_t>& volumes,
+                                           SparseInfo_t* sparseInfo);
+
+    // Appends to `runs` where the bytes of a volume lie in the backup blocks of its disks, from a dump alone. Bytes that
+    // no file of a disk holds are a failure, where a read of the disk gives zeros. `runs` keeps what came before a
+    // failure. Whether all disks were found isn't looked at.
+    static CZuError ConvertVolumeOffsetToDiskExtents(uint64_t offset, uint64_t length, const LVM_Volume_t& volume,
+                                                     const SparseInfo_t& sparseInfo,
+                                                     std::vector<LVM_Disk_Offset_Len_t>& runs);
+
     // Kept for the process: set once, before work starts.
     using QuitFlagCallback_t = int (*)(int, void*, void*);
     static void SetQuitFlagCallback(QuitFlagCallback_t callback, int first, void* second);
 
 private:
-    struct Place_t;
     struct GuidOrder_t {
         bool operator()(const GUID& left, const GUID& right) const;
     };
@@ -114,9 +144,10 @@ private:
     void FinishVolumes();
     static void FinishSegments(LVM_Volume_t& volume);
 
-    static CZuError FindPlace(const LVM_Volume_t& volume, uint64_t offset, uint64_t lba, Place_t& place);
-    static CZuError FindInStripes(const LVM_Volume_t& volume, uint64_t offset, uint64_t lba, Place_t& place);
-    static CZuError FindInSpan(const LVM_Volume_t& volume, uint64_t offset, uint64_t lba, Place_t& place);
+    static CZuError ReadVolumeInfoFromDump10(const char* path, std::vector<LVM_Volume_t>& volumes,
+                                             SparseInfo_t* sparseInfo);
+    static CZuError ReadVolumeInfoFromDump11(const char* path, std::vector<LVM_Volume_t>& volumes,
+                                             SparseInfo_t* sparseInfo);
 
     std::vector<std::unique_ptr<CHardDiskReader>> m_HardDisks;  // by `HardDiskIndex`
     std::vector<LVM_Volume_t> m_Volumes;

@@ -37,6 +37,30 @@ bool HasName(const ATTR_RECORD_HEADER_t* attribute, const char16_t* text) {
     return true;
 }
 
+ATTR_RECORD_HEADER_t* FindFileName(char* record, uint32_t kind) {
+    ATTR_RECORD_HEADER_t* attribute = CDRFileRecord::FindFirstAttr(record, AttrFileName);
+    for (; attribute != nullptr; attribute = CDRFileRecord::FindNextAttr(AttrFileName, attribute)) {
+        NtfsFileName_t fields{};
+        if (ResidentValueOf(attribute).Get(0, fields) && (fields.nameKind == kind || (fields.nameKind & kind) != 0))
+            return attribute;
+    }
+    return nullptr;
+}
+
+int CopyFileName(const ATTR_RECORD_HEADER_t* attribute, CAutoMemory<char>& name) {
+    NtfsFileName_t fields{};
+    if (attribute == nullptr || !ResidentValueOf(attribute).Get(0, fields))
+        return NtfsIndexNotFound;
+    const CByteView value = ResidentValueOf(attribute);
+    const uint32_t bytes = uint32_t{fields.nameLength} * 2;
+    if (!value.Holds(sizeof(fields), bytes))
+        return NtfsRecordCorrupted;
+    name.Alloc(0);
+    if (bytes != 0 && name.Alloc(bytes) == nullptr)
+        return NtfsOutOfMemory;
+    return value.CopyOut(sizeof(fields), name.GetPtr(), bytes) ? NtfsOk : NtfsRecordCorrupted;
+}
+
 bool GrowBuffer(CAutoMemory<char>& buffer, uint64_t bytes) {
     if (bytes > NtfsCeilingBytes)
         return false;

@@ -8,7 +8,7 @@
 #include "ntfs/DRFileRecord.h"
 #include "ntfs/detail/NtfsFormat.h"
 
-// What the sources of `CDRVolume` share.
+// What the readers of file records share.
 
 // Null for an empty block, as a resident attribute leaves it.
 inline DATARUN_EXTENTS* ExtentsOf(CAutoMemory<char>& block) {
@@ -46,6 +46,13 @@ int AppendRuns(ATTR_RECORD_HEADER_t* attribute, CAutoMemory<char>& extents, uint
 
 // True when the attribute has a name and `text` begins with it, or is it.
 bool HasName(const ATTR_RECORD_HEADER_t* attribute, const char16_t* text);
+
+// The first name of that kind; callers rely on kind 3, a long name that is a short one too, serving for both. Null for
+// none.
+ATTR_RECORD_HEADER_t* FindFileName(char* record, uint32_t kind);
+
+// 16-bit characters without an end. NtfsIndexNotFound for no attribute at all.
+int CopyFileName(const ATTR_RECORD_HEADER_t* attribute, CAutoMemory<char>& name);
 
 // Grows `buffer`, with its contents, at least by half, so that many small steps copy little. False: out of memory.
 [[nodiscard]] bool GrowBuffer(CAutoMemory<char>& buffer, uint64_t bytes);

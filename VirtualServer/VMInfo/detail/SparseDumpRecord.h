@@ -1,7 +1,9 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
+#include "VirtualServer/VMInfo/detail/MetadataRecord.h"
 #include "foundation/ZuError.h"
 #include "foundation/ZuFile.h"
 
@@ -18,6 +20,11 @@ struct SparseDumpFields_t {
     uint32_t topBitmapBytes = 0;
     uint32_t bucketBytes = 0;
 };
+
+// Fills a field of a dump: hexadecimal text in all but its last byte, the terminator.
+template <size_t FieldBytes> void PutDumpNumber(char (&field)[FieldBytes], uint64_t value) {
+    PutHexText(field, FieldBytes - 1, value);
+}
 
 // Writes the record of 1153 bytes with `name`, cut to 1023 bytes, in one write.
 CZuError WriteSparseDumpRecord(CZuFile& out, const char* name, const SparseDumpFields_t& fields);
