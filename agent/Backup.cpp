@@ -16,22 +16,29 @@
 
 namespace {
 
-SetInfo_t InfoOf(const CDiskImage& image) {
+SetInfo_t InfoOfNow() {
     SetInfo_t info;
-    info.imageName = std::filesystem::path(image.Path()).filename().string();
-    info.product = image.Product();
-    info.diskType = image.DiskType();
-    info.diskSectors = image.TotalSectors();
-    info.hasParent = image.HasParent();
-    info.parentName = image.ParentName();
     info.createdUtc = UtcTimeText();
     info.writer = std::string("diskstream ") + DiskstreamVersion();
     return info;
 }
 
-SetStream_t StreamOf(const DiskExtent_t& extent, int64_t id, uint32_t blockSectors) {
+SetDisk_t DiskOf(const CDiskImage& image, int64_t id) {
+    SetDisk_t disk;
+    disk.id = id;
+    disk.imageName = std::filesystem::path(image.Path()).filename().string();
+    disk.product = image.Product();
+    disk.diskType = image.DiskType();
+    disk.diskSectors = image.TotalSectors();
+    disk.hasParent = image.HasParent();
+    disk.parentName = image.ParentName();
+    return disk;
+}
+
+SetStream_t StreamOf(const DiskExtent_t& extent, int64_t id, int64_t disk, uint32_t blockSectors) {
     SetStream_t stream;
     stream.id = id;
+    stream.disk = disk;
     stream.fileName = extent.name;
     stream.diskType = extent.diskType;
     stream.blockSectors = blockSectors;
@@ -45,25 +52,46 @@ class CBackupRun {
 public:
     CBackupRun(const BackupOptions_t& options, BackupResult_t& result) : m_Options(options), m_Result(result) {}
 
-    CZuError Run(const std::string& imageName, const std::string& setName) {
-        CDiskImage image;
-        ZU_RETURN_IF_ERROR(m_Options.flatten ? image.OpenFlattened(imageName, m_Options.image)
-                                             : image.Open(imageName, m_Options.image));
-        m_Result.warnings = image.Warnings();
-        m_Result.diskType = image.DiskType();
-        m_Result.diskBytes = image.TotalSectors() << SectorShift;
-        WarnOfParent(image);
-        ZU_RETURN_IF_ERROR(RefuseOwnFiles(image, setName));
+    CZuError Run(const std::vector<std::string>& imageNames, const std::string& setName) {
+        ZU_RETURN_IF_ERROR(RefuseDisks(imageNames));
+        ZU_RETURN_IF_ERROR(OpenImages(imageNames));
+        for (const CDiskImage& image : m_Images)
+            ZU_RETURN_IF_ERROR(RefuseOwnFiles(image, setName));
         ZU_RETURN_IF_ERROR(m_Writer.Create(setName, m_Options.force));
-        ZU_RETURN_IF_ERROR(WriteStreams(image));
-        for (const SmallFile_t& file : image.SmallFiles())
-            ZU_RETURN_IF_ERROR(m_Writer.AddFile({file.name, file.bytes}));
-        ZU_RETURN_IF_ERROR(m_Writer.Commit(InfoOf(image)));
+        ZU_RETURN_IF_ERROR(WriteDisks());
+        ZU_RETURN_IF_ERROR(m_Writer.Commit(InfoOfNow()));
         m_Result.setBytes = m_Writer.SizeBytes();
         return CZuError();
     }
 
 private:
+    CZuError RefuseDisks(const std::vector<std::string>& imageNames) const {
+        if (imageNames.empty())
+            return Refusal("There is no disk to back up");
+        if (imageNames.size() != 1 && !m_Options.image.parents.empty())
+            return Refusal("The links of a chain can be told for one disk only; back the disks up into a set each");
+        for (size_t index = 1; index < imageNames.size(); ++index) {
+            for (size_t older = 0; older < index; ++older) {
+                if (IsSameFile(imageNames[older], imageNames[index]))
+                    return Refusal(imageNames[index] + ": is the same disk as " + imageNames[older]);
+            }
+        }
+        return CZuError();
+    }
+
+    CZuError OpenImages(const std::vector<std::string>& names) {
+        for (const std::string& name : names) {
+            CDiskImage& image = m_Images.emplace_back();
+            ZU_RETURN_IF_ERROR(m_Options.flatten ? image.OpenFlattened(name, m_Options.image)
+                                                 : image.Open(name, m_Options.image));
+            m_Result.warnings.insert(m_Result.warnings.end(), image.Warnings().begin(), image.Warnings().end());
+            m_Result.disks.push_back({image.Path(), image.DiskType(), image.TotalSectors() << SectorShift});
+            m_Result.diskBytes += m_Result.disks.back().diskBytes;
+            WarnOfParent(image);
+        }
+        return CZuError();
+    }
+
     // Replacing is for older sets. The image's own files are what the set is made from.
     static CZuError RefuseOwnFiles(const CDiskImage& image, const std::string& setName) {
         bool isOwn = IsSameFile(image.Path(), setName);
@@ -94,24 +122,35 @@ private:
                                     parent + ", on which it builds; --flatten keeps the whole disk");
     }
 
-    // The bytes to come are known only when each stream has been opened; opening is cheap beside
-    // reading, but holds tables, so one stream is open at a time.
-    CZuError WriteStreams(const CDiskImage& image) {
-        int64_t id = 0;
-        for (const DiskExtent_t& extent : image.Extents())
-            m_Progress.totalBytes += extent.fileBytes;
-        for (const DiskExtent_t& extent : image.Extents())
-            ZU_RETURN_IF_ERROR(WriteStream(extent, id++));
+    CZuError WriteDisks() {
+        for (const CDiskImage& image : m_Images) {
+            for (const DiskExtent_t& extent : image.Extents())
+                m_Progress.totalBytes += extent.fileBytes;
+        }
+        int64_t disk = 0;
+        for (const CDiskImage& image : m_Images)
+            ZU_RETURN_IF_ERROR(WriteDisk(image, disk++));
         return CZuError();
     }
 
-    CZuError WriteStream(const DiskExtent_t& extent, int64_t id) {
+    CZuError WriteDisk(const CDiskImage& image, int64_t disk) {
+        ZU_RETURN_IF_ERROR(m_Writer.AddDisk(DiskOf(image, disk)));
+        for (const DiskExtent_t& extent : image.Extents())
+            ZU_RETURN_IF_ERROR(WriteStream(extent, disk));
+        for (const SmallFile_t& file : image.SmallFiles())
+            ZU_RETURN_IF_ERROR(m_Writer.AddFile({file.name, file.bytes, disk}));
+        return CZuError();
+    }
+
+    // The bytes to come are known only when each stream has been opened; opening is cheap beside
+    // reading, but holds tables, so one stream is open at a time.
+    CZuError WriteStream(const DiskExtent_t& extent, int64_t disk) {
         CExtentStream stream;
         ZU_RETURN_IF_ERROR(stream.Open(extent));
         m_Progress.totalBytes -= extent.fileBytes;
         m_Progress.totalBytes += stream.ExpectedBytes();
-        ZU_RETURN_IF_ERROR(m_Writer.BeginStream(StreamOf(extent, id, stream.BlockSectors()), stream.TakeRecord(),
-                                                m_Options.compressionLevel));
+        ZU_RETURN_IF_ERROR(m_Writer.BeginStream(StreamOf(extent, m_NextStream++, disk, stream.BlockSectors()),
+                                                stream.TakeRecord(), m_Options.compressionLevel));
         ZU_RETURN_IF_ERROR(MoveBlocks(stream));
         ZU_RETURN_IF_ERROR(m_Writer.EndStream());
         return CZuError();
@@ -180,16 +219,23 @@ private:
 
     const BackupOptions_t& m_Options;
     BackupResult_t& m_Result;
+    std::vector<CDiskImage> m_Images;  // in the order in which they were given
     CBackupSetWriter m_Writer;
+    int64_t m_NextStream = 0;
     Progress_t m_Progress;
 };
 
 }  // namespace
 
-CZuError BackUpDisk(const std::string& image, const std::string& set, const BackupOptions_t& options,
-                    BackupResult_t& result) {
+CZuError BackUpDisks(const std::vector<std::string>& images, const std::string& set, const BackupOptions_t& options,
+                     BackupResult_t& result) {
     return WithinMemory("Out of memory", [&] {
         result = BackupResult_t();
-        return CBackupRun(options, result).Run(image, set);
+        return CBackupRun(options, result).Run(images, set);
     });
+}
+
+CZuError BackUpDisk(const std::string& image, const std::string& set, const BackupOptions_t& options,
+                    BackupResult_t& result) {
+    return BackUpDisks({image}, set, options, result);
 }

@@ -18,18 +18,28 @@ struct BackupOptions_t {
     ProgressCallback_t progress;
 };
 
-struct BackupResult_t {
+struct BackedUpDisk_t {
+    std::string image;
     DiskType_t diskType = NoDiskType;
-    uint64_t diskBytes = 0;   // the disk's size
-    uint64_t blockCount = 0;  // that the image holds
-    uint64_t zeroBlocks = 0;  // of these
+    uint64_t diskBytes = 0;  // the disk's size
+};
+
+struct BackupResult_t {
+    std::vector<BackedUpDisk_t> disks;  // in the order in which they were given
+    uint64_t diskBytes = 0;             // of all disks
+    uint64_t blockCount = 0;            // that the images hold
+    uint64_t zeroBlocks = 0;            // of these
     uint64_t readBytes = 0;
     uint64_t storedBytes = 0;  // that the blocks take in the set
     uint64_t setBytes = 0;     // the set's file
     std::vector<std::string> warnings;
 };
 
-// Backs the disk image `image` up into the new backup set `set`. Every sector of the disk is in
+// Backs the disk images `images` up into the new backup set `set`. Every sector of each disk is in
 // the set, or an error says what is in the way and nothing is left behind.
+[[nodiscard]] DISKSTREAM_EXPORT CZuError BackUpDisks(const std::vector<std::string>& images, const std::string& set,
+                                                     const BackupOptions_t& options, BackupResult_t& result);
+
+// The same for one disk.
 [[nodiscard]] DISKSTREAM_EXPORT CZuError BackUpDisk(const std::string& image, const std::string& set,
                                                     const BackupOptions_t& options, BackupResult_t& result);

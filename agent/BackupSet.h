@@ -11,23 +11,28 @@
 // describes the file.
 
 // The version of the format that this program writes, and the highest that it reads.
-constexpr int BackupSetVersion = 1;
+constexpr int BackupSetVersion = 2;
 
 // The set as a whole.
 struct SetInfo_t {
+    std::string createdUtc;  // "2026-01-31T12:00:00Z"
+    std::string writer;      // the program and its version
+};
+
+// One disk.
+struct SetDisk_t {
+    int64_t id = 0;         // from 0, in the order in which the disks were given
     std::string imageName;  // the file name of the image
     ProductType_t product = VirtualProdType_VMware;
     DiskType_t diskType = NoDiskType;
     uint64_t diskSectors = 0;
     std::string parentName;  // of an image that is one link of a chain, where it tells it
     bool hasParent = false;
-    std::string createdUtc;  // "2026-01-31T12:00:00Z"
-    std::string writer;      // the program and its version
 };
 
 // One stream of blocks: an extent of the disk.
 struct SetStream_t {
-    int64_t id = 0;        // from 0, in the order of the disk
+    int64_t id = 0;        // from 0, through all disks, in the order of each
     std::string fileName;  // as the image's descriptor has it, or the file's own name
     DiskType_t diskType = NoDiskType;
     uint32_t blockSectors = 0;
@@ -38,12 +43,14 @@ struct SetStream_t {
     uint64_t blockCount = 0;
     uint64_t storedBytes = 0;  // that its blocks take in the set
     BlockDigest_t digest{};    // over its blocks' numbers, sizes and digests, in their order
+    int64_t disk = 0;          // the id of the disk of which it is an extent
 };
 
 // A file that is kept as it was.
 struct SetFile_t {
     std::string name;
     std::string bytes;
+    int64_t disk = 0;  // the id of the disk to which it belongs
 };
 
 // One block. What `encoded` points to belongs to who filled it in.
@@ -51,4 +58,35 @@ struct SetBlock_t {
     uint64_t number = 0;
     uint32_t sectors = 0;
     EncodedBlock_t encoded;
+};
+
+// A volume whose directory tree is in the set.
+struct SetVolume_t {
+    int64_t id = 0;
+    std::string name;
+    std::string facts;              // JSON text of the catalogue's
+    uint64_t entryCount = 0;        // this and the next are the writer's
+    BlockDigest_t entriesDigest{};  // the sum modulo 2^128 of the digests of its entries
+};
+
+// A long file of the catalogue's, kept in pieces that can be read at random.
+struct SetPart_t {
+    std::string name;
+    uint64_t bytes = 0;
+    BlockDigest_t digest{};  // over the digests of its pieces
+    int64_t id = 0;          // the writer's
+};
+
+// A name in a directory of a volume. Numbers of 64 bits are below 2^63; times are seconds since 1970.
+struct SetEntry_t {
+    uint64_t parent = 0;  // the directory's number
+    uint64_t frn = 0;     // the entry's own
+    uint64_t bytes = 0;
+    uint32_t modified = 0;
+    uint32_t attributes = 0;
+    uint32_t accessed = 0;
+    uint32_t created = 0;
+    bool isDirectory = false;
+    bool isFurtherName = false;  // of a file that has another name, too
+    std::string name;            // UTF-8, or the bytes of half surrogates
 };

@@ -2,22 +2,21 @@
 
 #include <algorithm>
 #include <cstring>
-#include <iterator>
 #include <new>
 
 #include "agent/ErrorText.h"
+#include "agent/detail/SetBlockFinder.h"
 #include "agent/detail/SetDatabase.h"
 #include "agent/detail/SetDigest.h"
+#include "agent/detail/SetEntryReader.h"
+#include "agent/detail/SetPartReader.h"
+#include "agent/detail/SetRows.h"
 #include "agent/detail/SetSchema.h"
-#include "agent/detail/VmdkExtentCheck.h"
 #include "foundation/ZuFile.h"
 #include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
 
 namespace {
-
-constexpr size_t MostFiles = 64;
-constexpr size_t LargestFileBytes = 1U << 20U;  // a descriptor has 20 KiB at most
 
 // SQLite would make an empty database of a file that isn't there, and call text "not a database". A
 // set has the rollback form alone, a 1 behind the page size, twice; of the other form SQLite would
@@ -35,25 +34,6 @@ CZuError RefuseUnlessDatabase(const std::string& path) {
         bytes[readForm] != 1)
         return Refusal(path + ": is no backup set");
     return CZuError();
-}
-
-bool ReadDigest(CSetStatement& row, int column, BlockDigest_t& digest) {
-    uint32_t size = 0;
-    const char* const bytes = row.Bytes(column, size);
-    if (bytes == nullptr || size != digest.size())
-        return false;
-    std::memcpy(digest.data(), bytes, digest.size());
-    return true;
-}
-
-// Columns from `firstColumn`: digest, encoding, data.
-bool ReadEncoded(CSetStatement& row, int firstColumn, EncodedBlock_t& encoded) {
-    if (!ReadDigest(row, firstColumn, encoded.digest))
-        return false;
-    const int64_t encoding = row.Number(firstColumn + 1);
-    encoded.encoding = static_cast<BlockEncoding_t>(encoding);
-    encoded.data = row.Bytes(firstColumn + 2, encoded.sizeBytes);
-    return encoding >= static_cast<int>(BlockEncoding_t::Zeros) && encoding <= static_cast<int>(BlockEncoding_t::Zstd);
 }
 
 // Puts the pieces of a record together. The memory grows with the pieces that are there, not with
@@ -96,10 +76,22 @@ private:
     CAutoMemory<char> m_Piece;
 };
 
+// Rows of one disk follow one another.
+template <typename Row> std::span<const Row> OfDisk(const std::vector<Row>& rows, int64_t disk) {
+    const auto isOfOlder = [](const Row& row, int64_t wanted) { return row.disk < wanted; };
+    const auto first = std::lower_bound(rows.begin(), rows.end(), disk, isOfOlder);
+    const auto end = std::lower_bound(first, rows.end(), disk + 1, isOfOlder);
+    return {first, end};
+}
+
 }  // namespace
 
 struct CBackupSetReader::Impl_t {
     CSetDatabase database;
+    SetLists_t lists;
+    CSetPartReader parts{database};
+    CSetBlockFinder finder{database, lists, parts};
+    CSetEntryReader entries{database};
     CSetStatement blocks;
     SetStream_t stream;   // the one being walked
     bool isAtEnd = true;  // a finished query would begin anew,
@@ -114,129 +106,76 @@ CBackupSetReader::~CBackupSetReader() = default;
 
 CZuError CBackupSetReader::Open(const std::string& path) {
     m_Path = path;
-    m_Streams.clear();
-    m_Files.clear();
     m_Impl = std::make_unique<Impl_t>();
     ZU_RETURN_IF_ERROR(RefuseUnlessDatabase(path));
     ZU_RETURN_IF_ERROR(m_Impl->database.OpenForReading(path));
-    ZU_RETURN_IF_ERROR(CheckFormat());
-    ZU_RETURN_IF_ERROR(CheckTables());
-    ZU_RETURN_IF_ERROR(ReadInfo());
-    ZU_RETURN_IF_ERROR(ReadStreams());
-    ZU_RETURN_IF_ERROR(ReadFiles());
-    if (DigestOfSet(m_Info, m_Streams, m_Files) != m_Digest)
-        return Damaged("the digest over its lists is wrong");
-    return CZuError();
+    return ReadSetLists(m_Impl->database, m_Impl->lists);
+}
+
+const SetInfo_t& CBackupSetReader::Info() const {
+    return m_Impl->lists.info;
+}
+
+const std::vector<SetDisk_t>& CBackupSetReader::Disks() const {
+    return m_Impl->lists.disks;
+}
+
+const std::vector<SetStream_t>& CBackupSetReader::Streams() const {
+    return m_Impl->lists.streams;
+}
+
+std::span<const SetStream_t> CBackupSetReader::StreamsOf(int64_t disk) const {
+    return OfDisk(m_Impl->lists.streams, disk);
+}
+
+const std::vector<SetFile_t>& CBackupSetReader::Files() const {
+    return m_Impl->lists.files;
+}
+
+std::span<const SetFile_t> CBackupSetReader::FilesOf(int64_t disk) const {
+    return OfDisk(m_Impl->lists.files, disk);
+}
+
+const std::vector<SetVolume_t>& CBackupSetReader::Volumes() const {
+    return m_Impl->lists.volumes;
+}
+
+const std::vector<SetPart_t>& CBackupSetReader::Parts() const {
+    return m_Impl->lists.parts;
+}
+
+const SetPart_t* CBackupSetReader::FindPart(const std::string& name) const {
+    return FindPartIn(m_Impl->lists.parts, name);
+}
+
+CZuError CBackupSetReader::ReadBlock(const SetStream_t& stream, uint64_t number, CAutoMemory<char>& bytes,
+                                     bool& isThere) {
+    return m_Impl->finder.Read(stream, number, bytes, isThere);
+}
+
+CZuError CBackupSetReader::ReadPart(const SetPart_t& part, uint64_t offset, char* buffer, uint32_t size) {
+    return m_Impl->parts.Read(part, offset, buffer, size);
+}
+
+CZuError CBackupSetReader::ForEachEntry(int64_t volume, uint64_t parent, const std::function<bool(SetEntry_t&)>& take) {
+    return m_Impl->entries.ForEach(volume, parent, take);
+}
+
+CZuError CBackupSetReader::FindEntry(int64_t volume, uint64_t parent, const std::string& name,
+                                     std::optional<SetEntry_t>& entry) {
+    return m_Impl->entries.Find(volume, parent, name, entry);
+}
+
+CZuError CBackupSetReader::ProveEntries(const SetVolume_t& volume) {
+    return m_Impl->entries.Prove(volume);
+}
+
+CZuError CBackupSetReader::ProvePart(const SetPart_t& part) {
+    return m_Impl->parts.Prove(part);
 }
 
 CZuError CBackupSetReader::Damaged(const std::string& what) const {
-    return Refusal(m_Path + ": the set is damaged: " + what);
-}
-
-CZuError CBackupSetReader::CheckFormat() {
-    int64_t application = 0;
-    int64_t version = 0;
-    ZU_RETURN_IF_ERROR(m_Impl->database.QueryNumber("PRAGMA application_id", application));
-    ZU_RETURN_IF_ERROR(m_Impl->database.QueryNumber("PRAGMA user_version", version));
-    if (application != SetApplicationId)
-        return Refusal(m_Path + ": is a database, but no backup set");
-    if (version > BackupSetVersion)
-        return Refusal(CZuString::Format("{1}: is a set of format version {2}; this program reads versions up to {3}, "
-                                         "so use a newer one",
-                                         m_Path, version, BackupSetVersion));
-    return version < 1 ? Damaged(CZuString::Format("it has the format version {1}", version).c_str()) : CZuError();
-}
-
-// A view or trigger, or a table of another shape, could have us read or run anything.
-CZuError CBackupSetReader::CheckTables() {
-    CSetStatement rows;
-    ZU_RETURN_IF_ERROR(rows.Prepare(m_Impl->database, "SELECT type, name, sql FROM sqlite_schema"));
-    size_t found = 0;
-    for (;;) {
-        bool hasRow = false;
-        ZU_RETURN_IF_ERROR(rows.Step(hasRow));
-        if (!hasRow)
-            break;
-        const std::string name = rows.Text(1);
-        const std::string sql = rows.Text(2);
-        const bool isOurs = rows.Text(0) == "table" &&
-                            std::any_of(std::begin(SetTables), std::end(SetTables), [&](const SetTable_t& table) {
-                                return name == table.name && sql == table.sql;
-                            });
-        if (!isOurs)
-            return Damaged("its table " + name + " isn't one of a backup set");
-        ++found;
-    }
-    return found == std::size(SetTables) ? CZuError() : Damaged("tables are missing");
-}
-
-CZuError CBackupSetReader::ReadInfo() {
-    CSetStatement row;
-    ZU_RETURN_IF_ERROR(row.Prepare(m_Impl->database, "SELECT * FROM backup_set"));
-    bool hasRow = false;
-    ZU_RETURN_IF_ERROR(row.Step(hasRow));
-    if (!hasRow)
-        return Damaged("its own row is missing");
-    m_Info.imageName = row.Text(0);
-    m_Info.product = static_cast<ProductType_t>(row.Number(1));
-    m_Info.diskType = static_cast<DiskType_t>(row.Number(2));
-    m_Info.diskSectors = static_cast<uint64_t>(row.Number(3));
-    m_Info.hasParent = row.Number(4) != 0;
-    m_Info.parentName = row.Text(5);
-    m_Info.createdUtc = row.Text(6);
-    m_Info.writer = row.Text(7);
-    return ReadDigest(row, 8, m_Digest) ? CZuError() : Damaged("its digest is missing");
-}
-
-CZuError CBackupSetReader::ReadStreams() {
-    CSetStatement rows;
-    ZU_RETURN_IF_ERROR(rows.Prepare(m_Impl->database, "SELECT * FROM stream ORDER BY id"));
-    for (;;) {
-        bool hasRow = false;
-        ZU_RETURN_IF_ERROR(rows.Step(hasRow));
-        if (!hasRow)
-            return CZuError();
-        SetStream_t stream;
-        stream.id = rows.Number(0);
-        stream.fileName = rows.Text(1);
-        stream.diskType = static_cast<DiskType_t>(rows.Number(2));
-        stream.blockSectors = static_cast<uint32_t>(rows.Number(3));
-        stream.diskSectors = static_cast<uint64_t>(rows.Number(4));
-        stream.fileBytes = static_cast<uint64_t>(rows.Number(5));
-        stream.recordBytes = static_cast<uint64_t>(rows.Number(6));
-        stream.blockCount = static_cast<uint64_t>(rows.Number(8));
-        stream.storedBytes = static_cast<uint64_t>(rows.Number(9));
-        if (!ReadDigest(rows, 7, stream.recordDigest) || !ReadDigest(rows, 10, stream.digest))
-            return Damaged("a digest of " + stream.fileName + " is missing");
-        ZU_RETURN_IF_ERROR(CheckStream(stream));
-        m_Streams.push_back(stream);
-    }
-}
-
-CZuError CBackupSetReader::CheckStream(const SetStream_t& stream) const {
-    constexpr uint64_t mostSectors = uint64_t{INT64_MAX} >> SectorShift;
-    if (stream.id < 0 || stream.id >= StreamEnd)
-        return Damaged("the number of " + stream.fileName + " is out of range");
-    if (stream.blockSectors == 0 || stream.blockSectors > LargestGrainSectors)
-        return Damaged("the block size of " + stream.fileName + " is out of range");
-    if (stream.diskSectors > mostSectors || stream.fileBytes > uint64_t{INT64_MAX} ||
-        stream.recordBytes > LargestRecordBytes)
-        return Damaged("a size of " + stream.fileName + " is out of range");
-    return CZuError();
-}
-
-CZuError CBackupSetReader::ReadFiles() {
-    CSetStatement rows;
-    ZU_RETURN_IF_ERROR(rows.Prepare(m_Impl->database, "SELECT name, bytes FROM file ORDER BY name"));
-    for (;;) {
-        bool hasRow = false;
-        ZU_RETURN_IF_ERROR(rows.Step(hasRow));
-        if (!hasRow)
-            return CZuError();
-        m_Files.push_back({rows.Text(0), rows.Text(1)});
-        if (m_Files.size() > MostFiles || m_Files.back().bytes.size() > LargestFileBytes)
-            return Damaged("it holds files that no disk has");
-    }
+    return m_Impl->database.Damaged(what);
 }
 
 CZuError CBackupSetReader::ReadRecord(const SetStream_t& stream, CAutoMemory<char>& record) {
@@ -267,8 +206,8 @@ CZuError CBackupSetReader::BeginBlocks(const SetStream_t& stream) {
     m_Impl->digest = std::make_unique<CRunningDigest>();
     ZU_RETURN_IF_ERROR(m_Impl->blocks.Prepare(m_Impl->database, "SELECT id, sectors, digest, encoding, data FROM block "
                                                                 "WHERE id >= ? AND id < ? ORDER BY id"));
-    m_Impl->blocks.Bind(1, stream.id << BlockNumberBits);
-    m_Impl->blocks.Bind(2, (stream.id + 1) << BlockNumberBits);
+    m_Impl->blocks.Bind(1, FirstIdOf(stream.id));
+    m_Impl->blocks.Bind(2, FirstIdOf(stream.id + 1));
     return CZuError();
 }
 

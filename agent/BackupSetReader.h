@@ -1,8 +1,10 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -13,8 +15,9 @@
 
 // Reads one backup set, which may be damaged or made to do harm. Opening proves that the file is a
 // set of a version that this program reads, that its tables are those of a set, and that the
-// digest over its lists is right; each block's own digest is proved where it is decoded. Every
-// error names the set.
+// digest over its lists is right; it reads no blocks, parts and entries. Each block's own digest is
+// proved where it is decoded. Every error names the set. A set of version 1 is one of one disk,
+// without volumes and parts.
 class DISKSTREAM_EXPORT CBackupSetReader {
 public:
     CBackupSetReader();
@@ -25,9 +28,15 @@ public:
     CZuError Open(const std::string& path);
 
     const std::string& Path() const { return m_Path; }
-    const SetInfo_t& Info() const { return m_Info; }
-    const std::vector<SetStream_t>& Streams() const { return m_Streams; }  // in the order of the disk
-    const std::vector<SetFile_t>& Files() const { return m_Files; }        // by name
+    const SetInfo_t& Info() const;
+    const std::vector<SetDisk_t>& Disks() const;                 // one at least; a disk's id is its place
+    const std::vector<SetStream_t>& Streams() const;             // of all disks
+    std::span<const SetStream_t> StreamsOf(int64_t disk) const;  // in the order of the disk
+    const std::vector<SetFile_t>& Files() const;                 // of all disks
+    std::span<const SetFile_t> FilesOf(int64_t disk) const;      // by name
+    const std::vector<SetVolume_t>& Volumes() const;             // by id
+    const std::vector<SetPart_t>& Parts() const;                 // by name
+    const SetPart_t* FindPart(const std::string& name) const;    // null where there is none
 
     // Makes `record` the metadata record of `stream`, proved.
     CZuError ReadRecord(const SetStream_t& stream, CAutoMemory<char>& record);
@@ -39,26 +48,35 @@ public:
     CZuError BeginBlocks(const SetStream_t& stream);
     CZuError NextBlock(std::optional<SetBlock_t>& block);
 
+    // Makes `bytes` the block `number` of `stream`, proved. `isThere` is false where the stream has no
+    // such block; one that it had and that is lost is a failure.
+    CZuError ReadBlock(const SetStream_t& stream, uint64_t number, CAutoMemory<char>& bytes, bool& isThere);
+
+    // Reads `size` bytes at `offset` of a part, proved. A few pieces of 1 MiB are kept, so that
+    // neighbours are cheap.
+    CZuError ReadPart(const SetPart_t& part, uint64_t offset, char* buffer, uint32_t size);
+
+    // Takes the entries of a directory by name, byte by byte, and number, until `take` is false. It may
+    // use the reader, too.
+    CZuError ForEachEntry(int64_t volume, uint64_t parent, const std::function<bool(SetEntry_t&)>& take);
+
+    // The first entry of that name, by number, or none.
+    CZuError FindEntry(int64_t volume, uint64_t parent, const std::string& name, std::optional<SetEntry_t>& entry);
+
+    // Prove that nothing of them is lost or changed.
+    CZuError ProveEntries(const SetVolume_t& volume);
+    CZuError ProvePart(const SetPart_t& part);
+
     // The failure of a set whose bytes aren't what they were.
     CZuError Damaged(const std::string& what) const;
 
 private:
     struct Impl_t;
 
-    CZuError CheckFormat();
-    CZuError CheckTables();
-    CZuError ReadInfo();
-    CZuError ReadStreams();
-    CZuError ReadFiles();
-    CZuError CheckStream(const SetStream_t& stream) const;
     CZuError StepToBlock(std::optional<SetBlock_t>& block);
     CZuError CheckBlock(const SetBlock_t& block) const;
     CZuError EndBlocks();
 
     std::string m_Path;
-    SetInfo_t m_Info;
-    BlockDigest_t m_Digest{};
-    std::vector<SetStream_t> m_Streams;
-    std::vector<SetFile_t> m_Files;
     std::unique_ptr<Impl_t> m_Impl;
 };

@@ -2,10 +2,16 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <optional>
+#include <tuple>
 #include <vector>
 
+#include "agent/detail/BlockRuns.h"
 #include "agent/detail/SetDatabase.h"
 #include "agent/detail/SetDigest.h"
+#include "agent/detail/SetEntryWriter.h"
+#include "agent/detail/SetPartWriter.h"
+#include "agent/detail/SetRows.h"
 #include "agent/detail/SetSchema.h"
 #include "agent/detail/StagedFile.h"
 #include "foundation/detail/ErrorHandling.h"
@@ -19,22 +25,15 @@ constexpr const char* Setup[] = {
     "PRAGMA cache_size = -4096", "PRAGMA locking_mode = EXCLUSIVE",
 };
 
-void BindEncoded(CSetStatement& statement, int firstIndex, const EncodedBlock_t& encoded) {
-    statement.BindBytes(firstIndex, encoded.digest.data(), encoded.digest.size());
-    statement.Bind(firstIndex + 1, static_cast<int64_t>(encoded.encoding));
-    if (encoded.encoding == BlockEncoding_t::Zeros)
-        statement.BindNull(firstIndex + 2);
-    else
-        statement.BindBytes(firstIndex + 2, encoded.data, encoded.sizeBytes);
-}
-
 }  // namespace
 
 struct CBackupSetWriter::Impl_t {
     CZuError CreateTables();
     CZuError PrepareStatements();
-    CZuError AddRecordPiece(int64_t piece, const char* bytes, uint32_t size, CBlockEncoder& encoder);
-    CZuError WriteInfo(const SetInfo_t& info);
+    CZuError AddRecordPiece(int64_t piece, const char* bytes, uint32_t size);
+    CZuError AddRunsPiece(const std::string& bytes);
+    CZuError WriteDisks();
+    CZuError WriteInfo();
 
     CStagedFile staged;
     CSetDatabase database;  // closed before the staged file goes
@@ -45,8 +44,12 @@ struct CBackupSetWriter::Impl_t {
     CAutoMemory<char> packed;
     SetStream_t stream;  // the one being written
     std::unique_ptr<CRunningDigest> streamDigest;
-    std::vector<SetStream_t> streams;
-    std::vector<SetFile_t> files;
+    std::unique_ptr<CBlockEncoder> encoder;
+    std::optional<PartBegun_t> runsPart;
+    std::unique_ptr<CBlockRuns> runs;
+    CSetPartWriter parts;
+    CSetEntryWriter entries;
+    SetLists_t lists;
     uint64_t sizeBytes = 0;
 };
 
@@ -75,11 +78,14 @@ CZuError CBackupSetWriter::BeginStream(const SetStream_t& stream, const CAutoMem
     m_Impl->stream.blockCount = 0;
     m_Impl->stream.storedBytes = 0;
     m_Impl->streamDigest = std::make_unique<CRunningDigest>();
-    CBlockEncoder encoder(compressionLevel);
+    m_Impl->encoder = std::make_unique<CBlockEncoder>(compressionLevel);
+    m_Impl->runs =
+        std::make_unique<CBlockRuns>([this](const std::string& piece) { return m_Impl->AddRunsPiece(piece); });
+    ZU_RETURN_IF_ERROR(m_Impl->parts.Begin(BlocksPartName(stream.id), m_Impl->runsPart.emplace()));
     int64_t piece = 0;
     for (uint64_t done = 0; done < record.GetSize(); done += RecordPieceBytes, ++piece) {
         const auto size = static_cast<uint32_t>(std::min<uint64_t>(record.GetSize() - done, RecordPieceBytes));
-        ZU_RETURN_IF_ERROR(m_Impl->AddRecordPiece(piece, record.GetPtr() + done, size, encoder));
+        ZU_RETURN_IF_ERROR(m_Impl->AddRecordPiece(piece, record.GetPtr() + done, size));
     }
     return CZuError();
 }
@@ -88,10 +94,14 @@ CZuError CBackupSetWriter::AddBlock(const SetBlock_t& block) {
     if (block.number >= BlockNumberEnd)
         return Refusal(
             CZuString::Format("{1}: block {2} is beyond what a set can number", m_Impl->staged.Target(), block.number));
-    m_Impl->addBlock.Bind(1, (m_Impl->stream.id << BlockNumberBits) | static_cast<int64_t>(block.number));
+    if (!m_Impl->runs->IsBehind(block.number))
+        return Refusal(CZuString::Format("{1}: block {2} comes behind one of a higher number", m_Impl->staged.Target(),
+                                         block.number));
+    m_Impl->addBlock.Bind(1, FirstIdOf(m_Impl->stream.id) + static_cast<int64_t>(block.number));
     m_Impl->addBlock.Bind(2, block.sectors);
     BindEncoded(m_Impl->addBlock, 3, block.encoded);
     ZU_RETURN_IF_ERROR(m_Impl->addBlock.Run());
+    ZU_RETURN_IF_ERROR(m_Impl->runs->Add(block.number));
     AddToDigest(*m_Impl->streamDigest, block);
     ++m_Impl->stream.blockCount;
     m_Impl->stream.storedBytes += block.encoded.sizeBytes;
@@ -101,38 +111,61 @@ CZuError CBackupSetWriter::AddBlock(const SetBlock_t& block) {
 CZuError CBackupSetWriter::EndStream() {
     SetStream_t& stream = m_Impl->stream;
     stream.digest = m_Impl->streamDigest->Result();
+    ZU_RETURN_IF_ERROR(m_Impl->runs->Finish());
+    ZU_RETURN_IF_ERROR(m_Impl->parts.End(*m_Impl->runsPart));
     CSetStatement& add = m_Impl->addStream;
     add.Bind(1, stream.id);
-    add.Bind(2, stream.fileName);
-    add.Bind(3, static_cast<int64_t>(stream.diskType));
-    add.Bind(4, stream.blockSectors);
-    add.Bind(5, static_cast<int64_t>(stream.diskSectors));
-    add.Bind(6, static_cast<int64_t>(stream.fileBytes));
-    add.Bind(7, static_cast<int64_t>(stream.recordBytes));
-    add.BindBytes(8, stream.recordDigest.data(), stream.recordDigest.size());
-    add.Bind(9, static_cast<int64_t>(stream.blockCount));
-    add.Bind(10, static_cast<int64_t>(stream.storedBytes));
-    add.BindBytes(11, stream.digest.data(), stream.digest.size());
+    add.Bind(2, stream.disk);
+    add.Bind(3, stream.fileName);
+    add.Bind(4, static_cast<int64_t>(stream.diskType));
+    add.Bind(5, stream.blockSectors);
+    add.Bind(6, static_cast<int64_t>(stream.diskSectors));
+    add.Bind(7, static_cast<int64_t>(stream.fileBytes));
+    add.Bind(8, static_cast<int64_t>(stream.recordBytes));
+    add.BindBytes(9, stream.recordDigest.data(), stream.recordDigest.size());
+    add.Bind(10, static_cast<int64_t>(stream.blockCount));
+    add.Bind(11, static_cast<int64_t>(stream.storedBytes));
+    add.BindBytes(12, stream.digest.data(), stream.digest.size());
     ZU_RETURN_IF_ERROR(add.Run());
-    m_Impl->streams.push_back(stream);
+    m_Impl->lists.streams.push_back(stream);
     return CZuError();
 }
 
 CZuError CBackupSetWriter::AddFile(const SetFile_t& file) {
-    m_Impl->addFile.Bind(1, file.name);
-    m_Impl->addFile.BindBytes(2, file.bytes.data(), file.bytes.size());
+    m_Impl->addFile.Bind(1, file.disk);
+    m_Impl->addFile.Bind(2, file.name);
+    m_Impl->addFile.BindBytes(3, file.bytes.data(), file.bytes.size());
     ZU_RETURN_IF_ERROR(m_Impl->addFile.Run());
-    m_Impl->files.push_back(file);
+    m_Impl->lists.files.push_back(file);
     return CZuError();
 }
 
+CZuError CBackupSetWriter::AddDisk(const SetDisk_t& disk) {
+    m_Impl->lists.disks.push_back(disk);
+    return CZuError();
+}
+
+CZuError CBackupSetWriter::AddPart(const std::string& name, int compressionLevel, const ReadPart_t& read) {
+    return m_Impl->parts.Add(name, compressionLevel, read);
+}
+
+CZuError CBackupSetWriter::AddVolume(const SetVolume_t& volume) {
+    return m_Impl->entries.Begin(volume);
+}
+
+CZuError CBackupSetWriter::AddEntry(const SetEntry_t& entry) {
+    return m_Impl->entries.Add(entry);
+}
+
 CZuError CBackupSetWriter::Commit(const SetInfo_t& info) {
-    std::sort(m_Impl->files.begin(), m_Impl->files.end(),
-              [](const SetFile_t& left, const SetFile_t& right) { return left.name < right.name; });
-    ZU_RETURN_IF_ERROR(m_Impl->WriteInfo(info));
+    m_Impl->lists.info = info;
+    ZU_RETURN_IF_ERROR(m_Impl->WriteDisks());
+    ZU_RETURN_IF_ERROR(m_Impl->entries.End(m_Impl->lists.volumes));
+    ZU_RETURN_IF_ERROR(m_Impl->WriteInfo());
     ZU_RETURN_IF_ERROR(m_Impl->database.Execute("COMMIT"));
     for (CSetStatement* statement : {&m_Impl->addBlock, &m_Impl->addRecordPiece, &m_Impl->addStream, &m_Impl->addFile})
         statement->Finish();
+    m_Impl->parts.Finish();
     ZU_RETURN_IF_ERROR(m_Impl->database.Close());
     std::error_code ignored;  // the size is for the summary alone
     m_Impl->sizeBytes = std::filesystem::file_size(m_Impl->staged.TemporaryName(), ignored);
@@ -147,7 +180,7 @@ uint64_t CBackupSetWriter::SizeBytes() const {
 CZuError CBackupSetWriter::Impl_t::CreateTables() {
     ZU_RETURN_IF_ERROR(database.Execute(("PRAGMA application_id = " + std::to_string(SetApplicationId)).c_str()));
     ZU_RETURN_IF_ERROR(database.Execute(("PRAGMA user_version = " + std::to_string(BackupSetVersion)).c_str()));
-    for (const SetTable_t& table : SetTables)
+    for (const SetTable_t& table : SetTables2)
         ZU_RETURN_IF_ERROR(database.Execute(table.sql));
     return CZuError();
 }
@@ -155,15 +188,16 @@ CZuError CBackupSetWriter::Impl_t::CreateTables() {
 CZuError CBackupSetWriter::Impl_t::PrepareStatements() {
     ZU_RETURN_IF_ERROR(addBlock.Prepare(database, "INSERT INTO block VALUES (?, ?, ?, ?, ?)"));
     ZU_RETURN_IF_ERROR(addRecordPiece.Prepare(database, "INSERT INTO record VALUES (?, ?, ?, ?, ?, ?)"));
-    ZU_RETURN_IF_ERROR(addStream.Prepare(database, "INSERT INTO stream VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"));
-    ZU_RETURN_IF_ERROR(addFile.Prepare(database, "INSERT INTO file VALUES (?, ?)"));
+    ZU_RETURN_IF_ERROR(addStream.Prepare(database, "INSERT INTO stream VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"));
+    ZU_RETURN_IF_ERROR(addFile.Prepare(database, "INSERT INTO file VALUES (?, ?, ?)"));
+    ZU_RETURN_IF_ERROR(parts.Prepare(database));
+    ZU_RETURN_IF_ERROR(entries.Prepare(database));
     return CZuError();
 }
 
-CZuError CBackupSetWriter::Impl_t::AddRecordPiece(int64_t piece, const char* bytes, uint32_t size,
-                                                  CBlockEncoder& encoder) {
+CZuError CBackupSetWriter::Impl_t::AddRecordPiece(int64_t piece, const char* bytes, uint32_t size) {
     EncodedBlock_t encoded;
-    encoder.Encode(bytes, size, packed, encoded);
+    encoder->Encode(bytes, size, packed, encoded);
     addRecordPiece.Bind(1, stream.id);
     addRecordPiece.Bind(2, piece);
     addRecordPiece.Bind(3, size);
@@ -171,18 +205,42 @@ CZuError CBackupSetWriter::Impl_t::AddRecordPiece(int64_t piece, const char* byt
     return addRecordPiece.Run();
 }
 
-CZuError CBackupSetWriter::Impl_t::WriteInfo(const SetInfo_t& info) {
-    const BlockDigest_t digest = DigestOfSet(info, streams, files);
+CZuError CBackupSetWriter::Impl_t::AddRunsPiece(const std::string& bytes) {
+    EncodedBlock_t encoded;
+    const auto size = static_cast<uint32_t>(bytes.size());
+    encoder->Encode(bytes.data(), size, packed, encoded);
+    return parts.AddPiece(*runsPart, size, encoded);
+}
+
+CZuError CBackupSetWriter::Impl_t::WriteDisks() {
     CSetStatement add;
-    ZU_RETURN_IF_ERROR(add.Prepare(database, "INSERT INTO backup_set VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)"));
-    add.Bind(1, info.imageName);
-    add.Bind(2, static_cast<int64_t>(info.product));
-    add.Bind(3, static_cast<int64_t>(info.diskType));
-    add.Bind(4, static_cast<int64_t>(info.diskSectors));
-    add.Bind(5, info.hasParent ? 1 : 0);
-    add.Bind(6, info.parentName);
-    add.Bind(7, info.createdUtc);
-    add.Bind(8, info.writer);
-    add.BindBytes(9, digest.data(), digest.size());
+    ZU_RETURN_IF_ERROR(add.Prepare(database, "INSERT INTO disk VALUES (?, ?, ?, ?, ?, ?, ?)"));
+    for (const SetDisk_t& disk : lists.disks) {
+        add.Bind(1, disk.id);
+        add.Bind(2, disk.imageName);
+        add.Bind(3, static_cast<int64_t>(disk.product));
+        add.Bind(4, static_cast<int64_t>(disk.diskType));
+        add.Bind(5, static_cast<int64_t>(disk.diskSectors));
+        add.Bind(6, disk.hasParent ? 1 : 0);
+        add.Bind(7, disk.parentName);
+        ZU_RETURN_IF_ERROR(add.Run());
+    }
+    return CZuError();
+}
+
+// The lists enter the digest in the order in which a reader gets them.
+CZuError CBackupSetWriter::Impl_t::WriteInfo() {
+    std::sort(lists.files.begin(), lists.files.end(), [](const SetFile_t& left, const SetFile_t& right) {
+        return std::tie(left.disk, left.name) < std::tie(right.disk, right.name);
+    });
+    lists.parts = parts.Parts();
+    std::sort(lists.parts.begin(), lists.parts.end(),
+              [](const SetPart_t& left, const SetPart_t& right) { return left.name < right.name; });
+    const BlockDigest_t digest = DigestOfSet(lists);
+    CSetStatement add;
+    ZU_RETURN_IF_ERROR(add.Prepare(database, "INSERT INTO backup_set VALUES (?, ?, ?)"));
+    add.Bind(1, lists.info.createdUtc);
+    add.Bind(2, lists.info.writer);
+    add.BindBytes(3, digest.data(), digest.size());
     return add.Run();
 }

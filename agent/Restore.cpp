@@ -1,6 +1,7 @@
 #include "agent/Restore.h"
 
 #include "agent/BackupSetReader.h"
+#include "agent/detail/ChooseDisk.h"
 #include "agent/detail/RestoreTarget.h"
 #include "agent/detail/SetBlocks.h"
 #include "foundation/detail/ErrorHandling.h"
@@ -14,22 +15,23 @@ public:
 
     CZuError Run(const std::string& setName, const std::string& target) {
         ZU_RETURN_IF_ERROR(m_Set.Open(setName));
-        const bool isRaw = m_Options.asRaw || m_Set.Info().product == VirtualProdType_Physical;
+        ZU_RETURN_IF_ERROR(ChooseDisk(m_Set, m_Options.disk, m_Disk));
+        const bool isRaw = m_Options.asRaw || m_Disk.product == VirtualProdType_Physical;
         m_Target = isRaw ? MakeRawTarget() : MakeSameKindTarget();
-        ZU_RETURN_IF_ERROR(m_Target->Prepare(m_Set, target, m_Options));
+        ZU_RETURN_IF_ERROR(m_Target->Prepare(m_Set, m_Disk, target, m_Options));
         WarnOfParent();
-        for (const SetStream_t& stream : m_Set.Streams()) {
+        for (const SetStream_t& stream : m_Set.StreamsOf(m_Disk.id)) {
             m_Result.diskBytes += stream.diskSectors << SectorShift;
             m_Progress.totalBytes += stream.storedBytes;
         }
-        for (const SetStream_t& stream : m_Set.Streams())
+        for (const SetStream_t& stream : m_Set.StreamsOf(m_Disk.id))
             ZU_RETURN_IF_ERROR(RestoreStream(stream));
         return m_Target->Commit(m_Result.files);
     }
 
 private:
     void WarnOfParent() {
-        if (m_Options.asRaw && m_Set.Info().hasParent)
+        if (m_Options.asRaw && m_Disk.hasParent)
             m_Result.warnings.push_back(m_Set.Path() +
                                         " holds one link of a chain: sectors that only its older links hold are holes "
                                         "in the raw image");
@@ -57,6 +59,7 @@ private:
     const RestoreOptions_t& m_Options;
     RestoreResult_t& m_Result;
     CBackupSetReader m_Set;
+    SetDisk_t m_Disk;
     std::unique_ptr<IRestoreTarget> m_Target;
     Progress_t m_Progress;
 };

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -9,9 +10,10 @@
 #include "platform/Export.h"
 
 struct RestoreOptions_t {
-    bool asRaw = false;         // one raw image with holes, instead of the same files
-    bool force = false;         // files that stand at the target are replaced
-    bool allowOutside = false;  // files may go where the set's names lead, out of the target's directory
+    bool asRaw = false;            // one raw image with holes, instead of the same files
+    bool force = false;            // files that stand at the target are replaced
+    bool allowOutside = false;     // files may go where the set's names lead, out of the target's directory
+    std::optional<uint64_t> disk;  // which disk of the set, from 1; needed where there are several
     ProgressCallback_t progress;
 };
 
@@ -23,7 +25,7 @@ struct RestoreResult_t {
     std::vector<std::string> warnings;
 };
 
-// Restores the backup set `set` to `target`: the image's main file, or a directory that gets it
+// Restores a disk of the backup set `set` to `target`: the image's main file, or a directory that gets it
 // under its own name; the image's other files go beside it. Every block is proved before it is
 // written. The files get their names when all are whole and on the medium; until then nothing
 // stands or changes at the target.

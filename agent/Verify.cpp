@@ -5,7 +5,10 @@
 #include "agent/BackupSetReader.h"
 #include "agent/ErrorText.h"
 #include "agent/ExtentStream.h"
+#include "agent/detail/BlockRuns.h"
+#include "agent/detail/ChooseDisk.h"
 #include "agent/detail/SetBlocks.h"
+#include "agent/detail/SetLists.h"
 #include "agent/detail/VhdRecord.h"
 #include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
@@ -54,6 +57,29 @@ private:
     CAutoMemory<char> m_Bytes;
 };
 
+// Makes the list of a stream's blocks again, to prove the one that the set has.
+class CRunsProof {
+public:
+    void Add(uint64_t number) { Dropped(m_Runs.Add(number)); }  // it fails where its pieces can't be taken alone
+
+    bool IsOf(const SetPart_t& part) {
+        Dropped(m_Runs.Finish());
+        return m_Bytes == part.bytes && m_Digest.Result() == part.digest;
+    }
+
+private:
+    CZuError TakePiece(const std::string& piece) {
+        const BlockDigest_t digest = DigestOf(piece.data(), piece.size());
+        m_Digest.Add(digest.data(), digest.size());
+        m_Bytes += piece.size();
+        return CZuError();
+    }
+
+    CRunningDigest m_Digest;
+    uint64_t m_Bytes = 0;
+    CBlockRuns m_Runs{[this](const std::string& piece) { return TakePiece(piece); }};
+};
+
 class CVerifyRun {
 public:
     CVerifyRun(const VerifyOptions_t& options, VerifyResult_t& result) : m_Options(options), m_Result(result) {}
@@ -62,19 +88,27 @@ public:
         ZU_RETURN_IF_ERROR(m_Set.Open(setName));
         for (const SetStream_t& stream : m_Set.Streams())
             m_Progress.totalBytes += stream.storedBytes;
+        for (const SetPart_t& part : m_Set.Parts())
+            m_Progress.totalBytes += part.bytes;
         if (m_Options.against.has_value())
             ZU_RETURN_IF_ERROR(OpenImage(*m_Options.against));
-        for (size_t index = 0; index < m_Set.Streams().size(); ++index)
-            ZU_RETURN_IF_ERROR(VerifyStream(index));
+        for (const SetStream_t& stream : m_Set.Streams())
+            ZU_RETURN_IF_ERROR(VerifyStream(stream));
+        for (const SetPart_t& part : m_Set.Parts())
+            ZU_RETURN_IF_ERROR(VerifyPart(part));
+        for (const SetVolume_t& volume : m_Set.Volumes())
+            ZU_RETURN_IF_ERROR(m_Set.ProveEntries(volume));
         return CZuError();
     }
 
 private:
     CZuError OpenImage(const std::string& name) {
+        ZU_RETURN_IF_ERROR(ChooseDisk(m_Set, m_Options.disk, m_Disk));
         ZU_RETURN_IF_ERROR(OpenAsTheSetIs(name));
-        if (m_Image->Extents().size() != m_Set.Streams().size())
+        const size_t streamCount = m_Set.StreamsOf(m_Disk.id).size();
+        if (m_Image->Extents().size() != streamCount)
             return Refusal(CZuString::Format("{1}: has {2} extents where the set {3} has {4} streams", name,
-                                             m_Image->Extents().size(), m_Set.Path(), m_Set.Streams().size()));
+                                             m_Image->Extents().size(), m_Set.Path(), streamCount));
         CompareFiles();
         return CZuError();
     }
@@ -82,7 +116,7 @@ private:
     // A set of a raw disk holds what the image makes together with its chain, whatever its kind.
     CZuError OpenAsTheSetIs(const std::string& name) {
         ImageOptions_t options = m_Options.image;
-        const bool isRaw = m_Set.Info().product == VirtualProdType_Physical;
+        const bool isRaw = m_Disk.product == VirtualProdType_Physical;
         options.rawUnlessKnown = isRaw;
         m_Image.emplace();
         return isRaw ? m_Image->OpenFlattened(name, options) : m_Image->Open(name, options);
@@ -90,35 +124,50 @@ private:
 
     void CompareFiles() {
         const std::vector<SmallFile_t>& imageFiles = m_Image->SmallFiles();
-        const std::vector<SetFile_t>& setFiles = m_Set.Files();
+        const std::span<const SetFile_t> setFiles = m_Set.FilesOf(m_Disk.id);
         for (size_t index = 0; index < setFiles.size(); ++index) {
             if (index >= imageFiles.size() || imageFiles[index].bytes != setFiles[index].bytes)
                 AddDifference("the file " + setFiles[index].name);
         }
     }
 
-    CZuError VerifyStream(size_t index) {
-        const SetStream_t& stream = m_Set.Streams()[index];
+    // The extent of the image that should hold the same, or null where there is none to compare with.
+    const DiskExtent_t* ExtentFor(const SetStream_t& stream) const {
+        if (!m_Image.has_value() || stream.disk != m_Disk.id)
+            return nullptr;
+        const auto place = static_cast<size_t>(&stream - m_Set.StreamsOf(m_Disk.id).data());
+        return &m_Image->Extents()[place];
+    }
+
+    CZuError VerifyStream(const SetStream_t& stream) {
+        const DiskExtent_t* const extent = ExtentFor(stream);
         CAutoMemory<char> record;
         ZU_RETURN_IF_ERROR(m_Set.ReadRecord(stream, record));
-        if (m_Image.has_value())
+        if (extent != nullptr)
             ZU_RETURN_IF_ERROR(ErrorAt(m_Set.Path(), FindDataStart(stream, record, m_DataStart)));
         record.Free();
         std::optional<CImageSide> image;
-        if (m_Image.has_value()) {
-            image.emplace();
-            ZU_RETURN_IF_ERROR(OpenSide(index, *image));
-        }
+        if (extent != nullptr)
+            ZU_RETURN_IF_ERROR(OpenSide(stream, *extent, image.emplace()));
+        CRunsProof runs;
         ZU_RETURN_IF_ERROR(ForEachBlock(m_Set, stream, [&](BatchBlock_t& block) {
+            runs.Add(block.block.number);
             CZuError counting = Count(block);
             return counting.IsErrorSet() || !image.has_value() ? counting : Compare(stream, block, *image);
         }));
+        const SetPart_t* const runsPart = m_Set.FindPart(BlocksPartName(stream.id));
+        if (runsPart != nullptr && !runs.IsOf(*runsPart))
+            return m_Set.Damaged("the list of the blocks of " + stream.fileName);
         return image.has_value() ? PassOver(stream, ~uint64_t{0}, *image) : CZuError();
     }
 
-    CZuError OpenSide(size_t index, CImageSide& side) {
-        const SetStream_t& stream = m_Set.Streams()[index];
-        const DiskExtent_t& extent = m_Image->Extents()[index];
+    CZuError VerifyPart(const SetPart_t& part) {
+        ZU_RETURN_IF_ERROR(m_Set.ProvePart(part));
+        m_Progress.doneBytes += part.bytes;
+        return TellProgress();
+    }
+
+    CZuError OpenSide(const SetStream_t& stream, const DiskExtent_t& extent, CImageSide& side) {
         ZU_RETURN_IF_ERROR(side.Open(extent));
         if (side.BlockSectors() != stream.blockSectors)
             return Refusal(CZuString::Format("{1}: has blocks of {2} sectors where the set has {3}; it is an image of "
@@ -181,6 +230,7 @@ private:
     const VerifyOptions_t& m_Options;
     VerifyResult_t& m_Result;
     CBackupSetReader m_Set;
+    SetDisk_t m_Disk;  // the one that is compared
     std::optional<CDiskImage> m_Image;
     uint32_t m_DataStart = 0;  // in the blocks of the current stream
     Progress_t m_Progress;

@@ -45,7 +45,7 @@ int CompressionLevel(const std::string& text) {
 void PrintResult(const BackupArguments_t& arguments, const BackupResult_t& result, double seconds) {
     if (arguments.output.json) {
         PrintJson({{"set", arguments.set},
-                   {"type", DiskTypeName(result.diskType)},
+                   {"type", DiskTypeName(result.disks.front().diskType)},
                    {"disk_bytes", result.diskBytes},
                    {"blocks", result.blockCount},
                    {"zero_blocks", result.zeroBlocks},
@@ -60,7 +60,7 @@ void PrintResult(const BackupArguments_t& arguments, const BackupResult_t& resul
         return;
     const double rate = seconds > 0 ? static_cast<double>(result.readBytes) / seconds : 0;
     PrintFacts({{"Set", arguments.set},
-                {"Disk", SizeText(result.diskBytes) + ", " + DiskTypeName(result.diskType)},
+                {"Disk", SizeText(result.diskBytes) + ", " + DiskTypeName(result.disks.front().diskType)},
                 {"Blocks", std::to_string(result.blockCount) + " with " + SizeText(result.readBytes) + ", " +
                                std::to_string(result.zeroBlocks) + " of them zeros"},
                 {"Stored", SizeText(result.storedBytes) + " in a set of " + SizeText(result.setBytes)},

@@ -12,14 +12,15 @@ struct ListArguments_t {
 
 Json_t JsonOf(const CBackupSetReader& set) {
     const SetInfo_t& info = set.Info();
+    const SetDisk_t& disk = set.Disks().front();
     Json_t object{{"set", set.Path()},
-                  {"image", info.imageName},
-                  {"type", DiskTypeName(info.diskType)},
-                  {"disk_bytes", info.diskSectors * 512},
+                  {"image", disk.imageName},
+                  {"type", DiskTypeName(disk.diskType)},
+                  {"disk_bytes", disk.diskSectors * 512},
                   {"created", info.createdUtc},
                   {"writer", info.writer}};
-    if (info.hasParent)
-        object["parent"] = info.parentName;
+    if (disk.hasParent)
+        object["parent"] = disk.parentName;
     object["streams"] = Json_t::array();
     for (const SetStream_t& stream : set.Streams())
         object["streams"].push_back({{"file", stream.fileName},
@@ -36,13 +37,14 @@ Json_t JsonOf(const CBackupSetReader& set) {
 
 void PrintText(const CBackupSetReader& set) {
     const SetInfo_t& info = set.Info();
+    const SetDisk_t& disk = set.Disks().front();
     std::vector<std::pair<std::string, std::string>> facts{{"Set", set.Path()},
-                                                           {"Image", info.imageName},
-                                                           {"Type", DiskTypeName(info.diskType)},
-                                                           {"Disk size", SizeText(info.diskSectors * 512)},
+                                                           {"Image", disk.imageName},
+                                                           {"Type", DiskTypeName(disk.diskType)},
+                                                           {"Disk size", SizeText(disk.diskSectors * 512)},
                                                            {"Created", info.createdUtc + " by " + info.writer}};
-    if (info.hasParent)
-        facts.emplace_back("Parent", info.parentName.empty() ? "another image" : info.parentName);
+    if (disk.hasParent)
+        facts.emplace_back("Parent", disk.parentName.empty() ? "another image" : disk.parentName);
     for (const SetFile_t& file : set.Files())
         facts.emplace_back("File", file.name + ", " + SizeText(file.bytes.size()));
     for (const SetStream_t& stream : set.Streams())

@@ -16,12 +16,13 @@ namespace {
 // One file or device with the disk's sectors. What the set has no block for is zeros.
 class CRawTarget final : public IRestoreTarget {
 public:
-    CZuError Prepare(CBackupSetReader& set, const std::string& target, const RestoreOptions_t& options) override {
+    CZuError Prepare(CBackupSetReader& set, const SetDisk_t& disk, const std::string& target,
+                     const RestoreOptions_t& options) override {
         std::string directChild;  // the name comes from the set, so it is proved before it is used
-        ZU_RETURN_IF_ERROR(ErrorAt(set.Path(), ResolveExtentName(".", set.Info().imageName, false, directChild)));
-        ZU_RETURN_IF_ERROR(SumSectors(set));
+        ZU_RETURN_IF_ERROR(ErrorAt(set.Path(), ResolveExtentName(".", disk.imageName, false, directChild)));
+        ZU_RETURN_IF_ERROR(SumSectors(set, disk));
         m_SetPath = set.Path();
-        return m_Output.Prepare(set, TargetFile(target, RawName(set.Info())), m_TotalSectors << SectorShift, options);
+        return m_Output.Prepare(set, TargetFile(target, RawName(disk)), m_TotalSectors << SectorShift, options);
     }
 
     CZuError BeginStream(CBackupSetReader& set, const SetStream_t& stream) override {
@@ -50,16 +51,16 @@ public:
 
 private:
     // A raw disk keeps its name, but not that of a disk of another kind which was flattened.
-    static std::string RawName(const SetInfo_t& info) {
-        const std::filesystem::path imageName(info.imageName);
+    static std::string RawName(const SetDisk_t& disk) {
+        const std::filesystem::path imageName(disk.imageName);
         const bool namesAnotherKind = imageName.extension() == ".vhd" || imageName.extension() == ".vmdk";
-        return info.diskType == DiskType_PhysicalDisk && !namesAnotherKind ? imageName.string()
+        return disk.diskType == DiskType_PhysicalDisk && !namesAnotherKind ? imageName.string()
                                                                            : imageName.stem().string() + ".raw";
     }
 
-    CZuError SumSectors(CBackupSetReader& set) {
+    CZuError SumSectors(CBackupSetReader& set, const SetDisk_t& disk) {
         uint64_t bytes = 0;
-        for (const SetStream_t& stream : set.Streams()) {
+        for (const SetStream_t& stream : set.StreamsOf(disk.id)) {
             if (!CheckedAdd(m_TotalSectors, stream.diskSectors, m_TotalSectors) ||
                 !SectorsToBytes(m_TotalSectors, bytes) || bytes > uint64_t{INT64_MAX})
                 return set.Damaged("its streams are larger than a disk can be");

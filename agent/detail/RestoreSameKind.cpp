@@ -19,21 +19,23 @@ namespace {
 // The files that the image had, made anew by the core from their records and blocks.
 class CSameKindTarget final : public IRestoreTarget {
 public:
-    CZuError Prepare(CBackupSetReader& set, const std::string& target, const RestoreOptions_t& options) override {
+    CZuError Prepare(CBackupSetReader& set, const SetDisk_t& disk, const std::string& target,
+                     const RestoreOptions_t& options) override {
+        m_Disk = disk;
         ZU_RETURN_IF_ERROR(RefuseWhatTheCoreCant(set));
         ZU_RETURN_IF_ERROR(ChooseDirectory(set, target));
-        for (const SetStream_t& stream : set.Streams())
+        for (const SetStream_t& stream : set.StreamsOf(m_Disk.id))
             ZU_RETURN_IF_ERROR(StageFile(set, stream.fileName, options, m_ExtentFiles));
-        for (const SetFile_t& file : set.Files())
+        for (const SetFile_t& file : set.FilesOf(m_Disk.id))
             ZU_RETURN_IF_ERROR(StageFile(set, file.name, options, m_SmallFiles));
-        m_SmallFileContents = set.Files();
+        m_SmallFileContents.assign(set.FilesOf(m_Disk.id).begin(), set.FilesOf(m_Disk.id).end());
         m_SetPath = set.Path();
         return CZuError();
     }
 
     CZuError BeginStream(CBackupSetReader& set, const SetStream_t& stream) override {
         m_Stream = stream;
-        m_Core.emplace(set.Info().product);
+        m_Core.emplace(m_Disk.product);
         ZU_RETURN_IF_ERROR(set.ReadRecord(stream, m_Record));
         m_Vhd.reset();
         if (IsDynamicVhd(stream.diskType)) {
@@ -90,8 +92,8 @@ public:
     }
 
 private:
-    static CZuError RefuseWhatTheCoreCant(CBackupSetReader& set) {
-        for (const SetStream_t& stream : set.Streams()) {
+    CZuError RefuseWhatTheCoreCant(CBackupSetReader& set) const {
+        for (const SetStream_t& stream : set.StreamsOf(m_Disk.id)) {
             if (IsSparseVmdk(stream.diskType))
                 ZU_RETURN_IF_ERROR(RefuseSparse(set, stream));
             if (IsDynamicVhd(stream.diskType))
@@ -129,8 +131,8 @@ private:
 
     CZuError ChooseDirectory(CBackupSetReader& set, const std::string& target) {
         std::string directChild;  // the name comes from the set, so it is proved before it is used
-        ZU_RETURN_IF_ERROR(ErrorAt(set.Path(), ResolveExtentName(".", set.Info().imageName, false, directChild)));
-        m_MainFile = TargetFile(target, set.Info().imageName);
+        ZU_RETURN_IF_ERROR(ErrorAt(set.Path(), ResolveExtentName(".", m_Disk.imageName, false, directChild)));
+        m_MainFile = TargetFile(target, m_Disk.imageName);
         m_Directory = std::filesystem::path(m_MainFile).parent_path().string();
         if (m_Directory.empty())
             m_Directory = ".";
@@ -140,7 +142,7 @@ private:
     CZuError StageFile(CBackupSetReader& set, const std::string& name, const RestoreOptions_t& options,
                        std::vector<CStagedFile>& group) {
         std::string path = m_MainFile;
-        if (name != set.Info().imageName)
+        if (name != m_Disk.imageName)
             ZU_RETURN_IF_ERROR(ErrorAt(set.Path(), ResolveExtentName(m_Directory, name, options.allowOutside, path)));
         if (!m_Paths.insert(std::filesystem::path(path).lexically_normal().string()).second)
             return Refusal(set.Path() + ": two of its files would become " + path +
@@ -183,6 +185,7 @@ private:
     }
 
     std::string m_SetPath;
+    SetDisk_t m_Disk;
     std::string m_MainFile;
     std::string m_Directory;
     std::set<std::string> m_Paths;

@@ -18,8 +18,9 @@ public:
     IRestoreTarget& operator=(const IRestoreTarget&) = delete;
     virtual ~IRestoreTarget() = default;
 
-    // Finds out whether the set can be restored here, and chooses the files. Touches none.
-    virtual CZuError Prepare(CBackupSetReader& set, const std::string& target, const RestoreOptions_t& options) = 0;
+    // Finds out whether the disk can be restored here, and chooses the files. Touches none.
+    virtual CZuError Prepare(CBackupSetReader& set, const SetDisk_t& disk, const std::string& target,
+                             const RestoreOptions_t& options) = 0;
 
     // Streams come in their order, and each one's blocks between its begin and its end.
     virtual CZuError BeginStream(CBackupSetReader& set, const SetStream_t& stream) = 0;

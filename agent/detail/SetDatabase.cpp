@@ -70,6 +70,14 @@ CZuError CSetDatabase::QueryNumber(const char* sql, int64_t& number) {
     return CZuError();
 }
 
+CZuError CSetDatabase::Damaged(const std::string& what) const {
+    return Refusal(m_ShownName + ": the set is damaged: " + what);
+}
+
+int CSetDatabase::Changes() const {
+    return sqlite3_changes(m_Handle);
+}
+
 CZuError CSetDatabase::LastError() const {
     std::string text = m_ShownName + ": " + sqlite3_errmsg(m_Handle);
     const int number = sqlite3_system_errno(m_Handle);
@@ -119,6 +127,10 @@ CZuError CSetStatement::Step(bool& hasRow) {
     return hasRow || result == SQLITE_DONE ? CZuError() : m_Database->LastError();
 }
 
+void CSetStatement::Reset() {
+    sqlite3_reset(m_Statement);
+}
+
 void CSetStatement::Finish() {
     sqlite3_finalize(m_Statement);
     m_Statement = nullptr;
@@ -138,4 +150,16 @@ const char* CSetStatement::Bytes(int column, uint32_t& size) {
     const char* const bytes = static_cast<const char*>(sqlite3_column_blob(m_Statement, column));
     size = static_cast<uint32_t>(sqlite3_column_bytes(m_Statement, column));
     return bytes;
+}
+
+bool CSetStatement::IsNumber(int column) {
+    return sqlite3_column_type(m_Statement, column) == SQLITE_INTEGER;
+}
+
+bool CSetStatement::IsText(int column) {
+    return sqlite3_column_type(m_Statement, column) == SQLITE_TEXT;
+}
+
+bool CSetStatement::IsBytes(int column) {
+    return sqlite3_column_type(m_Statement, column) == SQLITE_BLOB;
 }

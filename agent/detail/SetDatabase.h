@@ -28,6 +28,12 @@ public:
     CZuError Execute(const char* sql);
     CZuError QueryNumber(const char* sql, int64_t& number);
 
+    // The failure of a set whose bytes aren't what they were.
+    CZuError Damaged(const std::string& what) const;
+
+    // Rows that the last statement wrote or took away.
+    int Changes() const;
+
     // An error with SQLite's own words for what happened last.
     CZuError LastError() const;
     const std::string& ShownName() const { return m_ShownName; }
@@ -49,6 +55,7 @@ public:
     ~CSetStatement();
 
     CZuError Prepare(CSetDatabase& database, const char* sql);
+    bool IsPrepared() const { return m_Statement != nullptr; }
 
     // Parameters count from 1. Bytes and texts stay the caller's until the next `Run` or `Step`.
     void Bind(int index, int64_t number);
@@ -58,6 +65,9 @@ public:
 
     // Runs a statement that gives no rows, and makes it ready for the next time.
     CZuError Run();
+
+    // Ends a walk over rows, and makes the statement ready for the next one.
+    void Reset();
 
     // Lets go of the statement, so that its database can be closed.
     void Finish();
@@ -70,7 +80,24 @@ public:
     std::string Text(int column);
     const char* Bytes(int column, uint32_t& size);
 
+    // What the column really holds, whatever its table says of it.
+    bool IsNumber(int column);
+    bool IsText(int column);
+    bool IsBytes(int column);
+
 private:
     CSetDatabase* m_Database = nullptr;
     sqlite3_stmt* m_Statement = nullptr;
+};
+
+// Makes a statement ready for the next walk, however this one ends.
+class CSetStatementUse {
+public:
+    explicit CSetStatementUse(CSetStatement& statement) : m_Statement(statement) {}
+    CSetStatementUse(const CSetStatementUse&) = delete;
+    CSetStatementUse& operator=(const CSetStatementUse&) = delete;
+    ~CSetStatementUse() { m_Statement.Reset(); }
+
+private:
+    CSetStatement& m_Statement;
 };

@@ -2,6 +2,7 @@
 
 #include "agent/BackupSet.h"
 #include "agent/BlockCodec.h"
+#include "agent/detail/SetLists.h"
 
 // What the digests of a set run over, for its writer and its readers alike.
 
@@ -11,44 +12,22 @@ inline void AddToDigest(CRunningDigest& digest, const SetBlock_t& block) {
     digest.Add(block.encoded.digest.data(), block.encoded.digest.size());
 }
 
-inline void AddToDigest(CRunningDigest& digest, const SetStream_t& stream) {
-    digest.AddNumber(static_cast<uint64_t>(stream.id));
-    digest.AddText(stream.fileName);
-    digest.AddNumber(static_cast<uint64_t>(stream.diskType));
-    digest.AddNumber(stream.blockSectors);
-    digest.AddNumber(stream.diskSectors);
-    digest.AddNumber(stream.fileBytes);
-    digest.AddNumber(stream.recordBytes);
-    digest.Add(stream.recordDigest.data(), stream.recordDigest.size());
-    digest.AddNumber(stream.blockCount);
-    digest.AddNumber(stream.storedBytes);
-    digest.Add(stream.digest.data(), stream.digest.size());
-}
+// Over all lists of the set, as its version has them.
+BlockDigest_t DigestOfSet(const SetLists_t& lists);
 
-inline void AddToDigest(CRunningDigest& digest, const SetFile_t& file) {
-    digest.AddText(file.name);
-    digest.AddText(file.bytes);
-}
+// The sum modulo 2^128 of digests, for which their order doesn't matter.
+class CDigestSum {
+public:
+    void Add(const BlockDigest_t& digest);
+    BlockDigest_t Result() const;
 
-inline void AddToDigest(CRunningDigest& digest, const SetInfo_t& info) {
-    digest.AddText(info.imageName);
-    digest.AddNumber(static_cast<uint64_t>(info.product));
-    digest.AddNumber(static_cast<uint64_t>(info.diskType));
-    digest.AddNumber(info.diskSectors);
-    digest.AddNumber(info.hasParent ? 1 : 0);
-    digest.AddText(info.parentName);
-    digest.AddText(info.createdUtc);
-    digest.AddText(info.writer);
-}
+private:
+    uint64_t m_High = 0;
+    uint64_t m_Low = 0;
+};
 
-// Over the set's own row, its streams by id and its files by name.
-template <typename Streams, typename Files>
-BlockDigest_t DigestOfSet(const SetInfo_t& info, const Streams& streams, const Files& files) {
-    CRunningDigest digest;
-    AddToDigest(digest, info);
-    for (const SetStream_t& stream : streams)
-        AddToDigest(digest, stream);
-    for (const SetFile_t& file : files)
-        AddToDigest(digest, file);
-    return digest.Result();
-}
+// The sum of the kinds that hold for the entry, as the set has it.
+uint8_t EntryKindOf(const SetEntry_t& entry);
+
+// The name isn't longer than a set takes.
+BlockDigest_t DigestOfEntry(const SetEntry_t& entry);

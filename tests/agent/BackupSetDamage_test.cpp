@@ -84,19 +84,23 @@ TEST_F(DamagedSet, EachColumnIsProved) {
         const char* column;
         const char* value;
     } rows[] = {
-        {"backup_set", "image_name", "image_name || 'x'"},
-        {"backup_set", "product", "product + 1"},
-        {"backup_set", "disk_type", "disk_type + 1"},
-        {"backup_set", "disk_sectors", "disk_sectors + 1"},
-        {"backup_set", "has_parent", "1"},
-        {"backup_set", "parent_name", "'x'"},
+        {"disk", "image_name", "image_name || 'x'"},
+        {"disk", "product", "product + 1"},
+        {"disk", "disk_type", "disk_type + 1"},
+        {"disk", "disk_sectors", "disk_sectors + 1"},
+        {"disk", "has_parent", "1"},
+        {"disk", "parent_name", "'x'"},
         {"backup_set", "created_utc", "'x'"},
         {"backup_set", "writer", "'x'"},
         {"backup_set", "digest", "zeroblob(16)"},
         {"backup_set", "digest", "zeroblob(15)"},
         {"backup_set", "digest", "'text'"},
         {"backup_set", "digest", "1"},
+        {"disk", "id", "id + 1"},
+        {"disk", "id", "-1"},
         {"stream", "id", "id + 1000"},
+        {"stream", "disk", "disk + 1"},
+        {"stream", "disk", "-1"},
         {"stream", "file_name", "'x' || file_name"},
         {"stream", "disk_type", "disk_type + 1"},
         {"stream", "block_sectors", "block_sectors / 2"},
@@ -147,6 +151,8 @@ TEST_F(DamagedSet, EachColumnIsProved) {
         {"block", "data", "zeroblob(65536)"},
         {"block", "data", "zeroblob(60000000)"},
         {"block", "data", "'text'"},
+        {"file", "disk", "disk + 1"},
+        {"file", "disk", "-1"},
         {"file", "name", "name || 'x'"},
         {"file", "bytes", "zeroblob(length(bytes))"},
         {"file", "bytes", "x''"},
@@ -192,8 +198,9 @@ TEST_F(DamagedSet, RowsThatAreLostAddedOrElsewhereAreNoticed) {
         {"a block for another", "UPDATE block SET (digest, encoding, data) = (SELECT digest, encoding, data FROM block "
                                 "WHERE id = 0) WHERE id = 3"},
         {"a stream lost", "DELETE FROM stream WHERE id = 1"},
-        {"a stream added", "INSERT INTO stream SELECT 2, 'more', disk_type, block_sectors, disk_sectors, file_bytes, "
-                           "record_bytes, record_digest, block_count, stored_bytes, digest FROM stream WHERE id = 1"},
+        {"a stream added",
+         "INSERT INTO stream SELECT 2, disk, 'more', disk_type, block_sectors, disk_sectors, file_bytes, "
+         "record_bytes, record_digest, block_count, stored_bytes, digest FROM stream WHERE id = 1"},
         {"all streams lost", "DELETE FROM stream"},
         {"a record lost", "DELETE FROM record WHERE stream = 1"},
         {"a piece of a record added", "INSERT INTO record SELECT stream, piece + 1, size, digest, encoding, data FROM "
@@ -201,7 +208,15 @@ TEST_F(DamagedSet, RowsThatAreLostAddedOrElsewhereAreNoticed) {
         {"records swapped", "UPDATE record SET stream = 9 WHERE stream = 0; UPDATE record SET stream = 0 WHERE stream "
                             "= 1; UPDATE record SET stream = 1 WHERE stream = 9"},
         {"a file lost", "DELETE FROM file"},
-        {"a file added", "INSERT INTO file VALUES ('more', x'00')"},
+        {"a file added", "INSERT INTO file VALUES (0, 'more', x'00')"},
+        {"a disk lost", "DELETE FROM disk"},
+        {"a disk added", "INSERT INTO disk SELECT 1, image_name, product, disk_type, disk_sectors, has_parent, "
+                         "parent_name FROM disk"},
+        {"a part lost", "DELETE FROM part WHERE id = 1"},
+        {"a part added", "INSERT INTO part SELECT 7, 'more', bytes, digest FROM part WHERE id = 1"},
+        {"parts swapped", "UPDATE part SET name = iif(id = 0, 'blocks-1', 'blocks-0')"},
+        {"a volume added", "INSERT INTO volume VALUES (0, 'C:', '{}', 0, zeroblob(16))"},
+        {"its row twice", "INSERT INTO backup_set SELECT * FROM backup_set"},
         {"its row lost", "DELETE FROM backup_set"},
     };
     for (const auto& row : rows) {
@@ -237,8 +252,8 @@ TEST_F(DamagedSet, OnlyItsOwnTablesAreIn) {
 }
 
 TEST_F(DamagedSet, ANewerVersionAsksForANewerProgram) {
-    AlterSet(Fresh(), "PRAGMA user_version = 2");
-    EXPECT_FAILS_SAYING(Verify(m_Dir.File("set")), m_Dir.File("set"), "format version 2", "up to 1", "newer");
+    AlterSet(Fresh(), "PRAGMA user_version = 3");
+    EXPECT_FAILS_SAYING(Verify(m_Dir.File("set")), m_Dir.File("set"), "format version 3", "up to 2", "newer");
     for (const char* version : {"0", "-1"}) {
         AlterSet(Fresh(), std::string("PRAGMA user_version = ") + version);
         EXPECT_FAILS_SAYING(Verify(m_Dir.File("set")), m_Dir.File("set"), version);

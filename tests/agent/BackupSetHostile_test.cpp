@@ -109,12 +109,12 @@ TEST_F(HostileSet, FileNamesThatLeaveTheTargetAreRefused) {
 TEST_F(HostileSet, ImageNamesThatLeaveTheTargetAreRefused) {
     for (const char* name : NamesThatLeave) {
         SCOPED_TRACE(name);
-        m_Set.info.imageName = name;
+        m_Set.disks[0].imageName = name;
         ExpectNothingRestored();
     }
     for (const char* name : {"", ".", "sub/", "/"}) {
         SCOPED_TRACE(name);
-        m_Set.info.imageName = name;
+        m_Set.disks[0].imageName = name;
         ExpectNothingRestored();
     }
 }
@@ -149,10 +149,10 @@ TEST_F(HostileSet, NumbersBeyondReasonAreRefusedOrDoNoHarm) {
         const char* name;
         Change_t change;
     } rows[] = {
-        {"no product", [](LooseSet_t& set) { set.info.product = ProductType_t(0); }},
-        {"another product", [](LooseSet_t& set) { set.info.product = VirtualProdType_HyperV; }},
-        {"physical product", [](LooseSet_t& set) { set.info.product = VirtualProdType_Physical; }},
-        {"product of nobody", [](LooseSet_t& set) { set.info.product = ProductType_t(-1); }},
+        {"no product", [](LooseSet_t& set) { set.disks[0].product = ProductType_t(0); }},
+        {"another product", [](LooseSet_t& set) { set.disks[0].product = VirtualProdType_HyperV; }},
+        {"physical product", [](LooseSet_t& set) { set.disks[0].product = VirtualProdType_Physical; }},
+        {"product of nobody", [](LooseSet_t& set) { set.disks[0].product = ProductType_t(-1); }},
         {"disk type of nobody", stream([](SetStream_t& row) { row.diskType = DiskType_t(999); })},
         {"negative disk type", stream([](SetStream_t& row) { row.diskType = DiskType_t(-1); })},
         {"a sparse type", stream([](SetStream_t& row) { row.diskType = DiskType_MonolithicSparse; })},
@@ -225,7 +225,7 @@ TEST_F(HostileSet, StreamsOfNumbersThatNoSetHasAreRefused) {
         const std::string set = Written();
         AlterAndSign(
             set, "UPDATE stream SET id = " + std::to_string(row.after) + " WHERE id = " + std::to_string(row.before),
-            [&](std::vector<SetStream_t>& streams) { streams[size_t(row.before)].id = row.after; });
+            [&](SetLists_t& lists) { lists.streams[size_t(row.before)].id = row.after; });
         EXPECT_FAILS_SAYING(Verify(set), set, "out of range");
     }
 }
@@ -283,7 +283,7 @@ TEST_F(HostileSet, ARecordThatPromisesMoreThanItHasIsRefused) {
         SCOPED_TRACE(promised);
         const std::string set = Written();
         AlterAndSign(set, "UPDATE stream SET record_bytes = " + std::to_string(promised) + " WHERE id = 0",
-                     [&](std::vector<SetStream_t>& streams) { streams[0].recordBytes = promised; });
+                     [&](SetLists_t& lists) { lists.streams[0].recordBytes = promised; });
         EXPECT_FAILS_SAYING(Verify(set), set, "metadata record of disk-f001.vmdk");
     }
 }
@@ -293,7 +293,7 @@ TEST_F(HostileSet, ARecordThatPromisesMoreThanAnyDiskHasIsRefusedAtOnce) {
         SCOPED_TRACE(promised);
         const std::string set = Written();
         AlterAndSign(set, "UPDATE stream SET record_bytes = " + std::to_string(promised) + " WHERE id = 0",
-                     [&](std::vector<SetStream_t>& streams) { streams[0].recordBytes = promised; });
+                     [&](SetLists_t& lists) { lists.streams[0].recordBytes = promised; });
         EXPECT_FAILS_SAYING(Verify(set), set, "a size of disk-f001.vmdk is out of range");
     }
 }
@@ -301,7 +301,7 @@ TEST_F(HostileSet, ARecordThatPromisesMoreThanAnyDiskHasIsRefusedAtOnce) {
 TEST_F(HostileSet, ARecordThatHasMoreThanItPromisesIsRefused) {
     const std::string set = Written();
     AlterAndSign(set, "UPDATE stream SET record_bytes = 1 WHERE id = 0",
-                 [](std::vector<SetStream_t>& streams) { streams[0].recordBytes = 1; });
+                 [](SetLists_t& lists) { lists.streams[0].recordBytes = 1; });
     EXPECT_FAILS_SAYING(Verify(set), set, "metadata record of disk-f001.vmdk");
 }
 

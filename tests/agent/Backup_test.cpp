@@ -33,7 +33,9 @@ protected:
 
 TEST_F(BackupOfADisk, TellsWhatItDid) {
     ASSERT_OK(BackUpDisk(FlatDisk(), m_Sets.File("set"), m_Options, m_Result));
-    EXPECT_EQ(DiskType_TwoGbMaxExtentFlat, m_Result.diskType);
+    ASSERT_EQ(1U, m_Result.disks.size());
+    EXPECT_EQ(DiskType_TwoGbMaxExtentFlat, m_Result.disks[0].diskType);
+    EXPECT_EQ(2349U * 512U, m_Result.disks[0].diskBytes);
     EXPECT_EQ(2349U * 512U, m_Result.diskBytes);
     EXPECT_EQ(2349U * 512U, m_Result.readBytes);
     EXPECT_EQ(20U, m_Result.blockCount);
@@ -49,11 +51,12 @@ TEST_F(BackupOfADisk, TheSetTellsTheDisk) {
     ASSERT_OK(BackUpDisk(FlatDisk(), m_Sets.File("set"), m_Options, m_Result));
     CBackupSetReader set;
     ASSERT_OK(set.Open(m_Sets.File("set")));
-    EXPECT_EQ("disk.vmdk", set.Info().imageName);
-    EXPECT_EQ(VirtualProdType_VMware, set.Info().product);
-    EXPECT_EQ(DiskType_TwoGbMaxExtentFlat, set.Info().diskType);
-    EXPECT_EQ(2349U, set.Info().diskSectors);
-    EXPECT_FALSE(set.Info().hasParent);
+    ASSERT_EQ(1U, set.Disks().size());
+    EXPECT_EQ("disk.vmdk", set.Disks()[0].imageName);
+    EXPECT_EQ(VirtualProdType_VMware, set.Disks()[0].product);
+    EXPECT_EQ(DiskType_TwoGbMaxExtentFlat, set.Disks()[0].diskType);
+    EXPECT_EQ(2349U, set.Disks()[0].diskSectors);
+    EXPECT_FALSE(set.Disks()[0].hasParent);
     EXPECT_EQ(20U, set.Info().createdUtc.size());
     EXPECT_EQ('Z', set.Info().createdUtc.back());
     EXPECT_EQ(0U, set.Info().writer.find("diskstream "));
@@ -73,19 +76,24 @@ TEST_F(BackupOfADisk, TheSetIsADatabaseOfTheDocumentedTables) {
     const std::string set = m_Sets.File("set");
     EXPECT_EQ("ok", AskSet(set, "PRAGMA integrity_check"));
     EXPECT_EQ("1146307121", AskSet(set, "PRAGMA application_id"));
-    EXPECT_EQ("1", AskSet(set, "PRAGMA user_version"));
-    EXPECT_EQ("backup_set block file record stream",
+    EXPECT_EQ("2", AskSet(set, "PRAGMA user_version"));
+    EXPECT_EQ("backup_set block disk entry file part piece record stream volume",
               AskSet(set, "SELECT group_concat(name, ' ') FROM (SELECT name FROM sqlite_schema ORDER BY name)"));
     const struct {
         const char* table;
         const char* columns;
     } rows[] = {
-        {"backup_set", "image_name product disk_type disk_sectors has_parent parent_name created_utc writer digest"},
-        {"stream", "id file_name disk_type block_sectors disk_sectors file_bytes record_bytes record_digest "
+        {"backup_set", "created_utc writer digest"},
+        {"disk", "id image_name product disk_type disk_sectors has_parent parent_name"},
+        {"stream", "id disk file_name disk_type block_sectors disk_sectors file_bytes record_bytes record_digest "
                    "block_count stored_bytes digest"},
         {"record", "stream piece size digest encoding data"},
         {"block", "id sectors digest encoding data"},
-        {"file", "name bytes"},
+        {"file", "disk name bytes"},
+        {"volume", "id name facts entry_count entries_digest"},
+        {"part", "id name bytes digest"},
+        {"piece", "id size digest encoding data"},
+        {"entry", "volume parent name frn bytes modified accessed created attributes kind"},
     };
     for (const auto& row : rows) {
         const std::string columns =

@@ -134,8 +134,8 @@ TEST_F(RestoreOfASet, ALinkOfAChainWarnsWhereItsHolesMatter) {
     EXPECT_NE(std::string::npos, backup.warnings[0].find("base.vmdk"));
     CBackupSetReader reader;
     ASSERT_OK(reader.Open(m_Sets.File("set")));
-    EXPECT_TRUE(reader.Info().hasParent);
-    EXPECT_EQ("base.vmdk", reader.Info().parentName);
+    EXPECT_TRUE(reader.Disks()[0].hasParent);
+    EXPECT_EQ("base.vmdk", reader.Disks()[0].parentName);
 
     ASSERT_OK(RestoreDisk(m_Sets.File("set"), m_Target.Path(), m_Options, m_Result));
     EXPECT_EQ(Names_t{}, m_Result.warnings);

@@ -54,6 +54,7 @@ struct LooseSet_t {
     };
 
     SetInfo_t info;
+    std::vector<SetDisk_t> disks;
     std::vector<Stream_t> streams;
     std::vector<SetFile_t> files;
 
@@ -61,6 +62,7 @@ struct LooseSet_t {
         CBackupSetReader reader;
         ASSERT_OK(reader.Open(path));
         info = reader.Info();
+        disks = reader.Disks();
         files = reader.Files();
         for (const SetStream_t& stream : reader.Streams()) {
             Stream_t& read = streams.emplace_back();
@@ -75,6 +77,8 @@ struct LooseSet_t {
     void WriteTo(const std::string& path) const {
         CBackupSetWriter writer;
         ASSERT_OK(writer.Create(path, true));
+        for (const SetDisk_t& disk : disks)
+            ASSERT_OK(writer.AddDisk(disk));
         for (const Stream_t& stream : streams) {
             ASSERT_OK(writer.BeginStream(stream.stream, BufferOf(stream.record), DefaultCompression));
             for (const Block_t& each : stream.blocks) {
@@ -106,18 +110,16 @@ private:
 
 // Signs the lists of a set again after `sql` has changed its database and `change` the same in memory.
 inline void AlterAndSign(const std::string& set, const std::string& sql,
-                         const std::function<void(std::vector<SetStream_t>&)>& change) {
-    std::vector<SetStream_t> streams;
-    BlockDigest_t digest;
+                         const std::function<void(SetLists_t&)>& change) {
+    SetLists_t lists;
     {
-        CBackupSetReader reader;
-        ASSERT_OK(reader.Open(set));
-        streams = reader.Streams();
-        change(streams);
-        digest = DigestOfSet(reader.Info(), streams, reader.Files());
+        CSetDatabase database;
+        ASSERT_OK(database.OpenForReading(set));
+        ASSERT_OK(ReadSetLists(database, lists));
     }
+    change(lists);
     std::string hex;
-    for (const uint8_t byte : digest) {
+    for (const uint8_t byte : DigestOfSet(lists)) {
         hex += "0123456789abcdef"[byte >> 4U];
         hex += "0123456789abcdef"[byte & 15U];
     }

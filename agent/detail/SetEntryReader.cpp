@@ -1,0 +1,115 @@
+#include "agent/detail/SetEntryReader.h"
+
+#include "agent/detail/SetDigest.h"
+#include "agent/detail/SetRows.h"
+#include "agent/detail/SetSchema.h"
+#include "foundation/detail/ErrorHandling.h"
+#include "foundation/detail/ScopeGuard.h"
+
+namespace {
+
+constexpr uint64_t LargestNumber = INT64_MAX;
+constexpr uint64_t LargestNumber32 = UINT32_MAX;
+
+bool ReadName(CSetStatement& row, int column, std::string& name) {
+    uint32_t size = 0;
+    const char* const bytes = row.Bytes(column, size);
+    if (!row.IsBytes(column) || bytes == nullptr || size == 0 || size > LargestEntryNameBytes)
+        return false;
+    name.assign(bytes, size);
+    return true;
+}
+
+bool Read32(CSetStatement& row, int column, uint32_t& number) {
+    uint64_t read = 0;
+    if (!ReadUpTo(row, column, LargestNumber32, read))
+        return false;
+    number = static_cast<uint32_t>(read);
+    return true;
+}
+
+bool ReadKind(CSetStatement& row, int column, SetEntry_t& entry) {
+    uint64_t kind = 0;
+    if (!ReadUpTo(row, column, EntryIsDirectory + EntryIsFurtherName, kind))
+        return false;
+    entry.isDirectory = (kind & EntryIsDirectory) != 0;
+    entry.isFurtherName = (kind & EntryIsFurtherName) != 0;
+    return true;
+}
+
+}  // namespace
+
+CZuError CSetEntryReader::ForEach(int64_t volume, uint64_t parent, const std::function<bool(SetEntry_t&)>& take) {
+    std::list<CSetStatement> own;
+    if (m_IdleWalks.empty())
+        ZU_RETURN_IF_ERROR(own.emplace_back().Prepare(
+            m_Database, "SELECT parent, frn, bytes, modified, accessed, created, attributes, kind, name FROM entry "
+                        "WHERE volume = ? AND parent = ? ORDER BY name, frn"));
+    else
+        own.splice(own.begin(), m_IdleWalks, m_IdleWalks.begin());
+    CSetStatement& walk = own.front();
+    const auto keep = ScopeGuard([&] {
+        walk.Reset();
+        m_IdleWalks.splice(m_IdleWalks.begin(), own);
+    });
+    walk.Bind(1, volume);
+    walk.Bind(2, static_cast<int64_t>(parent));
+    for (;;) {
+        bool hasRow = false;
+        ZU_RETURN_IF_ERROR(walk.Step(hasRow));
+        if (!hasRow)
+            return CZuError();
+        SetEntry_t entry;
+        ZU_RETURN_IF_ERROR(ReadRow(walk, volume, entry));
+        if (!take(entry))
+            return CZuError();
+    }
+}
+
+CZuError CSetEntryReader::Find(int64_t volume, uint64_t parent, const std::string& name,
+                               std::optional<SetEntry_t>& entry) {
+    entry.reset();
+    if (!m_SelectEntry.IsPrepared())
+        ZU_RETURN_IF_ERROR(m_SelectEntry.Prepare(
+            m_Database, "SELECT parent, frn, bytes, modified, accessed, created, attributes, kind, name FROM entry "
+                        "WHERE volume = ? AND parent = ? AND name = ? ORDER BY frn LIMIT 1"));
+    const CSetStatementUse use(m_SelectEntry);
+    m_SelectEntry.Bind(1, volume);
+    m_SelectEntry.Bind(2, static_cast<int64_t>(parent));
+    m_SelectEntry.BindBytes(3, name.data(), name.size());
+    bool hasRow = false;
+    ZU_RETURN_IF_ERROR(m_SelectEntry.Step(hasRow));
+    return hasRow ? ReadRow(m_SelectEntry, volume, entry.emplace()) : CZuError();
+}
+
+CZuError CSetEntryReader::Prove(const SetVolume_t& volume) {
+    CSetStatement rows;
+    ZU_RETURN_IF_ERROR(rows.Prepare(
+        m_Database, "SELECT parent, frn, bytes, modified, accessed, created, attributes, kind, name FROM entry "
+                    "WHERE volume = ?"));
+    rows.Bind(1, volume.id);
+    uint64_t count = 0;
+    CDigestSum sum;
+    for (;;) {
+        bool hasRow = false;
+        ZU_RETURN_IF_ERROR(rows.Step(hasRow));
+        if (!hasRow)
+            break;
+        SetEntry_t entry;
+        ZU_RETURN_IF_ERROR(ReadRow(rows, volume.id, entry));
+        ++count;
+        sum.Add(DigestOfEntry(entry));
+    }
+    const bool isSound = count == volume.entryCount && sum.Result() == volume.entriesDigest;
+    return isSound ? CZuError() : m_Database.Damaged("entries of the volume " + volume.name + " are lost or changed");
+}
+
+CZuError CSetEntryReader::ReadRow(CSetStatement& row, int64_t volume, SetEntry_t& entry) {
+    if (!ReadUpTo(row, 0, LargestNumber, entry.parent) || !ReadUpTo(row, 1, LargestNumber, entry.frn) ||
+        !ReadUpTo(row, 2, LargestNumber, entry.bytes) || !Read32(row, 3, entry.modified) ||
+        !Read32(row, 4, entry.accessed) || !Read32(row, 5, entry.created) || !Read32(row, 6, entry.attributes) ||
+        !ReadKind(row, 7, entry) || !ReadName(row, 8, entry.name))
+        return m_Database.Damaged(
+            CZuString::Format("an entry of the directory {1} of its volume {2}", row.Number(0), volume).c_str());
+    return CZuError();
+}

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <functional>
+#include <list>
+#include <optional>
+#include <string>
+
+#include "agent/BackupSet.h"
+#include "agent/detail/SetDatabase.h"
+
+// Reads the entries of volumes.
+class CSetEntryReader {
+public:
+    explicit CSetEntryReader(CSetDatabase& database) : m_Database(database) {}
+
+    // Those of one directory, by name and number, until `take` wants no more. Inside `take`, other
+    // walks may begin.
+    CZuError ForEach(int64_t volume, uint64_t parent, const std::function<bool(SetEntry_t&)>& take);
+
+    CZuError Find(int64_t volume, uint64_t parent, const std::string& name, std::optional<SetEntry_t>& entry);
+
+    // Proves that the volume has the entries that it was written with.
+    CZuError Prove(const SetVolume_t& volume);
+
+private:
+    CZuError ReadRow(CSetStatement& row, int64_t volume, SetEntry_t& entry);
+
+    CSetDatabase& m_Database;
+    std::list<CSetStatement> m_IdleWalks;
+    CSetStatement m_SelectEntry;
+};
