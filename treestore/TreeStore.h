@@ -27,7 +27,8 @@ struct TreeStoreEntry_t {
 // Null when that can't be done.
 void* tsImageTableOpen(const char* path);
 
-// Adds a file; one of the same FRN takes the place of an earlier one. Nonzero when it can't be kept: nothing will be then.
+// Adds a file; one of the same FRN takes the place of an earlier one. Nonzero when it can't be kept, or one before
+// couldn't: nothing will be then.
 int tsImageTableAdd(void* table, const struct TreeStoreEntry_t* entry);
 
 // Closes the table, whose files are on the medium then. Nonzero when they aren't: the table is as it was before.

@@ -81,6 +81,35 @@ TEST_F(TreeStore, AFileOfTheSameNumberTakesThePlaceOfTheEarlierOne) {
     EXPECT_EQ(std::vector<std::string>{"new"}, Rows(m_Path, AllNames));
 }
 
+TEST_F(TreeStore, TheLastOfManyFilesOfTheSameNumberStays) {
+    std::vector<TreeStoreEntry_t> files;
+    for (int turn = 0; turn < 100; ++turn)
+        files.push_back(File(64 + turn % 2, 5, "turn " + std::to_string(turn)));
+    ASSERT_EQ(0, Keep(files));
+    EXPECT_EQ((std::vector<std::string>{"turn 98", "turn 99"}), Rows(m_Path, AllNames));
+}
+
+TEST_F(TreeStore, ManyFilesAreKeptWithNamesOfAnyLength) {
+    constexpr uint64_t count = 5000;
+    const size_t longest = sizeof(TreeStoreEntry_t::name) - 1;
+    std::vector<TreeStoreEntry_t> files;
+    std::vector<std::string> expected;
+    for (uint64_t index = 0; index < count; ++index) {
+        // As many as the short names of a large directory, then as long as names get.
+        const size_t length = index < count / 2 ? index % 20 : longest - index % 50;
+        const std::string name(length, static_cast<char>('a' + index % 26));
+        files.push_back(File(count - index, index, name));
+        expected.push_back(std::to_string(count - index) + "|" + std::to_string(index) + "|" + name);
+    }
+    ASSERT_EQ(0, Keep(files));
+    EXPECT_EQ(expected, Rows(m_Path, "SELECT frn, parent, name FROM files ORDER BY frn DESC"));
+}
+
+TEST_F(TreeStore, ATableWithoutFilesIsATable) {
+    ASSERT_EQ(0, Keep({}));
+    EXPECT_EQ(std::vector<std::string>{"0"}, Rows(m_Path, "SELECT count(*) FROM files"));
+}
+
 TEST_F(TreeStore, ATableThatIsMadeAgainHoldsTheNewFilesAlone) {
     ASSERT_EQ(0, Keep({File(64, 5, "old")}));
     ASSERT_EQ(0, Keep({File(65, 5, "new")}));
@@ -97,6 +126,16 @@ TEST_F(TreeStore, ANameWithoutAnEndIsRefusedAndWhatStoodThereStays) {
     EXPECT_NE(0, tsImageTableAdd(table, &endless));
     EXPECT_NE(0, tsImageTableAdd(table, &good));
     EXPECT_NE(0, tsImageTableClose(table));
+    EXPECT_EQ(std::vector<std::string>{"old"}, Rows(m_Path, AllNames));
+}
+
+TEST_F(TreeStore, WhatSomebodyReadsStaysAndClosingFails) {
+    ASSERT_EQ(0, Keep({File(64, 5, "old")}));
+    sqlite3* reader = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open(m_Path.c_str(), &reader));
+    ASSERT_EQ(SQLITE_OK, sqlite3_exec(reader, "BEGIN; SELECT * FROM files", nullptr, nullptr, nullptr));
+    EXPECT_NE(0, Keep({File(65, 5, "new")}));
+    sqlite3_close(reader);
     EXPECT_EQ(std::vector<std::string>{"old"}, Rows(m_Path, AllNames));
 }
 
