@@ -77,15 +77,25 @@ struct SetPart_t {
     int64_t id = 0;          // the writer's
 };
 
-// A name in a directory of a volume. Numbers of 64 bits are below 2^63; times are seconds since 1970.
+// The numbers of a stream's blocks are a part, too: its name is this and the stream's id.
+constexpr char BlocksPartPrefix[] = "blocks-";
+inline bool IsListOfBlocks(const SetPart_t& part) {
+    return part.name.rfind(BlocksPartPrefix, 0) == 0;
+}
+
+// A name in a directory of a volume. Numbers of 64 bits are below 2^63; times are in units of 100 ns since the start of
+// 1601, 0 for one that isn't known.
 struct SetEntry_t {
     uint64_t parent = 0;  // the directory's number
     uint64_t frn = 0;     // the entry's own
     uint64_t bytes = 0;
-    uint32_t modified = 0;
+    uint64_t modified = 0;
+    uint64_t accessed = 0;
+    uint64_t created = 0;
+    uint64_t recordChanged = 0;
     uint32_t attributes = 0;
-    uint32_t accessed = 0;
-    uint32_t created = 0;
+    uint32_t reparseTag = 0;  // 0 for none
+    uint32_t links = 0;       // names that aren't short ones
     bool isDirectory = false;
     bool isFurtherName = false;  // of a file that has another name, too
     std::string name;            // UTF-8, or the bytes of half surrogates

@@ -36,8 +36,7 @@ public:
     // at `compressionLevel`.
     CZuError BeginStream(const SetStream_t& stream, const CAutoMemory<char>& record, int compressionLevel);
 
-    // Blocks come in the order of their numbers, which the set keeps as a part, too: "blocks-" and
-    // the stream's id.
+    // Blocks come in the order of their numbers, which the set keeps as a part, too.
     CZuError AddBlock(const SetBlock_t& block);
 
     CZuError EndStream();

@@ -7,7 +7,8 @@
 namespace {
 
 struct BackupArguments_t {
-    std::string image;
+    std::vector<std::string> words;  // the disks, and behind them the set
+    std::vector<std::string> disks;
     std::string set;
     std::string compression = "zstd";
     bool flatten = false;
@@ -15,6 +16,24 @@ struct BackupArguments_t {
     ImageArguments_t imageArguments;
     OutputOptions_t output;
 };
+
+// CLI11 knows no argument behind one that takes any number of words.
+class CBackupUsage : public CLI::Formatter {
+public:
+    std::string make_usage(const CLI::App* /*program*/, std::string name) const override {
+        return "Usage: " + name + " [OPTIONS] DISK... SET\n";
+    }
+};
+
+void SplitWords(BackupArguments_t& arguments) {
+    arguments.disks = arguments.words;
+    arguments.set = arguments.disks.back();
+    arguments.disks.pop_back();
+    if (arguments.disks.empty())
+        throw CLI::RequiredError("SET");
+    if (arguments.disks.size() > 1 && !arguments.imageArguments.parents.empty())
+        throw CLI::ValidationError("--chain: tells of the links of one disk, so give it with one disk only");
+}
 
 constexpr char ZstdPrefix[] = "zstd:";
 
@@ -30,6 +49,11 @@ std::string LevelText(const std::string& compression) {
 }
 
 // Empty when it is one, as CLI11 wants it.
+std::string CheckBackupName(const std::string& name) {
+    return name.empty() ? "the name is empty" : "";
+}
+
+// The same.
 std::string CheckCompression(const std::string& text) {
     if (text == "none" || text == "zstd" || IsZstdLevel(LevelText(text)))
         return {};
@@ -42,29 +66,51 @@ int CompressionLevel(const std::string& text) {
     return text == "zstd" ? DefaultCompression : std::stoi(LevelText(text));
 }
 
+Json_t JsonOfDisks(const std::vector<BackedUpDisk_t>& disks) {
+    Json_t array = Json_t::array();
+    for (const BackedUpDisk_t& disk : disks)
+        array.push_back({{"number", array.size() + 1},
+                         {"image", disk.image},
+                         {"type", DiskTypeName(disk.diskType)},
+                         {"disk_bytes", disk.diskBytes}});
+    return array;
+}
+
+void PrintJsonResult(const BackupArguments_t& arguments, const BackupResult_t& result, double seconds) {
+    Json_t object{{"set", arguments.set}};
+    if (result.disks.size() == 1)
+        object["type"] = DiskTypeName(result.disks.front().diskType);
+    object["disk_bytes"] = result.diskBytes;
+    object["disks"] = JsonOfDisks(result.disks);
+    object["blocks"] = result.blockCount;
+    object["zero_blocks"] = result.zeroBlocks;
+    object["read_bytes"] = result.readBytes;
+    object["stored_bytes"] = result.storedBytes;
+    object["set_bytes"] = result.setBytes;
+    object["seconds"] = seconds;
+    object["warnings"] = result.warnings;
+    PrintJson(object);
+}
+
 void PrintResult(const BackupArguments_t& arguments, const BackupResult_t& result, double seconds) {
-    if (arguments.output.json) {
-        PrintJson({{"set", arguments.set},
-                   {"type", DiskTypeName(result.disks.front().diskType)},
-                   {"disk_bytes", result.diskBytes},
-                   {"blocks", result.blockCount},
-                   {"zero_blocks", result.zeroBlocks},
-                   {"read_bytes", result.readBytes},
-                   {"stored_bytes", result.storedBytes},
-                   {"set_bytes", result.setBytes},
-                   {"seconds", seconds},
-                   {"warnings", result.warnings}});
-        return;
-    }
+    if (arguments.output.json)
+        return PrintJsonResult(arguments, result, seconds);
     if (arguments.output.quiet)
         return;
+    std::vector<std::pair<std::string, std::string>> facts{{"Set", arguments.set}};
+    for (const BackedUpDisk_t& disk : result.disks) {
+        const std::string text = SizeText(disk.diskBytes) + ", " + DiskTypeName(disk.diskType);
+        if (result.disks.size() == 1)
+            facts.emplace_back("Disk", text);
+        else
+            facts.emplace_back("Disk " + std::to_string(facts.size()), disk.image + ", " + text);
+    }
     const double rate = seconds > 0 ? static_cast<double>(result.readBytes) / seconds : 0;
-    PrintFacts({{"Set", arguments.set},
-                {"Disk", SizeText(result.diskBytes) + ", " + DiskTypeName(result.disks.front().diskType)},
-                {"Blocks", std::to_string(result.blockCount) + " with " + SizeText(result.readBytes) + ", " +
-                               std::to_string(result.zeroBlocks) + " of them zeros"},
-                {"Stored", SizeText(result.storedBytes) + " in a set of " + SizeText(result.setBytes)},
-                {"Rate", SizeText(static_cast<uint64_t>(rate)) + "/s"}});
+    facts.emplace_back("Blocks", std::to_string(result.blockCount) + " with " + SizeText(result.readBytes) + ", " +
+                                     std::to_string(result.zeroBlocks) + " of them zeros");
+    facts.emplace_back("Stored", SizeText(result.storedBytes) + " in a set of " + SizeText(result.setBytes));
+    facts.emplace_back("Rate", SizeText(static_cast<uint64_t>(rate)) + "/s");
+    PrintFacts(facts);
 }
 
 int Run(const BackupArguments_t& arguments) {
@@ -79,7 +125,7 @@ int Run(const BackupArguments_t& arguments) {
     {
         CProgressLine line("Backing up", arguments.output);
         options.progress = line.Callback();
-        error = BackUpDisk(arguments.image, arguments.set, options, result);
+        error = BackUpDisks(arguments.disks, arguments.set, options, result);
         seconds = line.SecondsSoFar();
     }
     if (error.IsErrorSet())
@@ -92,10 +138,17 @@ int Run(const BackupArguments_t& arguments) {
 }  // namespace
 
 void AddBackupCommand(CLI::App& program, int& exitCode) {
-    CLI::App* const command = program.add_subcommand("backup", "Back a disk image up into a new backup set");
+    CLI::App* const command = program.add_subcommand("backup", "Back disks up into a new backup set");
     const auto arguments = std::make_shared<BackupArguments_t>();
-    AddNameArgument(*command, "IMAGE", arguments->image, "Disk image, or its descriptor")->required();
-    AddNameArgument(*command, "SET", arguments->set, "Backup set to write")->required();
+    command
+        ->add_option("DISK", arguments->words,
+                     "Disk images, descriptors, raw files or devices; the last word is the set")
+        ->type_name("")
+        ->required()
+        ->check(CLI::Validator(CheckBackupName, ""));
+    command->formatter(std::make_shared<CBackupUsage>());
+    command->get_formatter()->label("REQUIRED", "");
+    command->get_formatter()->label("Positionals", "Arguments");
     command->add_option("--compression", arguments->compression, "How blocks are kept; zstd, the default, is level 1")
         ->type_name("none|zstd[:LEVEL]")
         ->check(CLI::Validator(CheckCompression, ""));
@@ -107,7 +160,11 @@ void AddBackupCommand(CLI::App& program, int& exitCode) {
     command->footer("Examples:\n"
                     "  diskstream backup disk.vmdk monday.dset\n"
                     "  diskstream backup --compression zstd:9 disk.vmdk monday.dset\n"
+                    "  diskstream backup system.vmdk data.vmdk monday.dset\n"
                     "  diskstream backup --flatten snapshot.vhd monday.dset\n"
                     "  diskstream backup /dev/sdb monday.dset");
-    command->callback([arguments, &exitCode] { exitCode = Run(*arguments); });
+    command->callback([arguments, &exitCode] {
+        SplitWords(*arguments);
+        exitCode = Run(*arguments);
+    });
 }

@@ -10,48 +10,124 @@ struct ListArguments_t {
     OutputOptions_t output;
 };
 
-Json_t JsonOf(const CBackupSetReader& set) {
-    const SetInfo_t& info = set.Info();
-    const SetDisk_t& disk = set.Disks().front();
-    Json_t object{{"set", set.Path()},
-                  {"image", disk.imageName},
-                  {"type", DiskTypeName(disk.diskType)},
-                  {"disk_bytes", disk.diskSectors * 512},
-                  {"created", info.createdUtc},
-                  {"writer", info.writer}};
+using Facts_t = std::vector<std::pair<std::string, std::string>>;
+
+bool HasSeveralDisks(const CBackupSetReader& set) {
+    return set.Disks().size() > 1;
+}
+
+std::string NumberOf(int64_t disk) {
+    return std::to_string(disk + 1);
+}
+
+void PutDisk(const SetDisk_t& disk, Json_t& object) {
+    object["image"] = disk.imageName;
+    object["type"] = DiskTypeName(disk.diskType);
+    object["disk_bytes"] = SectorsJson(disk.diskSectors);
     if (disk.hasParent)
         object["parent"] = disk.parentName;
-    object["streams"] = Json_t::array();
+}
+
+Json_t DisksJson(const CBackupSetReader& set) {
+    Json_t array = Json_t::array();
+    for (const SetDisk_t& disk : set.Disks()) {
+        Json_t object{{"number", disk.id + 1}};
+        PutDisk(disk, object);
+        array.push_back(object);
+    }
+    return array;
+}
+
+Json_t StreamsJson(const CBackupSetReader& set) {
+    Json_t array = Json_t::array();
     for (const SetStream_t& stream : set.Streams())
-        object["streams"].push_back({{"file", stream.fileName},
-                                     {"type", DiskTypeName(stream.diskType)},
-                                     {"block_bytes", uint64_t{stream.blockSectors} * 512},
-                                     {"disk_bytes", stream.diskSectors * 512},
-                                     {"blocks", stream.blockCount},
-                                     {"stored_bytes", stream.storedBytes}});
-    object["files"] = Json_t::array();
+        array.push_back({{"disk", stream.disk + 1},
+                         {"file", stream.fileName},
+                         {"type", DiskTypeName(stream.diskType)},
+                         {"block_bytes", uint64_t{stream.blockSectors} * 512},
+                         {"disk_bytes", stream.diskSectors * 512},
+                         {"blocks", stream.blockCount},
+                         {"stored_bytes", stream.storedBytes}});
+    return array;
+}
+
+Json_t FilesJson(const CBackupSetReader& set) {
+    Json_t array = Json_t::array();
     for (const SetFile_t& file : set.Files())
-        object["files"].push_back({{"file", file.name}, {"bytes", file.bytes.size()}});
+        array.push_back({{"disk", file.disk + 1}, {"file", file.name}, {"bytes", file.bytes.size()}});
+    return array;
+}
+
+void PutCatalogue(const CBackupSetReader& set, Json_t& object) {
+    for (const SetVolume_t& volume : set.Volumes())
+        object["volumes"].push_back({{"volume", volume.name}, {"entries", volume.entryCount}});
+    for (const SetPart_t& part : set.Parts()) {
+        if (!IsListOfBlocks(part))
+            object["parts"].push_back({{"part", part.name}, {"bytes", part.bytes}});
+    }
+}
+
+// A set of one disk tells of it at the top, too.
+Json_t JsonOf(const CBackupSetReader& set) {
+    Json_t object{{"set", set.Path()}};
+    if (!HasSeveralDisks(set))
+        PutDisk(set.Disks().front(), object);
+    object["created"] = set.Info().createdUtc;
+    object["writer"] = set.Info().writer;
+    object["disks"] = DisksJson(set);
+    object["streams"] = StreamsJson(set);
+    object["files"] = FilesJson(set);
+    PutCatalogue(set, object);
     return object;
 }
 
-void PrintText(const CBackupSetReader& set) {
-    const SetInfo_t& info = set.Info();
-    const SetDisk_t& disk = set.Disks().front();
-    std::vector<std::pair<std::string, std::string>> facts{{"Set", set.Path()},
-                                                           {"Image", disk.imageName},
-                                                           {"Type", DiskTypeName(disk.diskType)},
-                                                           {"Disk size", SizeText(disk.diskSectors * 512)},
-                                                           {"Created", info.createdUtc + " by " + info.writer}};
-    if (disk.hasParent)
-        facts.emplace_back("Parent", disk.parentName.empty() ? "another image" : disk.parentName);
-    for (const SetFile_t& file : set.Files())
+std::string ParentText(const SetDisk_t& disk) {
+    return disk.parentName.empty() ? "another image" : disk.parentName;
+}
+
+void AddExtents(const CBackupSetReader& set, const SetDisk_t& disk, Facts_t& facts) {
+    for (const SetFile_t& file : set.FilesOf(disk.id))
         facts.emplace_back("File", file.name + ", " + SizeText(file.bytes.size()));
-    for (const SetStream_t& stream : set.Streams())
+    for (const SetStream_t& stream : set.StreamsOf(disk.id))
         facts.emplace_back("Stream", stream.fileName + ", " + DiskTypeName(stream.diskType) + ", " +
                                          std::to_string(stream.blockCount) + " blocks of " +
                                          SizeText(uint64_t{stream.blockSectors} * 512) + ", stored in " +
                                          SizeText(stream.storedBytes));
+}
+
+void AddOnlyDisk(const CBackupSetReader& set, Facts_t& facts) {
+    const SetDisk_t& disk = set.Disks().front();
+    facts.emplace_back("Image", disk.imageName);
+    facts.emplace_back("Type", DiskTypeName(disk.diskType));
+    facts.emplace_back("Disk size", SectorsText(disk.diskSectors));
+    facts.emplace_back("Created", set.Info().createdUtc + " by " + set.Info().writer);
+    if (disk.hasParent)
+        facts.emplace_back("Parent", ParentText(disk));
+    AddExtents(set, disk, facts);
+}
+
+void AddDisks(const CBackupSetReader& set, Facts_t& facts) {
+    facts.emplace_back("Created", set.Info().createdUtc + " by " + set.Info().writer);
+    for (const SetDisk_t& disk : set.Disks()) {
+        facts.emplace_back("Disk " + NumberOf(disk.id), disk.imageName + ", " + DiskTypeName(disk.diskType) + ", " +
+                                                            SectorsText(disk.diskSectors) +
+                                                            (disk.hasParent ? ", builds on " + ParentText(disk) : ""));
+        AddExtents(set, disk, facts);
+    }
+}
+
+void PrintText(const CBackupSetReader& set) {
+    Facts_t facts{{"Set", set.Path()}};
+    if (HasSeveralDisks(set))
+        AddDisks(set, facts);
+    else
+        AddOnlyDisk(set, facts);
+    for (const SetVolume_t& volume : set.Volumes())
+        facts.emplace_back("Volume", volume.name + ", " + std::to_string(volume.entryCount) + " entries");
+    for (const SetPart_t& part : set.Parts()) {
+        if (!IsListOfBlocks(part))
+            facts.emplace_back("Part", part.name + ", " + SizeText(part.bytes));
+    }
     PrintFacts(facts);
 }
 

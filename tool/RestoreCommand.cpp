@@ -71,12 +71,16 @@ void AddRestoreCommand(CLI::App& program, int& exitCode) {
     command->add_option("--as", arguments->asKind, "One raw image with holes, instead of the files that were backed up")
         ->type_name("raw")
         ->check(CLI::Validator(CheckKind, ""));
+    command->add_option("--disk", arguments->options.disk, "Which disk of a set of several, by its number in `list`")
+        ->type_name("NUMBER")
+        ->check(CLI::Range(1, 1 << 23).description(""));
     command->add_flag("-f,--force", arguments->options.force, "Replace files that exist");
     command->add_flag("--allow-outside", arguments->options.allowOutside,
                       "Let files go where the set's names lead, out of the target's directory");
     AddOutputArguments(*command, arguments->output);
     command->footer("Examples:\n"
                     "  diskstream restore monday.dset disk.vmdk\n"
-                    "  diskstream restore --as raw monday.dset disk.raw");
+                    "  diskstream restore --as raw monday.dset disk.raw\n"
+                    "  diskstream restore --disk 2 monday.dset data.vmdk");
     command->callback([arguments, &exitCode] { exitCode = Run(*arguments); });
 }

@@ -10,6 +10,7 @@ namespace {
 struct VerifyArguments_t {
     std::string set;
     std::string against;
+    std::optional<uint64_t> disk;
     ImageArguments_t imageArguments;
     OutputOptions_t output;
 };
@@ -49,6 +50,7 @@ void PrintDifferences(const VerifyArguments_t& arguments, const VerifyResult_t& 
 int Run(const VerifyArguments_t& arguments) {
     VerifyOptions_t options;
     options.image = arguments.imageArguments.Options();
+    options.disk = arguments.disk;
     if (!arguments.against.empty())
         options.against = arguments.against;
     VerifyResult_t result;
@@ -77,10 +79,15 @@ void AddVerifyCommand(CLI::App& program, int& exitCode) {
     AddNameArgument(*command, "SET", arguments->set, "Backup set")->required();
     AddNameArgument(*command, "--against", arguments->against, "Disk image that should hold the same")
         ->type_name("IMAGE");
+    command
+        ->add_option("--disk", arguments->disk, "Which disk of a set of several the image is, by its number in `list`")
+        ->type_name("NUMBER")
+        ->check(CLI::Range(1, 1 << 23).description(""));
     AddImageArguments(*command, arguments->imageArguments);
     AddOutputArguments(*command, arguments->output);
     command->footer("Examples:\n"
                     "  diskstream verify monday.dset\n"
-                    "  diskstream verify monday.dset --against disk.vmdk");
+                    "  diskstream verify monday.dset --against disk.vmdk\n"
+                    "  diskstream verify monday.dset --disk 2 --against data.vmdk");
     command->callback([arguments, &exitCode] { exitCode = Run(*arguments); });
 }

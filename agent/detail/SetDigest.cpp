@@ -83,13 +83,16 @@ struct EntryNumbers_t {
     Le64_t parent;
     Le64_t frn;
     Le64_t bytes;
-    Le32_t modified;
-    Le32_t accessed;
-    Le32_t created;
+    Le64_t modified;
+    Le64_t accessed;
+    Le64_t created;
+    Le64_t recordChanged;
     Le32_t attributes;
+    Le32_t reparseTag;
+    Le32_t links;
     uint8_t kind;
 };
-static_assert(sizeof(EntryNumbers_t) == 41);
+static_assert(sizeof(EntryNumbers_t) == 69);
 
 uint64_t BigEndian64(const uint8_t* bytes) {
     Be64_t number;
@@ -152,7 +155,10 @@ BlockDigest_t DigestOfEntry(const SetEntry_t& entry) {
     numbers.modified = entry.modified;
     numbers.accessed = entry.accessed;
     numbers.created = entry.created;
+    numbers.recordChanged = entry.recordChanged;
     numbers.attributes = entry.attributes;
+    numbers.reparseTag = entry.reparseTag;
+    numbers.links = entry.links;
     numbers.kind = EntryKindOf(entry);
     std::memcpy(bytes, &numbers, sizeof(numbers));
     std::memcpy(bytes + sizeof(numbers), entry.name.data(), entry.name.size());

@@ -8,6 +8,13 @@
 
 namespace {
 
+constexpr char SelectColumns[] = "SELECT parent, frn, bytes, modified, accessed, created, record_changed, attributes, "
+                                 "reparse_tag, links, kind, name FROM entry WHERE volume = ?";
+
+std::string SelectRows(const char* condition) {
+    return std::string(SelectColumns) + condition;
+}
+
 constexpr uint64_t LargestNumber = INT64_MAX;
 constexpr uint64_t LargestNumber32 = UINT32_MAX;
 
@@ -42,9 +49,8 @@ bool ReadKind(CSetStatement& row, int column, SetEntry_t& entry) {
 CZuError CSetEntryReader::ForEach(int64_t volume, uint64_t parent, const std::function<bool(SetEntry_t&)>& take) {
     std::list<CSetStatement> own;
     if (m_IdleWalks.empty())
-        ZU_RETURN_IF_ERROR(own.emplace_back().Prepare(
-            m_Database, "SELECT parent, frn, bytes, modified, accessed, created, attributes, kind, name FROM entry "
-                        "WHERE volume = ? AND parent = ? ORDER BY name, frn"));
+        ZU_RETURN_IF_ERROR(
+            own.emplace_back().Prepare(m_Database, SelectRows(" AND parent = ? ORDER BY name, frn").c_str()));
     else
         own.splice(own.begin(), m_IdleWalks, m_IdleWalks.begin());
     CSetStatement& walk = own.front();
@@ -70,9 +76,8 @@ CZuError CSetEntryReader::Find(int64_t volume, uint64_t parent, const std::strin
                                std::optional<SetEntry_t>& entry) {
     entry.reset();
     if (!m_SelectEntry.IsPrepared())
-        ZU_RETURN_IF_ERROR(m_SelectEntry.Prepare(
-            m_Database, "SELECT parent, frn, bytes, modified, accessed, created, attributes, kind, name FROM entry "
-                        "WHERE volume = ? AND parent = ? AND name = ? ORDER BY frn LIMIT 1"));
+        ZU_RETURN_IF_ERROR(
+            m_SelectEntry.Prepare(m_Database, SelectRows(" AND parent = ? AND name = ? ORDER BY frn LIMIT 1").c_str()));
     const CSetStatementUse use(m_SelectEntry);
     m_SelectEntry.Bind(1, volume);
     m_SelectEntry.Bind(2, static_cast<int64_t>(parent));
@@ -84,9 +89,7 @@ CZuError CSetEntryReader::Find(int64_t volume, uint64_t parent, const std::strin
 
 CZuError CSetEntryReader::Prove(const SetVolume_t& volume) {
     CSetStatement rows;
-    ZU_RETURN_IF_ERROR(rows.Prepare(
-        m_Database, "SELECT parent, frn, bytes, modified, accessed, created, attributes, kind, name FROM entry "
-                    "WHERE volume = ?"));
+    ZU_RETURN_IF_ERROR(rows.Prepare(m_Database, SelectColumns));
     rows.Bind(1, volume.id);
     uint64_t count = 0;
     CDigestSum sum;
@@ -105,10 +108,16 @@ CZuError CSetEntryReader::Prove(const SetVolume_t& volume) {
 }
 
 CZuError CSetEntryReader::ReadRow(CSetStatement& row, int64_t volume, SetEntry_t& entry) {
-    if (!ReadUpTo(row, 0, LargestNumber, entry.parent) || !ReadUpTo(row, 1, LargestNumber, entry.frn) ||
-        !ReadUpTo(row, 2, LargestNumber, entry.bytes) || !Read32(row, 3, entry.modified) ||
-        !Read32(row, 4, entry.accessed) || !Read32(row, 5, entry.created) || !Read32(row, 6, entry.attributes) ||
-        !ReadKind(row, 7, entry) || !ReadName(row, 8, entry.name))
+    uint64_t* const numbers[] = {&entry.parent,   &entry.frn,     &entry.bytes,        &entry.modified,
+                                 &entry.accessed, &entry.created, &entry.recordChanged};
+    uint32_t* const numbers32[] = {&entry.attributes, &entry.reparseTag, &entry.links};
+    int column = 0;
+    bool isSound = true;
+    for (uint64_t* const number : numbers)
+        isSound = ReadUpTo(row, column++, LargestNumber, *number) && isSound;
+    for (uint32_t* const number : numbers32)
+        isSound = Read32(row, column++, *number) && isSound;
+    if (!isSound || !ReadKind(row, column, entry) || !ReadName(row, column + 1, entry.name))
         return m_Database.Damaged(
             CZuString::Format("an entry of the directory {1} of its volume {2}", row.Number(0), volume).c_str());
     return CZuError();

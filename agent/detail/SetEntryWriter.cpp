@@ -1,21 +1,25 @@
 #include "agent/detail/SetEntryWriter.h"
 
 #include <algorithm>
+#include <iterator>
 
 #include "agent/detail/SetSchema.h"
 #include "foundation/detail/ErrorHandling.h"
 
 namespace {
 
-bool IsNumberOfSet(uint64_t number) {
-    return number <= uint64_t{INT64_MAX};
+bool HasNumbersOfSet(const SetEntry_t& entry) {
+    const uint64_t numbers[] = {entry.parent,   entry.frn,     entry.bytes,        entry.modified,
+                                entry.accessed, entry.created, entry.recordChanged};
+    return std::all_of(std::begin(numbers), std::end(numbers),
+                       [](uint64_t number) { return number <= uint64_t{INT64_MAX}; });
 }
 
 }  // namespace
 
 CZuError CSetEntryWriter::Prepare(CSetDatabase& database) {
     m_Database = &database;
-    return m_Add.Prepare(database, "INSERT OR IGNORE INTO entry VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+    return m_Add.Prepare(database, "INSERT OR IGNORE INTO entry VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
 }
 
 CZuError CSetEntryWriter::Begin(const SetVolume_t& volume) {
@@ -31,8 +35,7 @@ CZuError CSetEntryWriter::Begin(const SetVolume_t& volume) {
 }
 
 CZuError CSetEntryWriter::Add(const SetEntry_t& entry) {
-    if (m_Volumes.empty() || entry.name.empty() || entry.name.size() > LargestEntryNameBytes ||
-        !IsNumberOfSet(entry.parent) || !IsNumberOfSet(entry.frn) || !IsNumberOfSet(entry.bytes))
+    if (m_Volumes.empty() || entry.name.empty() || entry.name.size() > LargestEntryNameBytes || !HasNumbersOfSet(entry))
         return Refusal(CZuString::Format("{1}: the entry {2} of the directory {3} has no place in the set",
                                          m_Database->ShownName(), entry.frn, entry.parent));
     m_Add.Bind(1, m_Volumes.back().id);
@@ -40,11 +43,14 @@ CZuError CSetEntryWriter::Add(const SetEntry_t& entry) {
     m_Add.BindBytes(3, entry.name.data(), entry.name.size());
     m_Add.Bind(4, static_cast<int64_t>(entry.frn));
     m_Add.Bind(5, static_cast<int64_t>(entry.bytes));
-    m_Add.Bind(6, entry.modified);
-    m_Add.Bind(7, entry.accessed);
-    m_Add.Bind(8, entry.created);
-    m_Add.Bind(9, entry.attributes);
-    m_Add.Bind(10, EntryKindOf(entry));
+    m_Add.Bind(6, static_cast<int64_t>(entry.modified));
+    m_Add.Bind(7, static_cast<int64_t>(entry.accessed));
+    m_Add.Bind(8, static_cast<int64_t>(entry.created));
+    m_Add.Bind(9, static_cast<int64_t>(entry.recordChanged));
+    m_Add.Bind(10, entry.attributes);
+    m_Add.Bind(11, entry.reparseTag);
+    m_Add.Bind(12, entry.links);
+    m_Add.Bind(13, EntryKindOf(entry));
     ZU_RETURN_IF_ERROR(m_Add.Run());
     if (m_Database->Changes() == 0)
         return CZuError();

@@ -233,7 +233,7 @@ CZuError ReadSetLists(CSetDatabase& database, SetLists_t& lists) {
 }
 
 std::string BlocksPartName(int64_t stream) {
-    return "blocks-" + std::to_string(stream);
+    return BlocksPartPrefix + std::to_string(stream);
 }
 
 const SetPart_t* FindPartIn(const std::vector<SetPart_t>& parts, const std::string& name) {

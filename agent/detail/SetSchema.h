@@ -87,7 +87,8 @@ constexpr SetTable_t SetTables2[] = {
               "encoding INTEGER NOT NULL, data BLOB)"},
     {"entry", "CREATE TABLE entry (volume INTEGER NOT NULL, parent INTEGER NOT NULL, name BLOB NOT NULL, "
               "frn INTEGER NOT NULL, bytes INTEGER NOT NULL, modified INTEGER NOT NULL, accessed INTEGER NOT NULL, "
-              "created INTEGER NOT NULL, attributes INTEGER NOT NULL, kind INTEGER NOT NULL, "
+              "created INTEGER NOT NULL, record_changed INTEGER NOT NULL, attributes INTEGER NOT NULL, "
+              "reparse_tag INTEGER NOT NULL, links INTEGER NOT NULL, kind INTEGER NOT NULL, "
               "PRIMARY KEY (volume, parent, name, frn)) WITHOUT ROWID"},
 };
 

@@ -53,11 +53,13 @@ TEST_F(CommandJson, InfoTellsOfAFlatDisk) {
 TEST_F(CommandJson, BackupTellsWhatItDid) {
     MakeSparse();
     const json result = RunForJson({"backup", "disk.vmdk", "disk.dset", "--json"});
-    ASSERT_EQ(Names(result), (Names_t{"blocks", "disk_bytes", "read_bytes", "seconds", "set", "set_bytes",
+    ASSERT_EQ(Names(result), (Names_t{"blocks", "disk_bytes", "disks", "read_bytes", "seconds", "set", "set_bytes",
                                       "stored_bytes", "type", "warnings", "zero_blocks"}));
     EXPECT_EQ(result["set"], "disk.dset");
     EXPECT_EQ(result["type"], "monolithicSparse");
     EXPECT_EQ(result["disk_bytes"], 131072);
+    const json disk = {{"number", 1}, {"image", "disk.vmdk"}, {"type", "monolithicSparse"}, {"disk_bytes", 131072}};
+    EXPECT_EQ(result["disks"], json::array({disk}));
     EXPECT_EQ(result["blocks"], 3);
     EXPECT_EQ(result["zero_blocks"], 1);
     EXPECT_EQ(result["read_bytes"], 3 * 4096);
@@ -73,24 +75,29 @@ TEST_F(CommandJson, ListTellsWhatASetHolds) {
     m_Dir.Write("flat-flat.vmdk", FlatBytes());
     ASSERT_EQ(Run({"backup", "flat.vmdk", "flat.dset"}).exitCode, 0);
     json result = RunForJson({"list", "flat.dset", "--json"});
-    ASSERT_EQ(Names(result), (Names_t{"created", "disk_bytes", "files", "image", "set", "streams", "type", "writer"}));
+    ASSERT_EQ(Names(result),
+              (Names_t{"created", "disk_bytes", "disks", "files", "image", "set", "streams", "type", "writer"}));
     EXPECT_THAT(result["created"].get<std::string>(),
                 testing::MatchesRegex("20[0-9][0-9]-[0-9][0-9]-[0-9][0-9]T[0-9][0-9]:[0-9][0-9]:[0-9][0-9]Z"));
     EXPECT_THAT(result["writer"].get<std::string>(), testing::StartsWith("diskstream "));
     result.erase("created");
     result.erase("writer");
-    EXPECT_EQ(result, json({{"set", "flat.dset"},
-                            {"image", "flat.vmdk"},
-                            {"type", "monolithicFlat"},
-                            {"disk_bytes", 102400},
-                            {"streams",
-                             {{{"file", "flat-flat.vmdk"},
-                               {"type", "monolithicFlat"},
-                               {"block_bytes", 65536},
-                               {"disk_bytes", 102400},
-                               {"blocks", 2},
-                               {"stored_bytes", 102400}}}},
-                            {"files", {{{"file", "flat.vmdk"}, {"bytes", m_Dir.Read("flat.vmdk").size()}}}}}));
+    EXPECT_EQ(
+        result,
+        json({{"set", "flat.dset"},
+              {"image", "flat.vmdk"},
+              {"type", "monolithicFlat"},
+              {"disk_bytes", 102400},
+              {"disks", {{{"number", 1}, {"image", "flat.vmdk"}, {"type", "monolithicFlat"}, {"disk_bytes", 102400}}}},
+              {"streams",
+               {{{"disk", 1},
+                 {"file", "flat-flat.vmdk"},
+                 {"type", "monolithicFlat"},
+                 {"block_bytes", 65536},
+                 {"disk_bytes", 102400},
+                 {"blocks", 2},
+                 {"stored_bytes", 102400}}}},
+              {"files", {{{"disk", 1}, {"file", "flat.vmdk"}, {"bytes", m_Dir.Read("flat.vmdk").size()}}}}}));
 }
 
 TEST_F(CommandJson, VerifyTellsOfSoundnessAndDifferences) {
