@@ -49,8 +49,13 @@ template <size_t FieldBytes> std::string TextOf(const char (&field)[FieldBytes])
     return std::string(field, strnlen(field, FieldBytes));
 }
 
+// A field's last byte is its terminator's, whatever stands there.
+template <size_t FieldBytes> uint64_t NumberOf(const char (&field)[FieldBytes], int base) {
+    return std::strtoull(std::string(field, FieldBytes - 1).c_str(), nullptr, base);
+}
+
 template <size_t FieldBytes> uint64_t HexOf(const char (&field)[FieldBytes]) {
-    return std::strtoull(TextOf(field).c_str(), nullptr, 16);
+    return NumberOf(field, 16);
 }
 
 template <size_t FieldBytes> uint32_t Hex32Of(const char (&field)[FieldBytes]) {
@@ -77,8 +82,8 @@ public:
 
     // A number that stands between the records.
     CZuError TakeCount(uint32_t& count) {
-        char text[DumpCountBytes];
-        ZU_RETURN_IF_ERROR(Take(text));
+        char text[DumpCountBytes + 1] = {};
+        ZU_RETURN_IF_ERROR(TakeBytes(text, DumpCountBytes));
         count = Hex32Of(text);
         return CZuError();
     }
@@ -139,7 +144,8 @@ public:
         m_Volumes.clear();
         if (m_SparseInfo != nullptr)
             m_SparseInfo->clear();
-        Log("Opening file %s", path);
+        if (m_IsOld)
+            LgDebug().Debug(OldReader, "Opening file %s", path);  // of any length
         ZU_RETURN_IF_ERROR(m_File.Open(path, DumpFlags, 0));
         ZU_RETURN_IF_ERROR(CheckSignatures());
         ZU_RETURN_IF_ERROR(m_Input.Begin(DumpSignatureBytes));
@@ -226,7 +232,7 @@ private:
         ZU_RETURN_IF_ERROR(FillVolume(index, record.head, volume));
         LVM_Segment_t segment;
         segment.StripeSize = HexOf(record.stripeSize);
-        const auto count = static_cast<uint32_t>(std::strtoull(TextOf(record.componentCount).c_str(), nullptr, 10));
+        const auto count = static_cast<uint32_t>(NumberOf(record.componentCount, 10));
         Log("VolIdx: %d\tNum_Components: %d", index, static_cast<int>(count));
         ZU_RETURN_IF_ERROR(ReadComponents(index, count, segment));
         volume.Segments.push_back(std::move(segment));
@@ -312,12 +318,15 @@ private:
         ZU_RETURN_IF_ERROR(m_Input.TakeBitmap(extent.TopBitmapBytes, tables, extent.TopBitmap));
         if (extent.BucketCount > uint64_t{extent.TopBitmapBytes} * 8)
             return Refusal(OutOfMemory);  // buckets without a bit: a lying count
-        ZU_RETURN_IF_ERROR(tables.Charge(extent.BucketCount * sizeof(CAutoMemory<char>)));
+        ZU_RETURN_IF_ERROR(m_BucketMemory.Charge(extent.BucketCount * sizeof(CAutoMemory<char>)));
+        extent.Buckets.reserve(static_cast<size_t>(extent.BucketCount));
         const CByteView top(extent.TopBitmap.GetPtr(), extent.TopBitmap.GetSize());
-        for (uint64_t index = 0; index < extent.BucketCount; ++index) {
-            CAutoMemory<char>& bucket = extent.Buckets.emplace_back();
-            if (HasBit(top, index))
-                ZU_RETURN_IF_ERROR(m_Input.TakeBitmap(extent.BucketBytes, tables, bucket));
+        for (uint64_t index = 0; index < extent.BucketCount;) {
+            const uint64_t count = HasBit(top, index) ? 1 : CountEqualBits(top, index, extent.BucketCount - index);
+            index += count;
+            extent.Buckets.resize(static_cast<size_t>(index));
+            if (HasBit(top, index - 1))
+                ZU_RETURN_IF_ERROR(m_Input.TakeBitmap(extent.BucketBytes, tables, extent.Buckets.back()));
         }
         return CZuError();
     }
@@ -327,6 +336,7 @@ private:
     CDumpInput m_Input;
     std::vector<LVM_Volume_t>& m_Volumes;
     SparseInfo_t* m_SparseInfo;
+    CTableReader m_BucketMemory{m_File};  // of all extents: no bytes of the file stand for the buckets that are empty
 };
 
 CZuError ReadSignatures(const char* path, Signatures_t& found) {

@@ -50,8 +50,8 @@ using DumpedLink_t = std::vector<SparseDumpText_t>;
 // A flat extent in blocks of `blockSectors`.
 SparseDumpText_t DumpedFlatExtent(const std::string& name, uint64_t startLba, uint64_t endLba, uint64_t blockSectors);
 
-// A sparse extent whose bitmaps, and the numbers that tell of them, follow from `grains`: a character for each grain, '1'
-// for one that is there. A bucket without any has no bitmap.
+// A sparse extent whose bitmaps, and the numbers that tell of them, follow from `grains`: a character for each grain,
+// '1' for one that is there. A bucket without any has no bitmap.
 SparseDumpText_t DumpedSparseExtent(const std::string& name, uint64_t startLba, uint64_t endLba, uint64_t grainSectors,
                                     uint64_t grainsPerBucket, const std::string& grains);
 
