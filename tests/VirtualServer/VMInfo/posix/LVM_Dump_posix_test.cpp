@@ -153,8 +153,9 @@ TEST(LvmDumpLog, TellsEveryStepOfAnOlderDump) {
     const size_t path = lines.find(" /", lines.find("Opening file"));
     const size_t pathEnd = lines.find('\n', path);
     ASSERT_NE(std::string::npos, pathEnd) << lines;
-    EXPECT_EQ(LongPathIn(CTempDir()).substr(CTempDir().Path().size()),
-              lines.substr(path, pathEnd - path).substr(CTempDir().Path().size() + 1));
+    const std::string ending = "/" + std::string(200, 'p') + "/dump";
+    EXPECT_LT(3U * 200, pathEnd - path);
+    EXPECT_EQ(ending, lines.substr(pathEnd - ending.size(), ending.size()));
     lines.erase(path, pathEnd - path);
     EXPECT_EQ(expected, lines);
 }
