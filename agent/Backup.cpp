@@ -6,10 +6,12 @@
 #include <optional>
 
 #include "agent/BackupSetWriter.h"
+#include "agent/ErrorText.h"
 #include "agent/ExtentStream.h"
 #include "agent/Version.h"
 #include "agent/WholeDisk.h"
 #include "agent/detail/BlockBatch.h"
+#include "agent/detail/CatalogWriter.h"
 #include "agent/detail/StagedFile.h"
 #include "foundation/detail/ErrorHandling.h"
 #include "foundation/detail/UtcTime.h"
@@ -59,6 +61,8 @@ public:
             ZU_RETURN_IF_ERROR(RefuseOwnFiles(image, setName));
         ZU_RETURN_IF_ERROR(m_Writer.Create(setName, m_Options.force));
         ZU_RETURN_IF_ERROR(WriteDisks());
+        if (m_Options.catalog)
+            ZU_RETURN_IF_ERROR(WriteCatalog(imageNames));
         ZU_RETURN_IF_ERROR(m_Writer.Commit(InfoOfNow()));
         m_Result.setBytes = m_Writer.SizeBytes();
         return CZuError();
@@ -87,6 +91,8 @@ private:
             m_Result.warnings.insert(m_Result.warnings.end(), image.Warnings().begin(), image.Warnings().end());
             m_Result.disks.push_back({image.Path(), image.DiskType(), image.TotalSectors() << SectorShift});
             m_Result.diskBytes += m_Result.disks.back().diskBytes;
+            if (image.HasParent() && m_Options.catalog)
+                return Refusal(name + ": is one link of a chain; a catalogue needs the whole disk: add --flatten");
             WarnOfParent(image);
         }
         return CZuError();
@@ -133,8 +139,33 @@ private:
         return CZuError();
     }
 
+    // Disks that are in the set stay there, whatever is the matter with their volumes.
+    CZuError WriteCatalog(const std::vector<std::string>& imageNames) {
+        CVolumeSet disks;
+        const CZuError error = disks.Open(imageNames, m_Options.image);
+        if (error.IsErrorSet()) {
+            m_Result.catalogProblems.push_back(DescribeError(error));
+            return CZuError();
+        }
+        for (const std::string& warning : disks.Warnings()) {
+            if (std::find(m_Result.warnings.begin(), m_Result.warnings.end(), warning) == m_Result.warnings.end())
+                m_Result.warnings.push_back(warning);
+        }
+        CatalogOptions_t options;
+        options.blockSectors = m_BlockSectors;
+        options.isFlattened = m_Options.flatten;
+        options.compressionLevel = m_Options.compressionLevel;
+        CatalogResult_t result;
+        ZU_RETURN_IF_ERROR(CollectCatalog(disks, m_Writer, options, result));
+        m_Result.catalogVolumes = result.volumes;
+        m_Result.catalogFiles = result.files;
+        m_Result.catalogProblems = std::move(result.problems);
+        return CZuError();
+    }
+
     CZuError WriteDisk(const CDiskImage& image, int64_t disk) {
         ZU_RETURN_IF_ERROR(m_Writer.AddDisk(DiskOf(image, disk)));
+        m_BlockSectors.push_back(0);
         for (const DiskExtent_t& extent : image.Extents())
             ZU_RETURN_IF_ERROR(WriteStream(extent, disk));
         for (const SmallFile_t& file : image.SmallFiles())
@@ -147,6 +178,7 @@ private:
     CZuError WriteStream(const DiskExtent_t& extent, int64_t disk) {
         CExtentStream stream;
         ZU_RETURN_IF_ERROR(stream.Open(extent));
+        m_BlockSectors.back() = stream.BlockSectors();
         m_Progress.totalBytes -= extent.fileBytes;
         m_Progress.totalBytes += stream.ExpectedBytes();
         ZU_RETURN_IF_ERROR(m_Writer.BeginStream(StreamOf(extent, m_NextStream++, disk, stream.BlockSectors()),
@@ -221,6 +253,7 @@ private:
     BackupResult_t& m_Result;
     std::vector<CDiskImage> m_Images;  // in the order in which they were given
     CBackupSetWriter m_Writer;
+    std::vector<uint32_t> m_BlockSectors;  // of the streams of each disk
     int64_t m_NextStream = 0;
     Progress_t m_Progress;
 };

@@ -13,6 +13,7 @@
 struct BackupOptions_t {
     ImageOptions_t image;
     bool flatten = false;  // the disk as it reads through its chain, instead of the image alone
+    bool catalog = false;  // what lists and restores files of NTFS volumes without the disks is collected as well
     bool force = false;    // a set that stands at the target is replaced
     int compressionLevel = DefaultCompression;
     ProgressCallback_t progress;
@@ -32,6 +33,9 @@ struct BackupResult_t {
     uint64_t readBytes = 0;
     uint64_t storedBytes = 0;  // that the blocks take in the set
     uint64_t setBytes = 0;     // the set's file
+    uint64_t catalogVolumes = 0;
+    uint64_t catalogFiles = 0;
+    std::vector<std::string> catalogProblems;  // what isn't in the catalogue, and why
     std::vector<std::string> warnings;
 };
 

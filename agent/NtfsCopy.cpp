@@ -72,7 +72,7 @@ bool SetSize(const std::string& name, uint64_t bytes) {
 
 class CCopier {
 public:
-    CCopier(CNtfsVolume& volume, NtfsCopy_t& copy) : m_Volume(volume), m_Copy(copy) {}
+    CCopier(INtfsFiles& volume, NtfsCopy_t& copy) : m_Volume(volume), m_Copy(copy) {}
 
     // A name that stands already is refused: a damaged directory may hold one twice.
     CZuError CopyFile(const NtfsFileInfo_t& file, const Place_t& place) {
@@ -105,6 +105,7 @@ public:
         NtfsListing_t listing;
         listing.isRecursive = true;
         listing.withMetadata = m_Copy.withMetadata;
+        listing.withStreams = true;
         std::vector<std::pair<Place_t, NtfsFileInfo_t>> directories = {{place, directory}};
         ZU_RETURN_IF_ERROR(m_Volume.List(directory.frn, listing, [&](const NtfsEntry_t& entry) {
             CopyEntry(entry, place.Below(entry.path), directories);
@@ -179,7 +180,7 @@ private:
         return "";
     }
 
-    CNtfsVolume& m_Volume;
+    INtfsFiles& m_Volume;
     NtfsCopy_t& m_Copy;
     bool m_IsCancelled = false;
     CZuError m_WriteFailure;
@@ -205,7 +206,7 @@ std::string FinalTarget(const std::string& path, const std::string& target) {
     return name.empty() ? target : (std::filesystem::path(target) / name).string();
 }
 
-CZuError CopyOneFile(CNtfsVolume& volume, const NtfsFileInfo_t& file, const std::string& target, NtfsCopy_t& copy) {
+CZuError CopyOneFile(INtfsFiles& volume, const NtfsFileInfo_t& file, const std::string& target, NtfsCopy_t& copy) {
     CStagedFile staged;
     ZU_RETURN_IF_ERROR(staged.Begin(target, copy.isReplacing));
     const Place_t place{staged.TemporaryName(), target};
@@ -214,7 +215,7 @@ CZuError CopyOneFile(CNtfsVolume& volume, const NtfsFileInfo_t& file, const std:
     return staged.Commit();
 }
 
-CZuError CopyDirectory(CNtfsVolume& volume, const NtfsFileInfo_t& directory, const std::string& target,
+CZuError CopyDirectory(INtfsFiles& volume, const NtfsFileInfo_t& directory, const std::string& target,
                        NtfsCopy_t& copy) {
     CStagedDirectory staged;
     ZU_RETURN_IF_ERROR(staged.Begin(target));
@@ -224,7 +225,7 @@ CZuError CopyDirectory(CNtfsVolume& volume, const NtfsFileInfo_t& directory, con
 
 }  // namespace
 
-CZuError CopyFromNtfs(CNtfsVolume& volume, const std::string& path, const std::string& target, NtfsCopy_t& copy) {
+CZuError CopyFromNtfs(INtfsFiles& volume, const std::string& path, const std::string& target, NtfsCopy_t& copy) {
     return WithinMemory("Out of memory", [&]() -> CZuError {
         uint64_t frn = 0;
         NtfsFileInfo_t file;

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "agent/NtfsVolume.h"
+#include "agent/INtfsFiles.h"
 #include "agent/Progress.h"
 #include "foundation/ZuError.h"
 #include "platform/Export.h"
@@ -27,5 +27,5 @@ struct NtfsCopy_t {
 //
 // Of a tree what can't be read is left out and told of in `problems`: encrypted files, links, files whose contents are
 // kept elsewhere, names that this system has no room for. Named streams and descriptors aren't copied.
-[[nodiscard]] DISKSTREAM_EXPORT CZuError CopyFromNtfs(CNtfsVolume& volume, const std::string& path,
+[[nodiscard]] DISKSTREAM_EXPORT CZuError CopyFromNtfs(INtfsFiles& volume, const std::string& path,
                                                       const std::string& target, NtfsCopy_t& copy);

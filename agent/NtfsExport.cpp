@@ -29,7 +29,7 @@ bool WritePiece(Output_t& output, const ProgressCallback_t& progress, const char
 
 }  // namespace
 
-CZuError ExportBackupStream(CNtfsVolume& volume, uint64_t frn, const std::string& target, bool isReplacing,
+CZuError ExportBackupStream(INtfsFiles& volume, uint64_t frn, const std::string& target, bool isReplacing,
                             const ProgressCallback_t& progress) {
     CStagedFile staged;
     ZU_RETURN_IF_ERROR(staged.Begin(target, isReplacing));

@@ -1,52 +1,20 @@
 #include "agent/NtfsVolume.h"
 
 #include <algorithm>
-#include <cstdio>
 
-#include "agent/detail/NtfsBackupStream.h"
 #include "agent/detail/NtfsIndex.h"
 #include "agent/detail/NtfsListing.h"
 #include "agent/detail/NtfsMappedVolume.h"
 #include "agent/detail/NtfsNames.h"
 #include "agent/detail/NtfsRecordFacts.h"
-#include "agent/detail/NtfsStream.h"
 #include "foundation/detail/ErrorHandling.h"
 
 namespace {
 
 constexpr char OutOfMemory[] = "Out of memory";
 constexpr char Separators[] = "/\\";
-constexpr uint32_t PieceBytes = 1U << 20U;
-
 CZuError NoSuchFile(const std::string& volume, const std::string& path) {
     return Refusal(volume + ": there is no " + path + "; `diskstream ls` lists what there is");
-}
-
-CZuError DeliverStream(CNtfsStream& stream, const TakeBytes_t& take) {
-    CAutoMemory<char> buffer;
-    if (stream.Bytes() != 0 &&
-        buffer.Alloc(static_cast<uint32_t>(std::min<uint64_t>(stream.Bytes(), PieceBytes))) == nullptr)
-        return Refusal(OutOfMemory);
-    for (uint64_t done = 0; done < stream.Bytes();) {
-        const auto piece = static_cast<uint32_t>(std::min<uint64_t>(stream.Bytes() - done, PieceBytes));
-        ZU_RETURN_IF_ERROR(stream.Read(done, buffer.GetPtr(), piece));
-        if (!take(buffer.GetPtr(), piece))
-            return CZuError();
-        done += piece;
-    }
-    return CZuError();
-}
-
-// The contents of some files are kept elsewhere, on another machine or in another form, and a reparse point tells a
-// driver of Windows where. What lies here in their place is holes.
-CZuError CheckContentsAreHere(CAutoMemory<char>& record, const std::string& where) {
-    NtfsFileInfo_t info;
-    DescribeNtfsRecord(record, info);
-    if (!IsKeptElsewhere(info.reparseTag))
-        return CZuError();
-    char tag[16];
-    std::snprintf(tag, sizeof(tag), "0x%08X", info.reparseTag);
-    return Refusal(where + ": its contents are kept elsewhere (reparse point " + tag + ") and can't be read");
 }
 
 }  // namespace
@@ -120,15 +88,14 @@ CZuError CNtfsVolume::FindInDirectory(uint64_t directory, const std::string& whe
     return CZuError();
 }
 
+CZuError CNtfsVolume::FindFile(const std::string& path, NtfsFileInfo_t& info) {
+    uint64_t frn = 0;
+    ZU_RETURN_IF_ERROR(Find(path, frn));
+    return Describe(frn, info);
+}
+
 CZuError CNtfsVolume::Describe(uint64_t frn, NtfsFileInfo_t& info) {
-    return WithinMemory(OutOfMemory, [&]() -> CZuError {
-        CAutoMemory<char> record;
-        ZU_RETURN_IF_ERROR(m_Volume->ReadRecord(frn, record));
-        info = NtfsFileInfo_t();
-        info.frn = frn;
-        DescribeNtfsRecord(record, info);
-        return CZuError();
-    });
+    return DescribeNtfsFile(*m_Volume, frn, info);
 }
 
 CZuError CNtfsVolume::List(uint64_t directory, NtfsListing_t& listing, const TakeNtfsEntry_t& take) {
@@ -136,28 +103,13 @@ CZuError CNtfsVolume::List(uint64_t directory, NtfsListing_t& listing, const Tak
 }
 
 CZuError CNtfsVolume::ReadStream(uint64_t frn, const std::string& name, const TakeBytes_t& take) {
-    return WithinMemory(OutOfMemory, [&]() -> CZuError {
-        CAutoMemory<char> record;
-        ZU_RETURN_IF_ERROR(m_Volume->ReadRecord(frn, record));
-        CNtfsStream stream;
-        const std::string where = CZuString::Format("{1}: file record {2}", m_Info->name, frn).c_str();
-        ZU_RETURN_IF_ERROR(stream.Open(*m_Volume, record, AttrData, NtfsNameOfText(name), where));
-        if (stream.Attribute().isEncrypted)
-            return Refusal(where + ": is encrypted; its bytes can't be read without the key");
-        if (name.empty())
-            ZU_RETURN_IF_ERROR(CheckContentsAreHere(record, where));
-        return DeliverStream(stream, take);
-    });
+    return ReadNtfsStream(*m_Volume, frn, name, take);
 }
 
 CZuError CNtfsVolume::ReadBackupStream(uint64_t frn, const TakeBytes_t& take) {
-    return WithinMemory(OutOfMemory, [&] { return CNtfsBackupStream(*m_Volume, take).Write(frn); });
+    return ReadNtfsBackupStream(*m_Volume, frn, take);
 }
 
 CZuError CNtfsVolume::ReadSecurity(uint64_t frn, std::string& descriptor) {
-    return WithinMemory(OutOfMemory, [&]() -> CZuError {
-        CAutoMemory<char> record;
-        ZU_RETURN_IF_ERROR(m_Volume->ReadRecord(frn, record));
-        return ReadNtfsSecurity(*m_Volume, frn, record, descriptor);
-    });
+    return ReadNtfsSecurity(*m_Volume, frn, descriptor);
 }

@@ -8,6 +8,7 @@
 #include "agent/detail/DynamicVolumes.h"
 #include "agent/detail/FileSystems.h"
 #include "agent/detail/Lvm2Volumes.h"
+#include "agent/detail/VolumeReader.h"
 #include "foundation/detail/ErrorHandling.h"
 
 namespace {
@@ -78,6 +79,23 @@ const char* SchemeName(const VolumeInfo_t& volume) {
     return SchemeName(volume.scheme);
 }
 
+class CVolumeSet::CDisks final : public IDiskBytes {
+public:
+    explicit CDisks(const std::vector<std::unique_ptr<CWholeDisk>>& disks) : m_Disks(disks) {}
+
+    uint32_t DiskCount() const override { return static_cast<uint32_t>(m_Disks.size()); }
+    CZuError ReadDisk(uint32_t diskIndex, uint64_t offset, char* buffer, uint32_t length) override {
+        return m_Disks[diskIndex]->Read(offset, buffer, length);
+    }
+
+private:
+    const std::vector<std::unique_ptr<CWholeDisk>>& m_Disks;
+};
+
+CVolumeSet::CVolumeSet()
+    : m_DiskBytes(std::make_unique<CDisks>(m_Disks)), m_Reader(std::make_unique<CVolumeReader>(*m_DiskBytes)) {}
+CVolumeSet::~CVolumeSet() = default;
+
 CZuError CVolumeSet::Open(const std::vector<std::string>& paths, const ImageOptions_t& options) {
     CDynamicGroups dynamicGroups;
     CLvm2Groups lvm2Groups;
@@ -93,6 +111,10 @@ CZuError CVolumeSet::Open(const std::vector<std::string>& paths, const ImageOpti
     for (const auto* const warnings : {&dynamicGroups.Warnings(), &lvm2Groups.Warnings()})
         m_Warnings.insert(m_Warnings.end(), warnings->begin(), warnings->end());
     return CZuError();
+}
+
+CZuError CVolumeSet::Read(const VolumeInfo_t& volume, uint64_t offset, void* buffer, uint32_t length) {
+    return m_Reader->Read(volume, offset, static_cast<char*>(buffer), length);
 }
 
 std::vector<std::string> CVolumeSet::Warnings() const {

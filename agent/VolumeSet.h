@@ -9,7 +9,6 @@
 #include "agent/PartitionTable.h"
 #include "agent/VolumeInfo.h"
 #include "agent/WholeDisk.h"
-#include "foundation/AutoMemory.h"
 #include "foundation/ZuError.h"
 #include "platform/Export.h"
 
@@ -20,7 +19,7 @@ DISKSTREAM_EXPORT VolumeInfo_t WholeDiskVolume(const CWholeDisk& disk, uint32_t 
 
 class CDynamicGroups;
 class CLvm2Groups;
-struct VolumePiece_t;
+class CVolumeReader;
 
 // The disks given and the volumes on them. One thread at a time.
 //
@@ -31,6 +30,11 @@ struct VolumePiece_t;
 // number behind it.
 class DISKSTREAM_EXPORT CVolumeSet {
 public:
+    CVolumeSet();
+    CVolumeSet(const CVolumeSet&) = delete;
+    CVolumeSet& operator=(const CVolumeSet&) = delete;
+    ~CVolumeSet();
+
     CZuError Open(const std::vector<std::string>& paths, const ImageOptions_t& options);
 
     const std::vector<std::unique_ptr<CWholeDisk>>& Disks() const { return m_Disks; }
@@ -55,18 +59,14 @@ private:
     void AddManagedVolume(VolumeInfo_t volume);
     std::string UniqueName(const std::string& name) const;
 
-    CZuError ReadPiece(const VolumeInfo_t& volume, uint64_t offset, char* target, uint32_t mostBytes, uint32_t& bytes);
-    CZuError ReadCopy(const std::string& name, const LVM_Volume_t& layout, uint64_t offset, char* target,
-                      uint32_t mostBytes, uint32_t& bytes);
-    CZuError ReadComponent(const std::string& name, const LVM_Component_t& component, uint64_t inComponent,
-                           char* target, uint32_t bytes);
-    CZuError RebuildPiece(const std::string& name, const VolumePiece_t& piece, char* target);
+    class CDisks;
 
     std::vector<std::unique_ptr<CWholeDisk>> m_Disks;
+    std::unique_ptr<CDisks> m_DiskBytes;  // of `m_Disks`
+    std::unique_ptr<CVolumeReader> m_Reader;
     std::vector<PartitionTable_t> m_Tables;
     std::vector<VolumeInfo_t> m_Volumes;
     std::set<std::string> m_Names;
     std::vector<std::string> m_Warnings;  // of the volume managers
-    CAutoMemory<char> m_Scratch;          // of another column's bytes
     unsigned m_NextNumber = 1;
 };

@@ -47,11 +47,10 @@ CWholeDisk::~CWholeDisk() = default;
 
 CZuError CWholeDisk::Open(const std::string& path, const ImageOptions_t& options) {
     ZU_RETURN_IF_ERROR(OpenDiskChain(path, options, m_Links));
-    std::vector<Disk_t> disks;
     for (const CDiskImage& image : m_Links)
-        ZU_RETURN_IF_ERROR(AddCoreLink(image, disks));
+        ZU_RETURN_IF_ERROR(AddCoreLink(image));
     m_Reader = std::make_unique<CWholeDiskReader>(m_Links.back().Product());
-    return ErrorAt(path, m_Reader->OpenHardDisk(disks));
+    return ErrorAt(path, m_Reader->OpenHardDisk(m_CoreDisks));
 }
 
 CZuError CWholeDisk::Read(uint64_t offset, void* buffer, uint32_t length) {
@@ -64,8 +63,8 @@ CZuError CWholeDisk::Read(uint64_t offset, void* buffer, uint32_t length) {
     return ErrorAt(Path(), error);
 }
 
-CZuError CWholeDisk::AddCoreLink(const CDiskImage& image, std::vector<Disk_t>& disks) {
-    Disk_t& disk = disks.emplace_back();
+CZuError CWholeDisk::AddCoreLink(const CDiskImage& image) {
+    Disk_t& disk = m_CoreDisks.emplace_back();
     disk.Type = image.DiskType();
     disk.FileName = CoreNameOf(image.Extents().front());
     const bool isVmdk = image.Product() == VirtualProdType_VMware;

@@ -40,6 +40,9 @@ public:
     // Base first.
     const std::vector<CDiskImage>& Links() const { return m_Links; }
 
+    // The links as the core opens them, base first. They are there as long as this is.
+    const std::vector<Disk_t>& CoreDisks() const { return m_CoreDisks; }
+
     // The core's reader. Its errors don't name the disk.
     CWholeDiskReader& Reader() { return *m_Reader; }
 
@@ -47,10 +50,11 @@ public:
     CZuError Read(uint64_t offset, void* buffer, uint32_t length);
 
 private:
-    CZuError AddCoreLink(const CDiskImage& image, std::vector<Disk_t>& disks);
+    CZuError AddCoreLink(const CDiskImage& image);
     CZuError PrepareDescriptor(const CDiskImage& image, Disk_t& disk);
 
     std::vector<CDiskImage> m_Links;
     std::unique_ptr<CPrivateDirectory> m_Directory;  // of the descriptors that the core is given
+    std::vector<Disk_t> m_CoreDisks;
     std::unique_ptr<CWholeDiskReader> m_Reader;
 };

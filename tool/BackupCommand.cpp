@@ -12,6 +12,7 @@ struct BackupArguments_t {
     std::string set;
     std::string compression = "zstd";
     bool flatten = false;
+    bool catalog = false;
     bool force = false;
     ImageArguments_t imageArguments;
     OutputOptions_t output;
@@ -87,6 +88,9 @@ void PrintJsonResult(const BackupArguments_t& arguments, const BackupResult_t& r
     object["read_bytes"] = result.readBytes;
     object["stored_bytes"] = result.storedBytes;
     object["set_bytes"] = result.setBytes;
+    if (arguments.catalog)
+        object["catalog"] = {
+            {"volumes", result.catalogVolumes}, {"files", result.catalogFiles}, {"problems", result.catalogProblems}};
     object["seconds"] = seconds;
     object["warnings"] = result.warnings;
     PrintJson(object);
@@ -109,6 +113,10 @@ void PrintResult(const BackupArguments_t& arguments, const BackupResult_t& resul
     facts.emplace_back("Blocks", std::to_string(result.blockCount) + " with " + SizeText(result.readBytes) + ", " +
                                      std::to_string(result.zeroBlocks) + " of them zeros");
     facts.emplace_back("Stored", SizeText(result.storedBytes) + " in a set of " + SizeText(result.setBytes));
+    if (arguments.catalog)
+        facts.emplace_back("Catalogue", std::to_string(result.catalogFiles) + " files of " +
+                                            std::to_string(result.catalogVolumes) +
+                                            (result.catalogVolumes == 1 ? " volume" : " volumes"));
     facts.emplace_back("Rate", SizeText(static_cast<uint64_t>(rate)) + "/s");
     PrintFacts(facts);
 }
@@ -117,6 +125,7 @@ int Run(const BackupArguments_t& arguments) {
     BackupOptions_t options;
     options.image = arguments.imageArguments.Options();
     options.flatten = arguments.flatten;
+    options.catalog = arguments.catalog;
     options.force = arguments.force;
     options.compressionLevel = CompressionLevel(arguments.compression);
     BackupResult_t result;
@@ -132,7 +141,11 @@ int Run(const BackupArguments_t& arguments) {
         return Fail(arguments.output, error);
     PrintWarnings(result.warnings);
     PrintResult(arguments, result, seconds);
-    return ExitSuccess;
+    if (result.catalogProblems.empty())
+        return ExitSuccess;
+    PrintWarnings(result.catalogProblems);
+    PrintComplaint(arguments.set + ": holds the disks, but the catalogue isn't whole");
+    return ExitFailure;
 }
 
 }  // namespace
@@ -154,13 +167,16 @@ void AddBackupCommand(CLI::App& program, int& exitCode) {
         ->check(CLI::Validator(CheckCompression, ""));
     command->add_flag("--flatten", arguments->flatten,
                       "Keep the disk as it reads through its chain, as a raw disk, not the image");
+    command->add_flag("--catalog", arguments->catalog,
+                      "Collect what lists and restores the files of NTFS volumes from the set alone");
     command->add_flag("-f,--force", arguments->force, "Replace a set that exists");
     AddImageArguments(*command, arguments->imageArguments);
     AddOutputArguments(*command, arguments->output);
     command->footer("Examples:\n"
                     "  diskstream backup disk.vmdk monday.dset\n"
                     "  diskstream backup --compression zstd:9 disk.vmdk monday.dset\n"
-                    "  diskstream backup system.vmdk data.vmdk monday.dset\n"
+                    "  diskstream backup --catalog disk.vmdk monday.dset\n"
+                    "  diskstream backup --catalog system.vhd data.vhd monday.dset\n"
                     "  diskstream backup --flatten snapshot.vhd monday.dset\n"
                     "  diskstream backup /dev/sdb monday.dset");
     command->callback([arguments, &exitCode] {

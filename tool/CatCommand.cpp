@@ -13,7 +13,7 @@ struct CatArguments_t : FileArguments_t {
 const FileWords_t CatWords = {"PATH", 1, 1};
 
 int RunCat(const CatArguments_t& arguments) {
-    return RunOnFile(arguments, [&](CNtfsVolume& volume, const NtfsFileInfo_t& file) -> CZuError {
+    return RunOnFile(arguments, [&](INtfsFiles& volume, const NtfsFileInfo_t& file) -> CZuError {
         if (file.isDirectory && arguments.stream.empty())
             return Refusal("is a directory");
         return volume.ReadStream(file.frn, arguments.stream, [](const char* bytes, uint32_t size) {
@@ -31,6 +31,7 @@ void AddCatCommand(CLI::App& program, int& exitCode) {
     AddNameArgument(*command, "--stream", arguments->stream, "Name of one of the file's other streams")
         ->type_name("NAME");
     command->footer("Examples:\n"
+                    "  diskstream cat monday.dset /Users/me/letter.txt\n"
                     "  diskstream cat disk.vmdk --volume Volume1 /Users/me/letter.txt\n"
                     "  diskstream cat disk.vmdk --volume Volume1 /setup.exe --stream Zone.Identifier");
     command->callback([arguments, &exitCode] {

@@ -23,6 +23,7 @@ void AddReadCommand(CLI::App& program, int& exitCode);
 void AddCreateDiskCommand(CLI::App& program, int& exitCode);
 void AddLsCommand(CLI::App& program, int& exitCode);
 void AddStatCommand(CLI::App& program, int& exitCode);
+void AddFindCommand(CLI::App& program, int& exitCode);
 void AddCatCommand(CLI::App& program, int& exitCode);
 void AddCpCommand(CLI::App& program, int& exitCode);
 void AddStreamsCommand(CLI::App& program, int& exitCode);

@@ -30,7 +30,7 @@ void PrintCopied(const CpArguments_t& arguments, const NtfsCopy_t& copy) {
 // What was left out is told of when the result is out, which says it in JSON.
 int RunCp(const CpArguments_t& arguments) {
     bool isWhole = true;
-    const int exitCode = RunOnVolume(arguments, [&](CNtfsVolume& volume) -> CZuError {
+    const int exitCode = RunOnVolume(arguments, [&](INtfsFiles& volume) -> CZuError {
         NtfsCopy_t copy;
         copy.isRecursive = arguments.isRecursive;
         copy.isReplacing = arguments.isReplacing;
@@ -64,6 +64,7 @@ void AddCpCommand(CLI::App& program, int& exitCode) {
     command->footer("Contents and times are copied, names as UTF-8. The target appears when it is whole. Of a tree,\n"
                     "encrypted files, links and what can't be read are left out and named; the exit code is 1 then.\n"
                     "Examples:\n"
+                    "  diskstream cp -r monday.dset /Users/me restored\n"
                     "  diskstream cp disk.vmdk --volume Volume1 /Users/me/letter.txt .\n"
                     "  diskstream cp -r disk.vmdk --volume Volume1 /Users/me restored");
     command->callback([arguments, &exitCode] {

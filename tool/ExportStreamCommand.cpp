@@ -15,7 +15,7 @@ const FileWords_t ExportWords = {"PATH TARGET", 2, 2};
 constexpr char StandardOutput[] = "-";
 
 int RunExport(const ExportArguments_t& arguments) {
-    return RunOnFile(arguments, [&](CNtfsVolume& volume, const NtfsFileInfo_t& file) -> CZuError {
+    return RunOnFile(arguments, [&](INtfsFiles& volume, const NtfsFileInfo_t& file) -> CZuError {
         if (arguments.Rest(1) == StandardOutput)
             return volume.ReadBackupStream(file.frn, [](const char* bytes, uint32_t size) {
                 return std::fwrite(bytes, 1, size, stdout) == size;  // a failure is told of at the end

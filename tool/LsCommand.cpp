@@ -1,8 +1,7 @@
-#include <cstdio>
 #include <memory>
 
 #include "agent/ErrorText.h"
-#include "agent/NtfsTime.h"
+#include "foundation/detail/ErrorHandling.h"
 #include "tool/FilesOfVolume.h"
 
 namespace {
@@ -15,62 +14,8 @@ struct LsArguments_t : FileArguments_t {
 
 const FileWords_t LsWords = {"[PATH]", 0, 1};
 
-// One line, put together by hand: a listing has many.
-std::string LineOf(const LsArguments_t& arguments, const NtfsEntry_t& entry) {
-    std::string line;
-    if (arguments.isLong) {
-        constexpr size_t sizeWidth = 15;
-        const std::string size = std::to_string(entry.file.bytes);
-        const std::string time = NtfsTimeText(entry.file.modification);
-        line = AttributeLetters(entry.file);
-        line.append(size.size() < sizeWidth ? sizeWidth - size.size() : 1, ' ').append(size).append("  ");
-        if (time.empty())
-            line.append("-                  ");
-        else
-            line.append(time, 0, 10).append(1, ' ').append(time, 11, 8);
-        line.append("  ");
-    }
-    line += Printable(entry.path);
-    line += entry.file.isDirectory ? "/\n" : "\n";
-    return line;
-}
-
-void PrintEntry(const LsArguments_t& arguments, const NtfsEntry_t& entry) {
-    const std::string line = LineOf(arguments, entry);
-    std::fwrite(line.data(), 1, line.size(), stdout);  // a failure is told of at the end
-}
-
-// An object of many thousand files goes out file by file.
-class CJsonListing {
-public:
-    CJsonListing(const std::string& volume, const std::string& path) {
-        Json_t head{{"volume", volume}, {"path", path}};
-        std::string text = head.dump(-1, ' ', false, Json_t::error_handler_t::replace);
-        text.pop_back();
-        std::printf("%s,\"entries\":[", text.c_str());
-    }
-    CJsonListing(const CJsonListing&) = delete;
-    CJsonListing& operator=(const CJsonListing&) = delete;
-
-    void Put(const NtfsEntry_t& entry) {
-        Json_t object{{"path", entry.path}};
-        PutFileFacts(entry.file, object);
-        std::printf("%s\n%s", m_IsFirst ? "" : ",",
-                    object.dump(-1, ' ', false, Json_t::error_handler_t::replace).c_str());
-        m_IsFirst = false;
-    }
-
-    void End(const std::vector<std::string>& problems) {
-        std::printf("],\n\"problems\":%s}\n",
-                    Json_t(problems).dump(-1, ' ', false, Json_t::error_handler_t::replace).c_str());
-    }
-
-private:
-    bool m_IsFirst = true;
-};
-
 // What can't be read of a directory or of a file is told at the end, and is a failure.
-std::vector<std::string> List(const LsArguments_t& arguments, CNtfsVolume& volume, const NtfsFileInfo_t& file,
+std::vector<std::string> List(const LsArguments_t& arguments, INtfsFiles& volume, const NtfsFileInfo_t& file,
                               const TakeNtfsEntry_t& take) {
     if (!file.isDirectory) {
         take({arguments.Rest(0), arguments.Rest(0), file});
@@ -89,7 +34,7 @@ std::vector<std::string> List(const LsArguments_t& arguments, CNtfsVolume& volum
     return listing.problems;
 }
 
-std::vector<std::string> ListAsJson(const LsArguments_t& arguments, CNtfsVolume& volume, const NtfsFileInfo_t& file) {
+std::vector<std::string> ListAsJson(const LsArguments_t& arguments, INtfsFiles& volume, const NtfsFileInfo_t& file) {
     CJsonListing listing(arguments.volume, arguments.Rest(0).empty() ? "/" : arguments.Rest(0));
     const std::vector<std::string> problems = List(arguments, volume, file, [&](const NtfsEntry_t& entry) {
         listing.Put(entry);
@@ -99,25 +44,22 @@ std::vector<std::string> ListAsJson(const LsArguments_t& arguments, CNtfsVolume&
     return problems;
 }
 
-std::vector<std::string> ListAsText(const LsArguments_t& arguments, CNtfsVolume& volume, const NtfsFileInfo_t& file) {
+std::vector<std::string> ListAsText(const LsArguments_t& arguments, INtfsFiles& volume, const NtfsFileInfo_t& file) {
     return List(arguments, volume, file, [&](const NtfsEntry_t& entry) {
-        PrintEntry(arguments, entry);
+        PrintEntry(entry, arguments.isLong);
         return true;
     });
 }
 
-// The problems are told of when the listing is out, which holds them in JSON.
 int RunLs(const LsArguments_t& arguments) {
     std::vector<std::string> problems;
-    const int exitCode = RunOnFile(arguments, [&](CNtfsVolume& volume, const NtfsFileInfo_t& file) {
+    const int exitCode = RunOnVolume(arguments, [&](INtfsFiles& volume) -> CZuError {
+        NtfsFileInfo_t file;
+        ZU_RETURN_IF_ERROR(volume.FindFile(arguments.Rest(0), file));
         problems = arguments.output.json ? ListAsJson(arguments, volume, file) : ListAsText(arguments, volume, file);
         return CZuError();
     });
-    if (problems.empty())
-        return exitCode;
-    PrintWarnings(problems);
-    PrintComplaint("the listing isn't whole: some of it can't be read");
-    return ExitFailure;
+    return EndListing(exitCode, problems);
 }
 
 }  // namespace
@@ -133,6 +75,7 @@ void AddLsCommand(CLI::App& program, int& exitCode) {
     command->footer("Attributes: d directory, r read-only, h hidden, s system, a archive, p sparse, l reparse point,\n"
                     "c compressed, e encrypted.\n"
                     "Examples:\n"
+                    "  diskstream ls monday.dset /Users\n"
                     "  diskstream ls disk.vmdk --volume Volume1 /Users\n"
                     "  diskstream ls -r -l disk.vmdk --volume Volume1\n"
                     "  diskstream ls --json one.vhd two.vhd --volume Volume3 'Program Files'");

@@ -45,6 +45,7 @@ void AddCommands(CLI::App& program, int& exitCode) {
     AddCreateDiskCommand(program, exitCode);
     AddLsCommand(program, exitCode);
     AddStatCommand(program, exitCode);
+    AddFindCommand(program, exitCode);
     AddCatCommand(program, exitCode);
     AddCpCommand(program, exitCode);
     AddStreamsCommand(program, exitCode);

@@ -13,7 +13,7 @@ Json_t TextOrNull(const std::string& text) {
 }
 
 int RunSecurity(const FileArguments_t& arguments) {
-    return RunOnFile(arguments, [&](CNtfsVolume& volume, const NtfsFileInfo_t& file) -> CZuError {
+    return RunOnFile(arguments, [&](INtfsFiles& volume, const NtfsFileInfo_t& file) -> CZuError {
         std::string descriptor;
         SecurityText_t text;
         ZU_RETURN_IF_ERROR(volume.ReadSecurity(file.frn, descriptor));

@@ -45,7 +45,7 @@ Json_t StatJson(const std::string& path, const NtfsFileInfo_t& file) {
 }
 
 int RunStat(const FileArguments_t& arguments) {
-    return RunOnFile(arguments, [&](CNtfsVolume& /*volume*/, const NtfsFileInfo_t& file) {
+    return RunOnFile(arguments, [&](INtfsFiles& /*volume*/, const NtfsFileInfo_t& file) {
         if (arguments.output.json)
             PrintJson(StatJson(arguments.Rest(0), file));
         else
@@ -62,6 +62,7 @@ void AddStatCommand(CLI::App& program, int& exitCode) {
     AddFileArguments(*command, *arguments, StatWords);
     command->add_flag("--json", arguments->output.json, "Print one JSON object");
     command->footer("Examples:\n"
+                    "  diskstream stat monday.dset /Users/me/letter.txt\n"
                     "  diskstream stat disk.vmdk --volume Volume1 /Users/me/letter.txt\n"
                     "  diskstream stat --json disk.vmdk --volume Volume1 /");
     command->callback([arguments, &exitCode] {

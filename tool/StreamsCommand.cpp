@@ -32,7 +32,7 @@ Json_t StreamsJson(const std::string& path, const NtfsFileInfo_t& file) {
 }
 
 int RunStreams(const FileArguments_t& arguments) {
-    return RunOnFile(arguments, [&](CNtfsVolume& /*volume*/, const NtfsFileInfo_t& file) {
+    return RunOnFile(arguments, [&](INtfsFiles& /*volume*/, const NtfsFileInfo_t& file) {
         if (arguments.output.json) {
             PrintJson(StreamsJson(arguments.Rest(0), file));
             return CZuError();

@@ -4,7 +4,6 @@
 
 #include "agent/ErrorText.h"
 #include "agent/detail/NtfsNames.h"
-#include "agent/detail/NtfsRecordFacts.h"
 #include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
 #include "ntfs/detail/NtfsFormat.h"
@@ -31,18 +30,16 @@ bool HasHole(const CNtfsStream& stream) {
 
 }  // namespace
 
-CZuError ReadNtfsSecurity(CNtfsMappedVolume& volume, uint64_t frn, CAutoMemory<char>& record, std::string& descriptor) {
+CZuError ReadNtfsSecurity(INtfsRecords& volume, uint64_t frn, CAutoMemory<char>& record, std::string& descriptor) {
     const std::string where = CZuString::Format("{1}: security of file record {2}", volume.Name(), frn).c_str();
     descriptor.clear();
     if (CDRFileRecord::FindFirstAttr(record.GetPtr(), AttrSecurityDescriptor) != nullptr) {
         CNtfsStream own;
-        ZU_RETURN_IF_ERROR(own.Open(volume, record, AttrSecurityDescriptor, u"", where));
+        ZU_RETURN_IF_ERROR(volume.OpenStream(frn, record, AttrSecurityDescriptor, u"", where, own));
         return ReadSmallValue(own, where, descriptor);
     }
-    NtfsFileInfo_t info;
-    DescribeNtfsRecord(record, info);
     CAutoMemory<char> shared;
-    ZU_RETURN_IF_ERROR(volume.ReadDescriptor(info.securityId, shared));
+    ZU_RETURN_IF_ERROR(volume.ReadSharedDescriptor(frn, record, shared));
     if (shared.GetSize() == 0 && !volume.SecurityProblem().empty())
         return Refusal(where + ": can't be read: " + volume.SecurityProblem());
     if (shared.GetSize() != 0)
@@ -80,7 +77,7 @@ CZuError CNtfsBackupStream::WriteSecurity() {
 
 CZuError CNtfsBackupStream::WriteAttribute(const NtfsAttribute_t& attribute) {
     CNtfsStream stream;
-    ZU_RETURN_IF_ERROR(stream.Open(m_Volume, m_Record, attribute.type, attribute.name, m_Where));
+    ZU_RETURN_IF_ERROR(m_Volume.OpenStream(m_Frn, m_Record, attribute.type, attribute.name, m_Where, stream));
     if (attribute.type == AttrObjectId)
         return WriteObjectId(stream);
     BackupStreamHead_t head{};
@@ -119,7 +116,7 @@ CZuError CNtfsBackupStream::ReadVolumeObjectId(std::string& id) {
     CAutoMemory<char> record;
     CNtfsStream stream;
     if (m_Volume.ReadRecord(VolumeFrn, record).IsErrorSet() ||
-        stream.Open(m_Volume, record, AttrObjectId, u"", m_Where).IsErrorSet())
+        m_Volume.OpenStream(VolumeFrn, record, AttrObjectId, u"", m_Where, stream).IsErrorSet())
         return CZuError();
     return stream.Read(0, id.data(), static_cast<uint32_t>(std::min<uint64_t>(stream.Bytes(), ObjectIdBytes)));
 }

@@ -4,20 +4,20 @@
 #include <string>
 
 #include "agent/ReadRange.h"
-#include "agent/detail/NtfsMappedVolume.h"
+#include "agent/detail/NtfsRecords.h"
 #include "agent/detail/NtfsStream.h"
 #include "foundation/AutoMemory.h"
 #include "foundation/ZuError.h"
 #include "ntfs/detail/BackupStreamFormat.h"
 
 // The file's own descriptor, or the one that the volume keeps for its security id; empty for none.
-CZuError ReadNtfsSecurity(CNtfsMappedVolume& volume, uint64_t frn, CAutoMemory<char>& record, std::string& descriptor);
+CZuError ReadNtfsSecurity(INtfsRecords& volume, uint64_t frn, CAutoMemory<char>& record, std::string& descriptor);
 
 // Writes a file's backup stream, in the order and form of the core's, with every stream whole: segments joined,
 // compressed data decoded. A descriptor that the volume doesn't have is left out.
 class CNtfsBackupStream {
 public:
-    CNtfsBackupStream(CNtfsMappedVolume& volume, const TakeBytes_t& take) : m_Volume(volume), m_Take(take) {}
+    CNtfsBackupStream(INtfsRecords& volume, const TakeBytes_t& take) : m_Volume(volume), m_Take(take) {}
 
     CZuError Write(uint64_t frn);
 
@@ -32,7 +32,7 @@ private:
     void Put(const void* bytes, size_t size);
     CZuError ReadVolumeObjectId(std::string& id);
 
-    CNtfsMappedVolume& m_Volume;
+    INtfsRecords& m_Volume;
     const TakeBytes_t& m_Take;
     uint64_t m_Frn = 0;
     std::string m_Where;

@@ -6,6 +6,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "agent/detail/NtfsMappedVolume.h"
 #include "agent/detail/NtfsStream.h"
 #include "foundation/ZuError.h"
 #include "foundation/detail/ByteView.h"

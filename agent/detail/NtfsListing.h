@@ -5,7 +5,7 @@
 #include <unordered_set>
 #include <vector>
 
-#include "agent/NtfsVolume.h"
+#include "agent/INtfsFiles.h"
 #include "agent/detail/NtfsIndex.h"
 #include "agent/detail/NtfsMappedVolume.h"
 

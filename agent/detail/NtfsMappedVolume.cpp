@@ -1,12 +1,18 @@
 #include "agent/detail/NtfsMappedVolume.h"
 
+#include <cerrno>
+#include <cstdio>
 #include <limits>
 
 #include "VirtualServer/VMInfo/NtfsBootSector.h"
 #include "VirtualServer/VMInfo/detail/NtfsVolumeFacts.h"
 #include "agent/ErrorText.h"
+#include "agent/detail/NtfsRecordFacts.h"
+#include "agent/detail/NtfsStream.h"
 #include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
+#include "ntfs/detail/MetadataFormat.h"
+#include "platform/StandardFile.h"
 
 namespace {
 
@@ -41,10 +47,14 @@ uint64_t CNtfsMappedVolume::Bytes() const {
 }
 
 CZuError CNtfsMappedVolume::ReadRecord(uint64_t frn, CAutoMemory<char>& record) {
-    READFILECONTEXT context;
-    const int result = OpenFile(frn, &record, 1, &context);
+    const int result = TryRecord(frn, record);
     return result == NtfsOk ? CZuError()
                             : ErrorOf(CZuString::Format("{1}: file record {2}", Name(), frn).c_str(), result);
+}
+
+int CNtfsMappedVolume::TryRecord(uint64_t frn, CAutoMemory<char>& record) {
+    READFILECONTEXT context;
+    return OpenFile(frn, &record, 1, &context);
 }
 
 CZuError CNtfsMappedVolume::ReadBytes(uint64_t offset, char* buffer, uint32_t size) {
@@ -58,11 +68,19 @@ CZuError CNtfsMappedVolume::ReadClusters(uint64_t lcn, uint64_t skip, char* buff
     return ReadBytes(offset, buffer, size);
 }
 
-CZuError CNtfsMappedVolume::ReadDescriptor(uint32_t securityId, CAutoMemory<char>& descriptor) {
-    const int result = GetSecurityInformation(securityId, &descriptor);
+CZuError CNtfsMappedVolume::OpenStream(uint64_t /*frn*/, CAutoMemory<char>& record, uint32_t type,
+                                       const std::u16string& name, const std::string& where, CNtfsStream& stream) {
+    return stream.Open(*this, record, type, name, where);
+}
+
+CZuError CNtfsMappedVolume::ReadSharedDescriptor(uint64_t /*frn*/, CAutoMemory<char>& record,
+                                                 CAutoMemory<char>& descriptor) {
+    NtfsFileInfo_t info;
+    DescribeNtfsRecord(record, info);
+    const int result = GetSecurityInformation(info.securityId, &descriptor);
     if (result == NtfsOk || result == NtfsIndexFound || result == NtfsIndexNotFound)
         return CZuError();
-    return ErrorOf(CZuString::Format("{1}: security descriptor {2}", Name(), securityId).c_str(), result);
+    return ErrorOf(CZuString::Format("{1}: security descriptor {2}", Name(), info.securityId).c_str(), result);
 }
 
 int CNtfsMappedVolume::ReadVolumeInformation(NTFS_VOLUME_DATA_BUFFER* info) {
@@ -93,6 +111,20 @@ int CNtfsMappedVolume::ReadDisk(uint64_t offset, char* buffer, uint32_t size) {
 
 uint32_t CNtfsMappedVolume::SmallestCluster() const {
     return SmallestNtfsCluster;
+}
+
+CZuError CNtfsMappedVolume::WriteSecurityFile(const std::string& path) {
+    std::FILE* file = nullptr;
+    int result = OpenStandardFile(path.c_str(), "wb", file);
+    if (result != 0)
+        return ErrorAt(path, SystemFailure(result));
+    const bool hasBegun =
+        std::fwrite(MetadataSignature, 1, sizeof(MetadataSignature), file) == sizeof(MetadataSignature);
+    result = hasBegun ? DumpSecuirtyInformation(file) : EIO;
+    const bool isClosed = std::fclose(file) == 0;
+    if (result == NtfsOk && !isClosed)
+        result = EIO;
+    return result == NtfsOk ? CZuError() : ErrorOf(Name(), result);
 }
 
 CZuError CNtfsMappedVolume::ErrorOf(const std::string& where, int result) const {

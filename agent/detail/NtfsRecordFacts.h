@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "agent/NtfsVolume.h"
+#include "agent/INtfsFiles.h"
 #include "foundation/AutoMemory.h"
 #include "ntfs/detail/NtfsFormat.h"
 

@@ -17,6 +17,7 @@ namespace {
 constexpr uint64_t NoUnit = std::numeric_limits<uint64_t>::max();
 constexpr uint32_t LargestUnitBytes = 1U << 20U;  // NTFS itself makes none above 64 KiB
 constexpr uint16_t MethodLznt1 = 1;
+constexpr char NoSuchStream[] = ": has no such stream";
 
 std::u16string NameOf(const ATTR_RECORD_HEADER_t* attribute) {
     return NtfsNameAt(reinterpret_cast<const char*>(attribute) + attribute->NameOffset, attribute->NameLength);
@@ -66,18 +67,13 @@ std::vector<NtfsAttribute_t> ListNtfsAttributes(CAutoMemory<char>& record) {
     return attributes;
 }
 
-CZuError CNtfsStream::Open(CNtfsMappedVolume& volume, CAutoMemory<char>& record, uint32_t type,
-                           const std::u16string& name, const std::string& where) {
+CZuError CNtfsStream::Open(IClusterSource& volume, CAutoMemory<char>& record, uint32_t type, const std::u16string& name,
+                           const std::string& where) {
+    Begin(where);
     m_Volume = &volume;
-    m_Where = where;
-    m_Value.clear();
-    m_Runs.clear();
-    m_LastRun = 0;
-    m_UnitNumber = NoUnit;
-    m_UnitBytes = 0;
     std::vector<ATTR_RECORD_HEADER_t*> segments = FindSegments(record, type, name);
     if (segments.empty())
-        return Refusal(where + ": has no such stream");
+        return Refusal(where + NoSuchStream);
     m_Attribute = Describe(segments.front());
     if (!m_Attribute.isResident)
         return AddSegments(segments);
@@ -86,22 +82,69 @@ CZuError CNtfsStream::Open(CNtfsMappedVolume& volume, CAutoMemory<char>& record,
     return CZuError();
 }
 
-CZuError CNtfsStream::AddSegments(std::vector<ATTR_RECORD_HEADER_t*>& segments) {
-    const NtfsNonResidentForm_t form = NonResidentFormOf(segments.front());
+CZuError CNtfsStream::OpenValue(CAutoMemory<char>& record, uint32_t type, const std::u16string& name, std::string value,
+                                const std::string& where) {
+    Begin(where);
+    const std::vector<ATTR_RECORD_HEADER_t*> segments = FindSegments(record, type, name);
+    if (segments.empty() || segments.front()->IsNonResident != 0)
+        return Refusal(where + NoSuchStream);
+    m_Attribute = Describe(segments.front());
+    m_Attribute.bytes = value.size();
+    m_Value = std::move(value);
+    return CZuError();
+}
+
+CZuError CNtfsStream::OpenExtents(IClusterSource& volume, CAutoMemory<char>& record, uint32_t type,
+                                  const std::u16string& name, const DATARUN_EXTENTS& extents,
+                                  const std::string& where) {
+    Begin(where);
+    m_Volume = &volume;
+    const std::vector<ATTR_RECORD_HEADER_t*> segments = FindSegments(record, type, name);
+    if (segments.empty() || segments.front()->IsNonResident == 0)
+        return Refusal(where + NoSuchStream);
+    m_Attribute = Describe(segments.front());
+    ZU_RETURN_IF_ERROR(BeginRuns(segments.front()));
+    AddExtents(extents, 0);
+    if (NextVcn() < DivideRoundingUp(m_Attribute.bytes, volume.ClusterBytes()))
+        return Unplaced(NextVcn() * volume.ClusterBytes());
+    return PrepareUnits(segments.front());
+}
+
+void CNtfsStream::Begin(const std::string& where) {
+    m_Where = where;
+    m_Value.clear();
+    m_Runs.clear();
+    m_LastRun = 0;
+    m_UnitNumber = NoUnit;
+    m_UnitBytes = 0;
+}
+
+CZuError CNtfsStream::BeginRuns(const ATTR_RECORD_HEADER_t* first) {
+    const NtfsNonResidentForm_t form = NonResidentFormOf(first);
     if (form.dataBytes > uint64_t{std::numeric_limits<int64_t>::max()})
         return Refusal(m_Where + ": claims more bytes than a file can have");
     m_InitializedBytes = std::min<uint64_t>(form.initializedBytes, form.dataBytes);
+    return CZuError();
+}
+
+CZuError CNtfsStream::AddSegments(std::vector<ATTR_RECORD_HEADER_t*>& segments) {
+    ZU_RETURN_IF_ERROR(BeginRuns(segments.front()));
     for (ATTR_RECORD_HEADER_t* const segment : segments) {
-        const uint64_t expectedVcn = m_Runs.empty() ? 0 : m_Runs.back().vcn + m_Runs.back().clusters;
+        const uint64_t expectedVcn = NextVcn();
         if (segment->IsNonResident == 0 || NonResidentFormOf(segment).lowestVcn != expectedVcn)
             return Refusal(
                 CZuString::Format("{1}: its records don't say where cluster {2} of it lies", m_Where, expectedVcn));
         ZU_RETURN_IF_ERROR(AddRuns(segment, expectedVcn));
     }
+    return PrepareUnits(segments.front());
+}
+
+CZuError CNtfsStream::PrepareUnits(const ATTR_RECORD_HEADER_t* first) {
     if (!m_Attribute.isCompressed || m_Attribute.isEncrypted)
         return CZuError();
+    const NtfsNonResidentForm_t form = NonResidentFormOf(first);
     const uint64_t unitBytes = uint64_t{m_Volume->ClusterBytes()} << (form.compressionUnit & 31U);
-    const uint16_t method = segments.front()->Flags & AttrCompressed;
+    const uint16_t method = first->Flags & AttrCompressed;
     if (method != MethodLznt1 || form.compressionUnit == 0 || unitBytes > LargestUnitBytes)
         return Refusal(m_Where + ": is compressed in a way that isn't known");
     m_UnitBytes = static_cast<uint32_t>(unitBytes);
@@ -113,16 +156,19 @@ CZuError CNtfsStream::AddRuns(ATTR_RECORD_HEADER_t* segment, uint64_t lowestVcn)
     const int result = DecodeRuns(segment, block, lowestVcn);
     if (result != NtfsOk)
         return Refusal(m_Where + ": its list of clusters is damaged");
-    const DATARUN_EXTENTS* const extents = ExtentsOf(block);
+    AddExtents(*ExtentsOf(block), lowestVcn);
+    return CZuError();
+}
+
+void CNtfsStream::AddExtents(const DATARUN_EXTENTS& extents, uint64_t lowestVcn) {
     uint64_t vcn = lowestVcn;
-    for (uint32_t index = 0; index < extents->Count; ++index) {
-        const DATARUN_EXTENT_t& run = extents->Runs()[index];
+    for (uint32_t index = 0; index < extents.Count; ++index) {
+        const DATARUN_EXTENT_t& run = extents.Runs()[index];
         const bool isHole = run.StartLcn == HoleLcn && run.EndLcn == HoleLcn;
         if (run.RunLength != 0)
             m_Runs.push_back({vcn, run.RunLength, isHole ? HoleLcn : uint64_t{run.StartLcn}});
         vcn = run.NextVcn;
     }
-    return CZuError();
 }
 
 CZuError CNtfsStream::Read(uint64_t offset, char* buffer, uint32_t size) {

@@ -4,9 +4,10 @@
 #include <string>
 #include <vector>
 
-#include "agent/detail/NtfsMappedVolume.h"
+#include "agent/detail/ClusterSource.h"
 #include "foundation/AutoMemory.h"
 #include "foundation/ZuError.h"
+#include "ntfs/DRFileRecord.h"
 
 // What a file record tells of one of its attributes.
 struct NtfsAttribute_t {
@@ -35,8 +36,15 @@ struct NtfsExtent_t {
 class CNtfsStream {
 public:
     // Errors say `where` they are. `volume` stays the caller's and outlives this; the record needn't.
-    CZuError Open(CNtfsMappedVolume& volume, CAutoMemory<char>& record, uint32_t type, const std::u16string& name,
+    CZuError Open(IClusterSource& volume, CAutoMemory<char>& record, uint32_t type, const std::u16string& name,
                   const std::string& where);
+
+    // The same for an attribute whose bytes, or whose extents of all segments, others have told. Extents that end in front
+    // of its data, and an attribute that the record hasn't, are refused.
+    CZuError OpenValue(CAutoMemory<char>& record, uint32_t type, const std::u16string& name, std::string value,
+                       const std::string& where);
+    CZuError OpenExtents(IClusterSource& volume, CAutoMemory<char>& record, uint32_t type, const std::u16string& name,
+                         const DATARUN_EXTENTS& extents, const std::string& where);
 
     const NtfsAttribute_t& Attribute() const { return m_Attribute; }
     uint64_t Bytes() const { return m_Attribute.bytes; }
@@ -48,8 +56,13 @@ public:
     const std::vector<NtfsExtent_t>& Runs() const { return m_Runs; }
 
 private:
+    void Begin(const std::string& where);
+    CZuError BeginRuns(const ATTR_RECORD_HEADER_t* first);
+    CZuError PrepareUnits(const ATTR_RECORD_HEADER_t* first);
     CZuError AddSegments(std::vector<ATTR_RECORD_HEADER_t*>& segments);
     CZuError AddRuns(ATTR_RECORD_HEADER_t* segment, uint64_t lowestVcn);
+    void AddExtents(const DATARUN_EXTENTS& extents, uint64_t lowestVcn);
+    uint64_t NextVcn() const { return m_Runs.empty() ? 0 : m_Runs.back().vcn + m_Runs.back().clusters; }
     CZuError ReadStored(uint64_t offset, char* buffer, uint32_t size);
     CZuError ReadCompressed(uint64_t offset, char* buffer, uint32_t size);
     CZuError LoadUnit(uint64_t unit);
@@ -58,7 +71,7 @@ private:
     CZuError Unplaced(uint64_t offset) const;
     size_t FindRun(uint64_t vcn);
 
-    CNtfsMappedVolume* m_Volume = nullptr;
+    IClusterSource* m_Volume = nullptr;
     std::string m_Where;
     NtfsAttribute_t m_Attribute;
     uint64_t m_InitializedBytes = 0;

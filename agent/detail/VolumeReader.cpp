@@ -1,10 +1,9 @@
+#include "agent/detail/VolumeReader.h"
+
 #include <cstring>
 
 #include "agent/VolumeMap.h"
-#include "agent/VolumeSet.h"
 #include "foundation/detail/ErrorHandling.h"
-
-// Reading of volumes: which disk has which byte, and what stands in for a disk that isn't there.
 
 namespace {
 
@@ -26,21 +25,20 @@ void XorInto(char* target, const char* other, uint32_t bytes) {
 
 }  // namespace
 
-CZuError CVolumeSet::Read(const VolumeInfo_t& volume, uint64_t offset, void* buffer, uint32_t length) {
-    char* const target = static_cast<char*>(buffer);
+CZuError CVolumeReader::Read(const VolumeInfo_t& volume, uint64_t offset, char* buffer, uint32_t length) {
     if (!volume.problem.empty())
         return Refusal(volume.name + ": " + volume.problem);
     for (uint32_t done = 0; done < length;) {
         uint32_t bytes = 0;
-        ZU_RETURN_IF_ERROR(ReadPiece(volume, offset + done, target + done, length - done, bytes));
+        ZU_RETURN_IF_ERROR(ReadPiece(volume, offset + done, buffer + done, length - done, bytes));
         done += bytes;
     }
     return CZuError();
 }
 
 // From the first copy that has the bytes. Where none has, the first one's error is the one to report.
-CZuError CVolumeSet::ReadPiece(const VolumeInfo_t& volume, uint64_t offset, char* target, uint32_t mostBytes,
-                               uint32_t& bytes) {
+CZuError CVolumeReader::ReadPiece(const VolumeInfo_t& volume, uint64_t offset, char* target, uint32_t mostBytes,
+                                  uint32_t& bytes) {
     CZuError error = ReadCopy(volume.name, volume.layout, offset, target, mostBytes, bytes);
     for (size_t index = 0; error.IsErrorSet() && index < volume.mirrors.size(); ++index) {
         if (!ReadCopy(volume.name, volume.mirrors[index], offset, target, mostBytes, bytes).IsErrorSet())
@@ -49,8 +47,8 @@ CZuError CVolumeSet::ReadPiece(const VolumeInfo_t& volume, uint64_t offset, char
     return error;
 }
 
-CZuError CVolumeSet::ReadCopy(const std::string& name, const LVM_Volume_t& layout, uint64_t offset, char* target,
-                              uint32_t mostBytes, uint32_t& bytes) {
+CZuError CVolumeReader::ReadCopy(const std::string& name, const LVM_Volume_t& layout, uint64_t offset, char* target,
+                                 uint32_t mostBytes, uint32_t& bytes) {
     VolumePiece_t piece;
     if (!FindVolumePiece(layout, offset, mostBytes, piece))
         return Refusal(CZuString::Format("{1}: has no byte {2}", name, offset));
@@ -61,16 +59,16 @@ CZuError CVolumeSet::ReadCopy(const std::string& name, const LVM_Volume_t& layou
     return CZuError();
 }
 
-CZuError CVolumeSet::ReadComponent(const std::string& name, const LVM_Component_t& component, uint64_t inComponent,
-                                   char* target, uint32_t bytes) {
-    if (component.HardDiskIndex >= m_Disks.size())
+CZuError CVolumeReader::ReadComponent(const std::string& name, const LVM_Component_t& component, uint64_t inComponent,
+                                      char* target, uint32_t bytes) {
+    if (component.HardDiskIndex >= m_Disks.DiskCount())
         return Refusal(name + ": one of its disks isn't there");
-    ZU_RETURN_IF_ERROR(m_Disks[component.HardDiskIndex]->Read(DiskOffsetOf(component, inComponent), target, bytes));
+    ZU_RETURN_IF_ERROR(m_Disks.ReadDisk(component.HardDiskIndex, DiskOffsetOf(component, inComponent), target, bytes));
     return CZuError();
 }
 
 // The bytes of one column of a RAID-5 volume are those of all others, parity included, exclusive-ored.
-CZuError CVolumeSet::RebuildPiece(const std::string& name, const VolumePiece_t& piece, char* target) {
+CZuError CVolumeReader::RebuildPiece(const std::string& name, const VolumePiece_t& piece, char* target) {
     const auto bytes = static_cast<uint32_t>(piece.bytes);
     if (m_Scratch.Alloc(bytes) == nullptr)
         return Refusal("Out of memory");
