@@ -78,33 +78,72 @@ NtfsFileName_t NameFieldsOf(const ATTR_RECORD_HEADER_t* attribute) {
 }
 
 // Half a pair of surrogates becomes the character that stands for what is none.
-std::string NameOf(const ATTR_RECORD_HEADER_t* attribute) {
+void ReadName(const ATTR_RECORD_HEADER_t* attribute, std::string& text) {
     const CByteView characters = ResidentValueOf(attribute).From(sizeof(NtfsFileName_t));
     const uint32_t length = NameFieldsOf(attribute).nameLength;
     const auto unitAt = [&](uint32_t index) -> uint32_t {
         Le16_t unit{};
         return index < length && characters.Get(uint64_t{index} * sizeof(unit), unit) ? uint16_t{unit} : uint16_t{0};
     };
-    std::string text;
-    for (uint32_t index = 0; index < length && unitAt(index) != 0; ++index) {
-        uint32_t unit = unitAt(index);
+    // Most names are nothing but ASCII.
+    uint32_t unit = 0;
+    uint32_t index = 0;
+    text.resize(length);
+    for (; (unit = unitAt(index)) != 0 && unit < 0x80; ++index)
+        text[index] = static_cast<char>(unit);
+    text.resize(index);
+    for (; (unit = unitAt(index)) != 0; ++index) {
         if (IsHighSurrogate(unit) && IsLowSurrogate(unitAt(index + 1)))
             unit = CharacterOfPair(unit, unitAt(++index));
         else if (IsHighSurrogate(unit) || IsLowSurrogate(unit))
             unit = ReplacementCharacter;
         AppendUtf8(unit, text);
     }
-    return text;
 }
 
-uint64_t UnnamedDataBytes(CAutoMemory<char>& record) {
-    uint64_t bytes = 0;
-    for (ATTR_RECORD_HEADER_t* data = CDRFileRecord::FindFirstAttr(record.GetPtr(), AttrData); data != nullptr;
-         data = CDRFileRecord::FindNextAttr(AttrData, data)) {
-        if (data->NameLength == 0)
-            bytes += CDRFileRecord::GetAttributeDataSize(data);
+// What one walk over a file's attributes finds.
+struct FileFacts_t {
+    ATTR_RECORD_HEADER_t* firstName = nullptr;
+    ATTR_RECORD_HEADER_t* longName = nullptr;  // this and the next two are the first of their kind
+    ATTR_RECORD_HEADER_t* shortName = nullptr;
+    ATTR_RECORD_HEADER_t* posixName = nullptr;
+    uint32_t posixNames = 0;  // those too that have no room for a kind, and so none
+    uint64_t dataBytes = 0;   // of all data without a name
+
+    ATTR_RECORD_HEADER_t* ChosenName() const {
+        if (longName != nullptr)
+            return longName;
+        return shortName != nullptr ? shortName : posixName;
     }
-    return bytes;
+};
+
+void TakeNameInto(FileFacts_t& facts, ATTR_RECORD_HEADER_t* name) {
+    const auto keepFirst = [name](ATTR_RECORD_HEADER_t*& first) { first = first != nullptr ? first : name; };
+    keepFirst(facts.firstName);
+    NtfsFileName_t fields{};
+    const bool isWhole = ResidentValueOf(name).Get(0, fields);
+    if (!isWhole || fields.nameKind == NameKindPosix)
+        ++facts.posixNames;
+    if (!isWhole)
+        return;
+    if (fields.nameKind == NameKindPosix)
+        keepFirst(facts.posixName);
+    if ((fields.nameKind & NameKindLong) != 0)
+        keepFirst(facts.longName);
+    if ((fields.nameKind & NameKindShort) != 0)
+        keepFirst(facts.shortName);
+}
+
+FileFacts_t FactsOf(CAutoMemory<char>& record) {
+    FileFacts_t facts;
+    for (ATTR_RECORD_HEADER_t* attribute = CDRFileRecord::GetFirstAttr(record.GetPtr()); attribute != nullptr;
+         attribute = CDRFileRecord::GetNextAttr(attribute)) {
+        if (attribute->Type == AttrFileName)
+            TakeNameInto(facts, attribute);
+        else if (attribute->Type == AttrData && attribute->NameLength == 0)
+            facts.dataBytes += CDRFileRecord::GetAttributeDataSize(attribute);
+    }
+    return facts;
 }
 
 }  // namespace
@@ -135,54 +174,54 @@ public:
 
 private:
     int TakeFile(uint64_t frn) {
-        ATTR_RECORD_HEADER_t* name = ChooseName();
+        const FileFacts_t facts = FactsOf(m_Record);
+        const ATTR_RECORD_HEADER_t* const name = facts.ChosenName();
         if (name == nullptr)
             return NtfsOk;
-        m_IsFirstName = true;
-        // Behind the chosen name only further POSIX names are looked at, from the first one on unless it is one itself.
-        bool isAmongLinks = NameFieldsOf(name).nameKind == NameKindPosix;
-        while (name != nullptr) {
-            if (!isAmongLinks || NameFieldsOf(name).nameKind == NameKindPosix)
-                NTFS_RETURN_IF_FAILED(TakeName(frn, name));
-            name = isAmongLinks ? CDRFileRecord::FindNextAttr(AttrFileName, name)
-                                : CDRFileRecord::FindFirstAttr(m_Record.GetPtr(), AttrFileName);
-            isAmongLinks = true;
-        }
+        NTFS_RETURN_IF_FAILED(AddFile(frn, name, facts.dataBytes));
+        const bool isPosix = name == facts.posixName;
+        if (facts.posixNames > (isPosix ? 1U : 0U))
+            LogLinks(frn, isPosix ? CDRFileRecord::FindNextAttr(AttrFileName, facts.posixName) : facts.firstName);
         return IsQuitAsked() ? NtfsQuit : NtfsOk;
     }
 
-    ATTR_RECORD_HEADER_t* ChooseName() {
-        for (const uint32_t kind : {uint32_t{NameKindLong}, uint32_t{NameKindShort}, uint32_t{NameKindPosix}}) {
-            ATTR_RECORD_HEADER_t* const name = m_Volume.GetFileNameAttribute(&m_Record, kind);
-            if (name != nullptr)
-                return name;
-        }
-        return nullptr;
-    }
-
-    // Callers rely on one entry for each file: its other names go into the log.
-    int TakeName(uint64_t frn, const ATTR_RECORD_HEADER_t* attribute) {
-        const NtfsFileName_t fields = NameFieldsOf(attribute);
-        const bool isDirectory = (HeadOf(m_Record).flags & RecordIsDirectory) != 0;
-        const bool isRoot = frn == RootFrn;
-        const uint64_t parent = isRoot ? 0 : fields.parent & FrnMask;
-        m_Name = isRoot && m_RootName != nullptr ? m_RootName : NameOf(attribute);
+    // Callers rely on one entry for each file.
+    int AddFile(uint64_t frn, const ATTR_RECORD_HEADER_t* name, uint64_t dataBytes) {
         uint64_t creation = 0;
         uint64_t access = 0;
         uint64_t write = 0;
         unsigned int attributes = 0;
         NTFS_RETURN_IF_FAILED(m_Volume.GetFileTimeAndAttribs(&m_Record, &creation, &access, &write, &attributes));
-        if (!m_IsFirstName) {
-            LgDebug().DebugLvl("CDRVolume::DumpMetadataInformation", 2,
-                               "Skipping links FRN 0x%" PRIx64 ", PFRN 0x%" PRIx64 ", Name [%s], Type [%s]", frn,
-                               parent, m_Name.c_str(), isDirectory ? "Dir" : "File");
-            return NtfsOk;
-        }
-        m_IsFirstName = false;
-        const int added = m_Tree.Add(parent, frn, UnnamedDataBytes(m_Record), UnixTime(write), isDirectory ? 1 : 0,
+        ReadNameOf(frn, name);
+        const int added = m_Tree.Add(ParentOf(frn, name), frn, dataBytes, UnixTime(write), IsDirectory() ? 1 : 0,
                                      m_Name.data(), attributes, UnixTime(access), UnixTime(creation));
         return added == 0 ? NtfsOk : NtfsTreeInsertFailed;
     }
+
+    // The file's other names, from `name` on. Callers rely on seeing those of the POSIX kind alone.
+    void LogLinks(uint64_t frn, ATTR_RECORD_HEADER_t* name) {
+        for (; name != nullptr; name = CDRFileRecord::FindNextAttr(AttrFileName, name)) {
+            if (NameFieldsOf(name).nameKind != NameKindPosix)
+                continue;
+            ReadNameOf(frn, name);
+            LgDebug().DebugLvl("CDRVolume::DumpMetadataInformation", 2,
+                               "Skipping links FRN 0x%" PRIx64 ", PFRN 0x%" PRIx64 ", Name [%s], Type [%s]", frn,
+                               ParentOf(frn, name), m_Name.c_str(), IsDirectory() ? "Dir" : "File");
+        }
+    }
+
+    void ReadNameOf(uint64_t frn, const ATTR_RECORD_HEADER_t* name) {
+        if (frn == RootFrn && m_RootName != nullptr)
+            m_Name = m_RootName;
+        else
+            ReadName(name, m_Name);
+    }
+
+    static uint64_t ParentOf(uint64_t frn, const ATTR_RECORD_HEADER_t* name) {
+        return frn == RootFrn ? 0 : NameFieldsOf(name).parent & FrnMask;
+    }
+
+    bool IsDirectory() { return (HeadOf(m_Record).flags & RecordIsDirectory) != 0; }
 
     static bool IsQuitAsked() {
         char isAsked = 0;
@@ -198,7 +237,6 @@ private:
     CAutoMemory<char> m_Record;
     READFILECONTEXT m_Context;
     std::string m_Name;  // kept for its room
-    bool m_IsFirstName = true;
 };
 
 int CDRVolume::DumpMetadataInformation(char* rootName, char* volumeInfoPath, char* treeTablePath, char* associatePath,

@@ -140,16 +140,18 @@ int CDRVolume::FindRecord(uint64_t frn, uint64_t& offset, uint64_t& bytesTogethe
 }
 
 int CDRVolume::ReadMFTRecord(uint64_t frn, char* buffer) {
-    uint64_t offset = 0;
-    uint64_t bytesTogether = 0;
-    NTFS_RETURN_IF_FAILED(FindRecord(frn, offset, bytesTogether));
-    const bool isScan = frn > m_LastFrn && frn - m_LastFrn <= FarthestStep;
+    const bool isInWindow = m_RecordWindow.GetSize() != 0 && frn >= m_WindowFrn &&
+                            frn - m_WindowFrn < m_RecordWindow.GetSize() / RecordBytes();
+    if (!isInWindow) {
+        uint64_t offset = 0;
+        uint64_t bytesTogether = 0;
+        NTFS_RETURN_IF_FAILED(FindRecord(frn, offset, bytesTogether));
+        const bool isScan = frn > m_LastFrn && frn - m_LastFrn <= FarthestStep;
+        m_LastFrn = frn;
+        if (!isScan || ReadRecordWindow(frn, offset, bytesTogether) != NtfsOk)
+            return ReadDisk(offset, buffer, RecordBytes());
+    }
     m_LastFrn = frn;
-    const auto inWindow = [&] {
-        return frn >= m_WindowFrn && frn - m_WindowFrn < m_RecordWindow.GetSize() / RecordBytes();
-    };
-    if (!inWindow() && (!isScan || ReadRecordWindow(frn, offset, bytesTogether) != NtfsOk))
-        return ReadDisk(offset, buffer, RecordBytes());
     std::memcpy(buffer, m_RecordWindow.GetPtr() + (frn - m_WindowFrn) * RecordBytes(), RecordBytes());
     return NtfsOk;
 }
