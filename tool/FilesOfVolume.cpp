@@ -117,9 +117,8 @@ std::string LineOf(const NtfsEntry_t& entry, bool isLong) {
 }  // namespace
 
 void AddFileArguments(CLI::App& command, FileArguments_t& arguments, const FileWords_t& words) {
-    CLI::Option* const all = command.add_option("DISK", arguments.words,
-                                                "A backup set with a catalogue; or disk images, raw files or devices, "
-                                                "in front of --volume");
+    CLI::Option* const all = command.add_option(
+        "DISK", arguments.words, "A backup set with a catalogue, or disks, which stand in front of --volume");
     all->type_name("")->required();
     command
         .add_option_function<std::string>(
@@ -129,9 +128,7 @@ void AddFileArguments(CLI::App& command, FileArguments_t& arguments, const FileW
                 if (arguments.disks == 0)
                     arguments.disks = all->count();
             },
-            "Name of the volume, as `diskstream volumes` has it; behind it " + words.names +
-                ". A set of one volume does "
-                "without")
+            "Name of the volume, behind it " + words.names + "; a set of one volume needs none")
         ->type_name("NAME")
         ->trigger_on_parse();
     AddImageArguments(command, arguments.imageArguments);

@@ -99,7 +99,7 @@ protected:
     CommandOutcome_t RunOn(const std::string& command, const Words_t& rest) const { return Run(On(command, rest)); }
 };
 
-const Words_t FileCommands{"ls", "stat", "cat", "cp", "streams", "export-stream", "security"};
+const Words_t FileCommands{"ls", "stat", "find", "cat", "cp", "streams", "export-stream", "security"};
 
 // --- Arguments.
 
@@ -110,7 +110,8 @@ TEST_F(CommandFiles, AreToldOfInTheHelp) {
         EXPECT_THAT(help.output, HasSubstr("\n  " + command + " "));
         const CommandOutcome_t own = Run({command, "--help"});
         EXPECT_SUCCEEDS(own);
-        EXPECT_THAT(own.output, HasSubstr("Usage: diskstream " + command + " [OPTIONS] DISK... --volume NAME "));
+        EXPECT_THAT(own.output, HasSubstr("Usage: diskstream " + command + " [OPTIONS] SET [--volume NAME] "));
+        EXPECT_THAT(own.output, HasSubstr("\n       diskstream " + command + " [OPTIONS] DISK... --volume NAME "));
         EXPECT_THAT(own.output, HasSubstr("Examples:\n  diskstream " + command + " "));
     }
 }
