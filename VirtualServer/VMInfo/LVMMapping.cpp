@@ -20,6 +20,9 @@ constexpr char OutOfRange[] = "Offset out of range";
 constexpr char OutOfPartition[] = "Offset out of range of partition";
 constexpr char OutOfSparsePartition[] = "Offset out of range of sparse partition";
 constexpr uint64_t Unbounded = std::numeric_limits<uint64_t>::max();
+// A step may end early, at a block's border, and the next one looks at the bits behind it again. More than a table of
+// any disk has in one bucket.
+constexpr uint64_t MostGrainsAhead = 4096;
 
 CZuError FindInRaid5(const LVM_Volume_t& volume, uint64_t offset, uint64_t lba, VolumePlace_t& place) {
     if (lba > volume.Segments.back().LBAEnd)
@@ -101,7 +104,7 @@ CZuError AskBitmaps(const ExtentSparseInfo_t& extent, uint64_t inExtent, uint64_
     if (bucket > extent.BucketCount)  // callers rely on the one behind the last passing
         return Refusal(OutOfSparsePartition);
     const CByteView top = ViewOf(extent.TopBitmap);
-    const uint64_t mostGrains = mostBytes / grainBytes + 2;
+    const uint64_t mostGrains = std::min(mostBytes / grainBytes + 2, MostGrainsAhead);
     uint64_t grains = 0;
     if (HasBit(top, bucket)) {
         const CByteView bitmap =
@@ -109,7 +112,7 @@ CZuError AskBitmaps(const ExtentSparseInfo_t& extent, uint64_t inExtent, uint64_
         answer.isAllocated = HasBit(bitmap, bit);
         grains = CountEqualBits(bitmap, bit, std::min(extent.GrainsPerBucket - bit, mostGrains));
     } else {
-        const uint64_t mostBuckets = std::min(extent.BucketCount - bucket + 1, mostGrains / extent.GrainsPerBucket + 2);
+        const uint64_t mostBuckets = std::min(extent.BucketCount - bucket, mostGrains / extent.GrainsPerBucket + 1) + 1;
         grains = SaturatingProduct(CountEqualBits(top, bucket, mostBuckets), extent.GrainsPerBucket) - bit;
     }
     answer.bytes = std::min(answer.bytes, SaturatingProduct(grains, grainBytes) - inExtent % grainBytes);
