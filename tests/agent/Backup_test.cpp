@@ -93,7 +93,8 @@ TEST_F(BackupOfADisk, TheSetIsADatabaseOfTheDocumentedTables) {
         {"volume", "id name facts entry_count entries_digest"},
         {"part", "id name bytes digest"},
         {"piece", "id size digest encoding data"},
-        {"entry", "volume parent name frn bytes modified accessed created record_changed attributes reparse_tag links kind"},
+        {"entry",
+         "volume parent name frn bytes modified accessed created record_changed attributes reparse_tag links kind"},
     };
     for (const auto& row : rows) {
         const std::string columns =
