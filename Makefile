@@ -58,7 +58,7 @@ bench: ## Measure, and compare with programs that do the same
 
 fuzz: ## Run each fuzz target for FUZZ_SECONDS (60)
 	@$(PACKAGES) build fuzz
-	cmake --preset fuzz
+	cmake --preset fuzz $(CONFIGURE)
 	cmake --build --preset fuzz -j $(JOBS)
 	fuzz/run.sh build/fuzz $(FUZZ_SECONDS) $(JOBS)
 
@@ -81,7 +81,7 @@ lint: ## Check includes, wording and what clang-tidy sees; LINT=quick without it
 	@$(PACKAGES) build test lint
 	.ci/check-includes
 	.ci/check-words
-	cmake --preset dev -B build/lint -DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON -DDISKSTREAM_UNITE=ON
+	cmake --preset dev -B build/lint -DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON -DDISKSTREAM_UNITE=ON -DDISKSTREAM_UNITE_LIBRARIES=OFF
 	.ci/check-tidy build/lint $(JOBS) $(LINT)
 
 install: ## Install below PREFIX (/usr/local)

@@ -4,13 +4,12 @@
 #include <vector>
 
 #include "agent/VolumeSet.h"
+#include "agent/detail/Pieces.h"
 #include "foundation/AutoMemory.h"
 #include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
 
 namespace {
-
-constexpr uint32_t PieceBytes = 1U << 20U;
 
 // What is read, as a volume.
 CZuError ChooseVolume(const CVolumeSet& set, const ReadRange_t& range, VolumeInfo_t& chosen) {

@@ -12,6 +12,7 @@ endif()
 add_library(diskstream_objects OBJECT ${coreSources})
 diskstream_own_target(diskstream_objects)
 diskstream_precompile(diskstream_objects)
+diskstream_unite_library(diskstream_objects)
 # In ELF one set of objects serves both libraries; where there is only a static library, nothing is exported.
 if(DISKSTREAM_BUILD_SHARED)
   target_compile_definitions(diskstream_objects PRIVATE DISKSTREAM_SHARED_BUILD)

@@ -3,7 +3,7 @@
 #include "platform/SystemError.h"
 
 namespace {
-constexpr uint32_t SystemFailure = 1;
+constexpr uint32_t SystemErrorType = 1;
 
 std::string PlaceText(const char* function, const char* file, int line) {
     std::string text;
@@ -40,7 +40,7 @@ const char* CZuError::ConvertToString() const {
     m_WholeText = "error " + std::to_string(m_Type) + "/" + std::to_string(m_ModuleId) + "/" + std::to_string(m_Code);
     if (m_HasMessage)
         m_WholeText += ": " + m_Message;
-    else if (m_Type == SystemFailure)
+    else if (m_Type == SystemErrorType)
         m_WholeText += ": " + SystemErrorText(m_Code);
     m_WholeText += " at " + PlaceText(m_Origin.function, m_Origin.file, m_Origin.line);
     for (const Place_t& place : m_Stack)

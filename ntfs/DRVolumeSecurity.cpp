@@ -12,7 +12,6 @@
 
 namespace {
 
-constexpr uint64_t UnknownSize = std::numeric_limits<uint32_t>::max();  // of a node whose last entry ends the walk
 constexpr uint16_t ControlSelfRelative = 0x8000;
 
 // A security descriptor in one block: this head, and the parts behind it.
@@ -80,7 +79,7 @@ int WriteBytes(const void* bytes, size_t size, FILE* file) {
 }  // namespace
 
 int CDRVolume::SearchIndexBlock_SII(char* indexHeader, uint32_t securityId, INDEX_ENTRY_SII** entry) {
-    return SearchIds(indexHeader, UnknownSize, securityId, entry);
+    return SearchIds(indexHeader, UnknownNodeBytes, securityId, entry);
 }
 
 int CDRVolume::GetSecurityInformation(uint32_t securityId, CAutoMemory<char>* descriptor) {

@@ -13,11 +13,10 @@
 
 namespace {
 
-constexpr size_t PositionTextBytes = 16;
 
 bool TakePosition(CByteReader& record, uint64_t& position) {
-    char text[PositionTextBytes + 1] = {};
-    if (!record.Take(text, PositionTextBytes))
+    char text[VhdPositionTextBytes + 1] = {};
+    if (!record.Take(text, VhdPositionTextBytes))
         return false;
     position = std::strtoull(text, nullptr, 16);
     return true;

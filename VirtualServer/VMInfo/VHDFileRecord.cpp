@@ -15,14 +15,13 @@
 
 namespace {
 
-constexpr uint32_t PositionTextBytes = 16;
-constexpr uint32_t EndFooterBytes = PositionTextBytes + sizeof(VhdFileFooter_t);
+constexpr uint32_t EndFooterBytes = VhdPositionTextBytes + sizeof(VhdFileFooter_t);
 
 // Writes the end footer's position as text and its bytes, as they end every record.
 CZuError PutEndFooter(CZuFile& file, uint64_t fileBytes, char* at) {
     const uint64_t position = fileBytes - sizeof(VhdFileFooter_t);
-    PutHexText(at, PositionTextBytes, position);
-    return ReadFileAt(file, position, 0, at + PositionTextBytes, sizeof(VhdFileFooter_t), nullptr);
+    PutHexText(at, VhdPositionTextBytes, position);
+    return ReadFileAt(file, position, 0, at + VhdPositionTextBytes, sizeof(VhdFileFooter_t), nullptr);
 }
 
 }  // namespace

@@ -12,7 +12,7 @@
 namespace {
 
 constexpr Condition_t SectorOutOfRange{ErrorType::LayerCondition, 3001, 1, "Sector Out of Range"};
-constexpr Condition_t SectorNotFound{ErrorType::LayerCondition, 3001, 2, "Sector Not Found"};
+constexpr Condition_t VmdkSectorNotFound{ErrorType::LayerCondition, 3001, 2, "Sector Not Found"};
 
 CZuString IndexedName(const char* name, size_t index) {
     char text[17];
@@ -62,7 +62,7 @@ CZuError CVmdkFileReader::ReadSector(uint64_t sector, char* buffer, unsigned lon
         return AskExtents(m_FlatExtents, [&](auto& extent) { return extent.ReadExtentSector(sector, buffer, size); });
     return AskExtents(m_SparseExtents, [&](auto& extent) {
         CZuError error = extent.ReadExtentSector(sector, buffer, static_cast<uint32_t>(size));
-        return extent.IsErrorSectorNotFound(error) != 0 ? SectorNotFound.Error() : error;
+        return extent.IsErrorSectorNotFound(error) != 0 ? VmdkSectorNotFound.Error() : error;
     });
 }
 
@@ -106,7 +106,7 @@ int CVmdkFileReader::IsErrorEOF(const CZuError& error) const {
 }
 
 int CVmdkFileReader::IsErrorSectorNotFound(const CZuError& error) const {
-    return SectorNotFound.Holds(error) ? 1 : 0;
+    return VmdkSectorNotFound.Holds(error) ? 1 : 0;
 }
 
 CZuError CVmdkFileReader::OpenSparseDisk(const char* name) {

@@ -10,7 +10,7 @@
 #include "foundation/detail/ScopeGuard.h"
 
 namespace {
-constexpr Condition_t EndOfExtent{ErrorType::Condition, 2001, 1, nullptr};
+constexpr Condition_t EndOfFlatExtent{ErrorType::Condition, 2001, 1, nullptr};
 constexpr char NoOpenFile[] = "Don't have a valid opened extent file";
 }  // namespace
 
@@ -53,7 +53,7 @@ CZuError CVmdkFlatExtentReader::GetMetadataInfo(CAutoMemory<char>& metadata) {
 
 CZuError CVmdkFlatExtentReader::ReadExtentSector(uint64_t sector, char* buffer, unsigned long size) {
     if (sector < m_FirstSector || sector - m_FirstSector >= GetTotalSectors())
-        return EndOfExtent.Error();
+        return EndOfFlatExtent.Error();
     if (!m_File.IsValid())
         return Refusal(NoOpenFile);
     if (size > m_SectorSize)
@@ -65,7 +65,7 @@ CZuError CVmdkFlatExtentReader::ReadExtentSector(uint64_t sector, char* buffer, 
 
 CZuError CVmdkFlatExtentReader::FindRun(uint64_t sector, uint64_t mostSectors, SectorRun_t& run) {
     if (sector < m_FirstSector || sector - m_FirstSector >= GetTotalSectors())
-        return EndOfExtent.Error();
+        return EndOfFlatExtent.Error();
     if (!m_File.IsValid())
         return Refusal(NoOpenFile);
     run.sectors = std::min(std::max<uint64_t>(mostSectors, 1), m_LastSector - sector + 1);
@@ -111,7 +111,7 @@ CZuError CVmdkFlatExtentReader::DumpSparseInfo(CZuFile& out, const char* name, u
 }
 
 int CVmdkFlatExtentReader::IsErrorEOF(const CZuError& error) const {
-    return EndOfExtent.Holds(error) ? 1 : 0;
+    return EndOfFlatExtent.Holds(error) ? 1 : 0;
 }
 
 CZuError CVmdkFlatExtentReader::RefuseUnlessFree(const char* name, VwExtentType type) const {
@@ -141,7 +141,7 @@ CZuError CVmdkFlatExtentReader::FindGrain(uint64_t number, unsigned int sectors,
         return Refusal(NoOpenFile);
     uint64_t startSector = 0;
     if (!CheckedMul(number, sectors, startSector) || startSector > m_LastSector || GetTotalSectors() == 0)
-        return EndOfExtent.Error();
+        return EndOfFlatExtent.Error();
     offset = FileOffsetOfSector(startSector);
     return CZuError();
 }

@@ -6,13 +6,13 @@
 #include "agent/detail/Crc32.h"
 #include "agent/detail/PartitionReaders.h"
 #include "agent/detail/PartitionTypeNames.h"
+#include "agent/detail/Pieces.h"
 #include "agent/detail/Utf16Text.h"
 #include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
 
 namespace {
 
-constexpr uint32_t PieceBytes = 1U << 20U;
 constexpr uint64_t MostEntries = uint64_t{1} << 20U;  // thousands of times what tools write
 
 bool IsSound(const char (&sector)[SectorSize], GptHeader_t& header) {

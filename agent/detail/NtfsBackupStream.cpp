@@ -4,6 +4,7 @@
 
 #include "agent/ErrorText.h"
 #include "agent/detail/NtfsNames.h"
+#include "agent/detail/Pieces.h"
 #include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
 #include "ntfs/detail/NtfsFormat.h"
@@ -11,7 +12,6 @@
 
 namespace {
 
-constexpr uint32_t PieceBytes = 1U << 20U;
 constexpr uint64_t LargestDescriptor = 1U << 20U;  // its own lengths have 16 bits
 constexpr size_t ObjectIdBytes = 16;
 constexpr size_t ObjectIdStreamBytes = 64;

@@ -4,6 +4,7 @@
 
 #include "VirtualServer/VMInfo/UtilityFunctions.h"
 #include "agent/ErrorText.h"
+#include "agent/detail/Pieces.h"
 #include "foundation/AutoMemory.h"
 #include "foundation/ZuFile.h"
 #include "foundation/detail/ErrorHandling.h"
@@ -11,7 +12,6 @@
 namespace {
 
 constexpr int OwnerReadsAndWrites = 0600;
-constexpr uint32_t PieceBytes = 1U << 20U;
 
 }  // namespace
 

@@ -15,7 +15,7 @@ std::string SelectRows(const char* condition) {
     return std::string(SelectColumns) + condition;
 }
 
-constexpr uint64_t LargestNumber = INT64_MAX;
+constexpr uint64_t LargestEntryNumber = INT64_MAX;
 constexpr uint64_t LargestNumber32 = UINT32_MAX;
 
 bool ReadName(CSetStatement& row, int column, std::string& name) {
@@ -114,7 +114,7 @@ CZuError CSetEntryReader::ReadRow(CSetStatement& row, int64_t volume, SetEntry_t
     int column = 0;
     bool isSound = true;
     for (uint64_t* const number : numbers)
-        isSound = ReadUpTo(row, column++, LargestNumber, *number) && isSound;
+        isSound = ReadUpTo(row, column++, LargestEntryNumber, *number) && isSound;
     for (uint32_t* const number : numbers32)
         isSound = Read32(row, column++, *number) && isSound;
     if (!isSound || !ReadKind(row, column, entry) || !ReadName(row, column + 1, entry.name))

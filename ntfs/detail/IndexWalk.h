@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <limits>
 
 #include "foundation/detail/ByteView.h"
 #include "ntfs/NtfsResults.h"
@@ -15,6 +16,9 @@ struct NtfsIndexEntryHead_t {
     Le16_t reserved;   // 14
 };
 static_assert(sizeof(NtfsIndexEntryHead_t) == 16);
+
+// The size of a node whose owner vouches for its last entry.
+constexpr uint64_t UnknownNodeBytes = std::numeric_limits<uint32_t>::max();
 
 // Walks the entries of one index node, given from its index header on. Each step moves forward by an entry's head at
 // least.

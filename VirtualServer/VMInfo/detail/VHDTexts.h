@@ -14,6 +14,9 @@ constexpr Condition_t VhdSectorNotFound{ErrorType::Condition, 4001, 2, nullptr};
 constexpr char VhdNoDiskName[] = "Disk name is NULL";
 constexpr char VhdNoOpenDisk[] = "Object is in invalid state. Make sure OpenDisk succeeded";
 
+// In a metadata record: where the footer behind it lies, in hexadecimal.
+constexpr uint32_t VhdPositionTextBytes = 16;
+
 // The footer's type for the disk types that the class serves.
 inline CZuError FooterTypeOf(DiskType_t type, uint32_t& footerType) {
     switch (type) {
