@@ -10,8 +10,8 @@
 #include "tests/support/ErrorAssertions.h"
 #include "tests/support/SectorWalk.h"
 
-// The mapping takes steps as long as the answer is the same. On many small layouts of all kinds, sound and not, it has to
-// come to what a walk from sector to sector comes to.
+// The mapping takes steps as long as the answer is the same. On many small layouts of all kinds, sound and not, it has
+// to come to what a walk from sector to sector comes to.
 
 namespace {
 
