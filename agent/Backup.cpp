@@ -160,6 +160,7 @@ private:
         m_Result.catalogVolumes = result.volumes;
         m_Result.catalogFiles = result.files;
         m_Result.catalogProblems = std::move(result.problems);
+        m_Result.warnings.insert(m_Result.warnings.end(), result.warnings.begin(), result.warnings.end());
         return CZuError();
     }
 

@@ -15,7 +15,7 @@ build=$(realpath "${1:?usage: bench/compare-catalog.sh BUILD_DIR}")
 files=${DISKSTREAM_BENCH_FILES:-100000}
 runs=${DISKSTREAM_BENCH_RUNS:-3}
 tree_files=1000000
-real="LD_LIBRARY_PATH=$build/treestore $build/bench/metadata_bench"
+real="LD_LIBRARY_PATH=$build/tool $build/bench/metadata_bench"
 counting="LD_LIBRARY_PATH=$build/bench/counting $build/bench/metadata_bench"
 # shellcheck source=bench/support/ntfs-volume.sh
 . "$(dirname "$(realpath "$0")")/support/ntfs-volume.sh"

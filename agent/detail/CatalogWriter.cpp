@@ -131,6 +131,10 @@ private:
         m_HasTree = result == NtfsOk;
         if (!m_HasTree)
             scan.KeepAllNames();
+        if (result == NtfsTreeOpenFailed)
+            m_Result.warnings.push_back(
+                ntfs.Name() + ": the directory tree library can't be used, so that the names in the catalogue "
+                              "come from the file records alone");
         CZuError reading;
         ZU_RETURN_IF_ERROR(AddPart(parts.Directories(), reading, [&](char* buffer, uint32_t room, uint32_t& got) {
             return scan.Read(buffer, room, got);

@@ -18,6 +18,7 @@ struct CatalogResult_t {
     uint64_t volumes = 0;
     uint64_t files = 0;
     std::vector<std::string> problems;  // what isn't in the catalogue, and why
+    std::vector<std::string> warnings;
 };
 
 // Collects into a backup set what lets a machine without the disks list and restore the files of the NTFS volumes on them.
