@@ -93,4 +93,13 @@ if diskstream volumes disk.vmdk | grep -q ntfs; then
     run diskstream security disk.vmdk --volume Volume1 "$first"
     run diskstream cp disk.vmdk --volume Volume1 "$first" .
     run ls -l "$first"
+
+    say "With a catalogue in the set, the disk isn't needed for any of that."
+    run diskstream backup --catalog disk.vmdk tuesday.dset
+    mv disk.vmdk elsewhere
+    run diskstream find tuesday.dset --name '*' --kind file -l
+    rm -f -- "$first"
+    run diskstream cp tuesday.dset "$first" .
+    run ls -l "$first"
+    mv elsewhere disk.vmdk
 fi
