@@ -69,7 +69,12 @@ public:
         for (const VolumeInfo_t& volume : m_Disks.Volumes()) {
             if (volume.fileSystem == NtfsName)
                 ZU_RETURN_IF_ERROR(AddVolume(volume));
+            else if (!volume.problem.empty() && !volume.isInternal)
+                m_Result.warnings.push_back(volume.name + ": " + volume.problem +
+                                            "; should it be an NTFS volume, its files aren't in the catalogue");
         }
+        if (m_NextVolume == 0 && m_Result.problems.empty())
+            m_Result.warnings.emplace_back("The disks have no NTFS volume: the catalogue holds no files");
         return CZuError();
     }
 
@@ -91,6 +96,9 @@ private:
             m_Result.problems.push_back(volume.name + NoCatalog + DescribeError(error));
             return CZuError();
         }
+        if (!ntfs.SecurityProblem().empty())
+            m_Result.problems.push_back(
+                volume.name + ": its security descriptors aren't in the catalogue: " + ntfs.SecurityProblem());
         const CatalogParts_t parts(m_NextVolume);
         CZuError reading;
         ZU_RETURN_IF_ERROR(AddPart(parts.Mft(), reading, [&](char* buffer, uint32_t room, uint32_t& got) {
