@@ -75,6 +75,8 @@ public:
     // stream: the place in the stream order moves on before the end only. A stream that can't be loaded is passed over,
     // and its failure given.
     //
+    // A file that was opened gives what its record holds of a closed volume too.
+    //
     // Callers rely on a reparse point's going out under id 8 from here, on half of the name of a reparse point or an EA,
     // and on the attribute of instance 0 being left out.
     int BackupReadRA(CAutoMemory<char>* record, char* buffer, uint32_t size, uint32_t* read,

@@ -95,6 +95,8 @@ int CMAVolume::ReadSecurityStream(CAutoMemory<char>* record, CAutoMemory<char>* 
 
 // Looks through the file from its start each time: it has no index, and callers with many files pay for that.
 int CMAVolume::ReadSecurityFromFile(uint32_t id, CAutoMemory<char>* data) {
+    if (m_SecurityFile == nullptr)
+        return Fail(NtfsInvalidParameter, InvalidParameterText);  // the volume was closed under the file
     int64_t position = sizeof(MetadataSignature);
     for (;;) {
         const int result = SeekStandardFile(m_SecurityFile, position, SEEK_SET);
@@ -260,8 +262,7 @@ int CMAVolume::LoadNextStream(CAutoMemory<char>* record, MA_BACKUPREAD_CONTEXT& 
 
 int CMAVolume::BackupReadRA(CAutoMemory<char>* record, char* buffer, uint32_t size, uint32_t* read,
                             MA_BACKUPREAD_CONTEXT* ctx) {
-    if (record == nullptr || record->GetPtr() == nullptr || buffer == nullptr || read == nullptr || ctx == nullptr ||
-        m_SecurityFile == nullptr)
+    if (record == nullptr || record->GetPtr() == nullptr || buffer == nullptr || read == nullptr || ctx == nullptr)
         return Fail(NtfsInvalidParameter, InvalidParameterText);
     *read = 0;
     ClearLastErrorStr();
@@ -330,7 +331,7 @@ int CMAVolume::JoinSegments(CAutoMemory<char>* record, const ATTR_RECORD_HEADER_
     std::unordered_map<uint64_t, ATTR_RECORD_HEADER_t*> segments;
     for (ATTR_RECORD_HEADER_t* each = CDRFileRecord::FindFirstAttr(record->GetPtr(), first->Type); each != nullptr;
          each = CDRFileRecord::FindNextAttr(first->Type, each)) {
-        if (ContinuesAttribute(each, name))
+        if (each != first && ContinuesAttribute(each, name))
             segments.emplace(NonResidentFormOf(each).lowestVcn, each);
     }
     for (uint64_t nextVcn = NonResidentFormOf(first).highestVcn + 1;;) {
