@@ -1,7 +1,9 @@
 #include "ntfs/detail/VolumeSteps.h"
 
 #include <algorithm>
+#include <bit>
 
+#include "foundation/detail/CheckedMath.h"
 #include "ntfs/detail/WithinMemory.h"
 
 int AppendRuns(ATTR_RECORD_HEADER_t* attribute, CAutoMemory<char>& extents, uint64_t startVcn) {
@@ -64,8 +66,12 @@ int CopyFileName(const ATTR_RECORD_HEADER_t* attribute, CAutoMemory<char>& name)
 bool GrowBuffer(CAutoMemory<char>& buffer, uint64_t bytes) {
     if (bytes > NtfsCeilingBytes)
         return false;
-    const uint64_t roomy = std::min(NtfsCeilingBytes, buffer.GetSize() + uint64_t{buffer.GetSize()} / 2);
-    if (bytes > buffer.GetSize() && roomy > bytes && buffer.ReAlloc(static_cast<uint32_t>(roomy)) == nullptr)
-        return false;
+    if (bytes > buffer.GetSize() && buffer.GetSize() != 0) {
+        // The same room for all sizes of a step, so that within it nothing is copied.
+        const uint64_t step = std::max<uint64_t>(std::bit_floor(bytes) / 2, 1);
+        const uint64_t roomy = std::min(NtfsCeilingBytes, DivideRoundingUp(bytes, step) * step);
+        if (buffer.ReAlloc(static_cast<uint32_t>(roomy)) == nullptr)
+            return false;
+    }
     return bytes == 0 || buffer.ReAlloc(static_cast<uint32_t>(bytes)) != nullptr;
 }

@@ -54,5 +54,6 @@ ATTR_RECORD_HEADER_t* FindFileName(char* record, uint32_t kind);
 // 16-bit characters without an end. NtfsIndexNotFound for no attribute at all.
 int CopyFileName(const ATTR_RECORD_HEADER_t* attribute, CAutoMemory<char>& name);
 
-// Grows `buffer`, with its contents, at least by half, so that many small steps copy little. False: out of memory.
+// Grows `buffer`, with its contents, and makes room ahead, so that many small steps copy little. False: out of memory,
+// and the buffer may be empty.
 [[nodiscard]] bool GrowBuffer(CAutoMemory<char>& buffer, uint64_t bytes);
