@@ -161,8 +161,10 @@ private:
     uint32_t RecordBytes() const { return m_VolumeData.BytesPerFileRecordSegment; }
     int FindRecord(uint64_t frn, uint64_t& offset, uint64_t& bytesTogether) const;
     int ReadRecordWindow(uint64_t frn, uint64_t offset, uint64_t bytesTogether);
+    int ReadMendedRecord(uint64_t frn, CAutoMemory<char>& record);
     int ReadSoundRecord(uint64_t frn, CAutoMemory<char>& record);
     int MendRecord(char* record) const;
+    int CheckRecord(const char* record) const;
     int MergeExtensions(uint64_t frn, ATTR_RECORD_HEADER_t* list, CAutoMemory<char>& record);
     int MergeRecord(uint64_t frn, CAutoMemory<char>& scratch, CAutoMemory<char>& record, uint64_t& markerOffset);
 

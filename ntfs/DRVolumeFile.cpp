@@ -35,10 +35,11 @@ int CDRVolume::OpenFile(uint64_t frn, CAutoMemory<char>* record, int withSecurit
     if (withSecurity == 0)
         ctx->attrIndex = NoSecurityStream;
     return NtfsWithinMemory([&]() -> int {
-        NTFS_RETURN_IF_FAILED(ReadSoundRecord(frn, *record));
+        NTFS_RETURN_IF_FAILED(ReadMendedRecord(frn, *record));
         const NtfsFileRecord_t head = HeadOf(record->GetPtr());
         if ((head.flags & RecordInUse) == 0)
             return NtfsNotInUse;
+        NTFS_RETURN_IF_FAILED(CheckRecord(record->GetPtr()));
         if (head.baseReference != 0)
             return NtfsNotBaseRecord;
         ATTR_RECORD_HEADER_t* const list = CDRFileRecord::FindFirstAttr(record->GetPtr(), AttrAttributeList);

@@ -66,7 +66,8 @@ int CDRVolume::ReadFirstMftRecord(CAutoMemory<char>& record) {
         NTFS_RETURN_IF_FAILED(ReadDisk(start + done, record.GetPtr() + done, static_cast<uint32_t>(piece)));
         done += piece;
     }
-    return MendRecord(record.GetPtr());
+    NTFS_RETURN_IF_FAILED(MendRecord(record.GetPtr()));
+    return CheckRecord(record.GetPtr());
 }
 
 int CDRVolume::AddMftSegments(ATTR_RECORD_HEADER_t* list, uint64_t expectedVcn) {
@@ -97,6 +98,12 @@ int CDRVolume::AddMftSegment(uint64_t frn, CAutoMemory<char>& record, uint64_t& 
 
 // Reads and mends the record of that number; what it holds can be walked then.
 int CDRVolume::ReadSoundRecord(uint64_t frn, CAutoMemory<char>& record) {
+    NTFS_RETURN_IF_FAILED(ReadMendedRecord(frn, record));
+    return CheckRecord(record.GetPtr());
+}
+
+// The same for one whose attributes may be anything, as those of a record may that no file uses.
+int CDRVolume::ReadMendedRecord(uint64_t frn, CAutoMemory<char>& record) {
     const uint32_t bytes = RecordBufferBytes(RecordBytes());
     if (bytes > NtfsCeilingBytes || record.Alloc(bytes) == nullptr)
         return NtfsOutOfMemory;
@@ -108,8 +115,11 @@ int CDRVolume::ReadSoundRecord(uint64_t frn, CAutoMemory<char>& record) {
 int CDRVolume::MendRecord(char* record) const {
     NTFS_RETURN_IF_FAILED(CDRFileRecord::IsValidFileRec(record));
     const uint32_t bytes = RecordBufferBytes(RecordBytes());
-    NTFS_RETURN_IF_FAILED(CDRFileRecord::DoFILESectorFixup(record, bytes, m_VolumeData.BytesPerSector));
-    return CDRFileRecord::CheckAttributes(record, bytes);
+    return CDRFileRecord::DoFILESectorFixup(record, bytes, m_VolumeData.BytesPerSector);
+}
+
+int CDRVolume::CheckRecord(const char* record) const {
+    return CDRFileRecord::CheckAttributes(record, RecordBufferBytes(RecordBytes()));
 }
 
 // Gives the byte of the volume where a record lies, and how many bytes of the MFT follow from there on without a gap.

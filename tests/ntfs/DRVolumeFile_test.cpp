@@ -126,6 +126,7 @@ TEST_F(DRVolumeFile, ARecordThatCannotBeUsedIsRefused) {
         {"the second sector torn", FileRecord().BreakSectorEnd(1).Bytes(), NtfsRecordCorrupted},
         {"not in use", FileRecord().Flags(0).Bytes(), NtfsNotInUse},
         {"a directory that isn't in use", FileRecord().Flags(2).Bytes(), NtfsNotInUse},
+        {"neither in use nor with an end of its attributes", FileRecord().Flags(0).EndMarker("").Bytes(), NtfsNotInUse},
         {"neither in use nor a base record", FileRecord().Flags(0).BaseReference(5).Bytes(), NtfsNotInUse},
         {"not a base record", FileRecord().BaseReference(NtfsReference(5)).Bytes(), NtfsNotBaseRecord},
         {"a base record of number 0 that was reused", FileRecord().BaseReference(NtfsReference(0, 1)).Bytes(),
