@@ -45,6 +45,12 @@ bool HasHalfPair(const std::u16string& name) {
     return false;
 }
 
+// Behind the head of a record that no file uses anything may lie; some programs leave no end of the attributes there.
+bool IsFree(const CAutoMemory<char>& record) {
+    const NtfsFileRecord_t head = NtfsHeadOf(record);
+    return head.head.signature == FileSignature && (head.flags & RecordInUse) == 0;
+}
+
 // The name that a tree of one name for each file has: the first long one, else a short one, else one of POSIX.
 const ATTR_RECORD_HEADER_t* FirstNameOf(CAutoMemory<char>& record) {
     for (const uint32_t kind : {uint32_t{NameKindLong}, uint32_t{NameKindShort}, uint32_t{NameKindPosix}}) {
@@ -100,7 +106,7 @@ void CCatalogScan::TakeRecord(uint64_t frn) {
         TakeFile(frn);
     else if (result == NtfsNotBaseRecord)
         TakeExtension(frn);
-    else if (result != NtfsNotInUse && m_Problems.size() < MostProblems)
+    else if (result != NtfsNotInUse && !IsFree(m_Record) && m_Problems.size() < MostProblems)
         m_Problems.push_back(DescribeError(
             m_Volume.ErrorOf(CZuString::Format("{1}: file record {2}", m_Volume.Name(), frn).c_str(), result)));
 }
@@ -118,6 +124,17 @@ const CatalogFile_t* CCatalogScan::Find(uint64_t frn) const {
     const auto found = std::lower_bound(m_Files.begin(), m_Files.end(), frn,
                                         [](const CatalogFile_t& file, uint64_t wanted) { return file.frn < wanted; });
     return found != m_Files.end() && found->frn == frn ? &*found : nullptr;
+}
+
+uint64_t CCatalogScan::CountLostNames() const {
+    uint64_t lost = m_StrayNames;
+    for (const auto& [parent, names] : m_NamesBelow) {
+        const bool isOfVolume = parent != RootFrn && parent < FirstUserFrn;
+        const CatalogFile_t* const directory = Find(parent);
+        if (!isOfVolume && (directory == nullptr || !directory->isDirectory))
+            lost += names;
+    }
+    return lost;
 }
 
 CZuError CCatalogScan::WriteAssociates(const std::string& path) const {
@@ -166,9 +183,12 @@ void CCatalogScan::TakeName(CatalogFile_t& file, const ATTR_RECORD_HEADER_t* att
         fields.nameLength == 0 || (!isFirst && fields.nameKind == NameKindShort))
         return;
     const std::u16string name = NtfsNameAt(value.Data() + sizeof(fields), fields.nameLength);
-    if (!IsOfItsDirectory(fields.parent))
-        return;
     const uint64_t parent = fields.parent & FrnMask;
+    if (!IsOfItsDirectory(fields.parent)) {
+        ++m_StrayNames;
+        return;
+    }
+    ++m_NamesBelow[parent];
     const std::string text = TextOfNtfsName(name);
     PutRecord(file, parent, text, !isFirst);
     // The tree has other characters for halves of pairs, and ends a name at a zero.

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "agent/BackupSet.h"
@@ -50,6 +51,9 @@ public:
     // Null for a record that isn't the base record of a file.
     const CatalogFile_t* Find(uint64_t frn) const;
 
+    // When all has been read: the names in directories that aren't there, which no listing comes to.
+    uint64_t CountLostNames() const;
+
     // Writes the associate file of a metadata collection, when all has been read.
     CZuError WriteAssociates(const std::string& path) const;
 
@@ -73,6 +77,8 @@ private:
     CAutoMemory<char> m_Record;
     std::vector<CatalogFile_t> m_Files;
     std::vector<SetEntry_t> m_Names;
+    std::unordered_map<uint64_t, uint64_t> m_NamesBelow;  // how many, by the directory
+    uint64_t m_StrayNames = 0;                            // of directories whose records others use by now
     std::vector<std::string> m_Problems;
     std::string m_Associates;  // the file, where all names are kept
 };

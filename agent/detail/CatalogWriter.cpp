@@ -121,6 +121,10 @@ private:
         ZU_RETURN_IF_ERROR(AddEntries(scan));
         for (const std::string& problem : scan.Problems())
             m_Result.problems.push_back(problem);
+        const uint64_t lost = scan.CountLostNames();
+        if (lost != 0)
+            m_Result.problems.push_back(volume.name + ": " + std::to_string(lost) + (lost == 1 ? " name" : " names") +
+                                        " can't be listed, nor what lies below: the directories aren't there");
         ++m_Result.volumes;
         m_Result.files += scan.Files().size();
         return CZuError();
