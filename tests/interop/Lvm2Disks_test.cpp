@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -12,6 +11,7 @@
 #include <vector>
 
 #include "tests/interop/JsonOutput.h"
+#include "tests/interop/Lvm2Programs.h"
 #include "tests/support/PartitionTableBuilder.h"
 #include "tests/support/SameBytes.h"
 
@@ -25,40 +25,12 @@ using nlohmann::json;
 constexpr uint64_t DiskBytes = uint64_t{40} << 20U;
 constexpr uint64_t SectorBytes = 512;
 
-// A loop device for a file, or for the part of it that a partition is.
-class CLosetup {
-public:
-    CLosetup(const std::string& file, uint64_t offset, uint64_t bytes) {
-        std::string output;
-        m_IsThere = RunProgram("losetup -f --show -o " + std::to_string(offset) + " --sizelimit " +
-                                   std::to_string(bytes) + " " + Quoted(file),
-                               &output);
-        m_Path = output.substr(0, output.find('\n'));
-    }
-    CLosetup(const CLosetup&) = delete;
-    CLosetup& operator=(const CLosetup&) = delete;
-    ~CLosetup() {
-        if (m_IsThere)
-            RunProgram("losetup -d " + m_Path);
-    }
-
-    bool IsThere() const { return m_IsThere; }
-    const std::string& Path() const { return m_Path; }
-
-private:
-    bool m_IsThere = false;
-    std::string m_Path;
-};
-
 class Lvm2Disks : public testing::Test {
 protected:
     void SetUp() override {
-        if (geteuid() != 0)
-            GTEST_SKIP() << "loop devices need root";
-        for (const char* const program : {"losetup", "pvcreate", "lvcreate"}) {
-            if (!HasProgram(program))
-                GTEST_SKIP() << program << " isn't installed";
-        }
+        const std::string missing = WhatLvm2Lacks();
+        if (!missing.empty())
+            GTEST_SKIP() << missing;
     }
 
     // Whole disks of noise.
@@ -86,13 +58,10 @@ protected:
     void Lvm(const std::string& command) { EXPECT_TRUE(Runs(Line(command))); }
 
     std::string Line(const std::string& command) const {
-        std::string filter;
+        std::vector<std::string> devices;
         for (const auto& device : m_Devices)
-            filter += "\"a|^" + device->Path() + "$|\",";
-        const std::string config = "devices { use_devicesfile=0 scan_lvs=0 filter=[" + filter +
-                                   "\"r|.*|\"] } backup { backup=0 archive=0 } activation { udev_sync=0 udev_rules=0 }";
-        const size_t space = command.find(' ');
-        return command.substr(0, space) + " --driverloaded n --config '" + config + "'" + command.substr(space);
+            devices.push_back(device->Path());
+        return Lvm2Line(command, devices);
     }
 
     json Report(const std::string& command, const std::string& kind) {

@@ -106,7 +106,7 @@ private:
 };
 
 // The SHA-256 of a stream; the error's text where it can't be read.
-inline std::string SumOfStream(CNtfsVolume& volume, uint64_t frn, const std::string& name) {
+inline std::string SumOfStream(INtfsFiles& volume, uint64_t frn, const std::string& name) {
     CSha256 sum;
     const CZuError error =
         volume.ReadStream(frn, name, [&](const char* bytes, uint32_t size) { return sum.Put(bytes, size); });
@@ -114,7 +114,7 @@ inline std::string SumOfStream(CNtfsVolume& volume, uint64_t frn, const std::str
 }
 
 // A stream's bytes. One that can't be read fails the test.
-inline std::string StreamBytes(CNtfsVolume& volume, uint64_t frn, const std::string& name = {}) {
+inline std::string StreamBytes(INtfsFiles& volume, uint64_t frn, const std::string& name = {}) {
     std::string all;
     EXPECT_OK(volume.ReadStream(frn, name,
                                 [&](const char* bytes, uint32_t size) {
