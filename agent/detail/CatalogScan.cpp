@@ -45,12 +45,6 @@ bool HasHalfPair(const std::u16string& name) {
     return false;
 }
 
-// Behind the head of a record that no file uses anything may lie; some programs leave no end of the attributes there.
-bool IsFree(const CAutoMemory<char>& record) {
-    const NtfsFileRecord_t head = NtfsHeadOf(record);
-    return head.head.signature == FileSignature && (head.flags & RecordInUse) == 0;
-}
-
 // The name that a tree of one name for each file has: the first long one, else a short one, else one of POSIX.
 const ATTR_RECORD_HEADER_t* FirstNameOf(CAutoMemory<char>& record) {
     for (const uint32_t kind : {uint32_t{NameKindLong}, uint32_t{NameKindShort}, uint32_t{NameKindPosix}}) {
@@ -106,7 +100,7 @@ void CCatalogScan::TakeRecord(uint64_t frn) {
         TakeFile(frn);
     else if (result == NtfsNotBaseRecord)
         TakeExtension(frn);
-    else if (result != NtfsNotInUse && !IsFree(m_Record) && m_Problems.size() < MostProblems)
+    else if (result != NtfsNotInUse && m_Problems.size() < MostProblems)
         m_Problems.push_back(DescribeError(
             m_Volume.ErrorOf(CZuString::Format("{1}: file record {2}", m_Volume.Name(), frn).c_str(), result)));
 }
