@@ -21,7 +21,7 @@ CZuError CBlockRuns::Finish() {
 CZuError CBlockRuns::EndRun() {
     if (m_Count == 0)
         return CZuError();
-    BlockRun_t run;
+    BlockRun_t run{};
     run.first = m_First;
     run.count = m_Count;
     m_Piece.append(reinterpret_cast<const char*>(&run), sizeof(run));

@@ -13,7 +13,7 @@
 namespace {
 
 BlockRun_t RunAt(const CAutoMemory<char>& piece, size_t index) {
-    BlockRun_t run;
+    BlockRun_t run{};
     std::memcpy(&run, piece.GetPtr() + index * sizeof(run), sizeof(run));
     return run;
 }

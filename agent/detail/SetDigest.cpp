@@ -1,5 +1,6 @@
 #include "agent/detail/SetDigest.h"
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 
@@ -148,7 +149,7 @@ uint8_t EntryKindOf(const SetEntry_t& entry) {
 
 BlockDigest_t DigestOfEntry(const SetEntry_t& entry) {
     char bytes[sizeof(EntryNumbers_t) + LargestEntryNameBytes];
-    EntryNumbers_t numbers;
+    EntryNumbers_t numbers{};
     numbers.parent = entry.parent;
     numbers.frn = entry.frn;
     numbers.bytes = entry.bytes;
@@ -161,6 +162,6 @@ BlockDigest_t DigestOfEntry(const SetEntry_t& entry) {
     numbers.links = entry.links;
     numbers.kind = EntryKindOf(entry);
     std::memcpy(bytes, &numbers, sizeof(numbers));
-    std::memcpy(bytes + sizeof(numbers), entry.name.data(), entry.name.size());
+    std::copy(entry.name.begin(), entry.name.end(), bytes + sizeof(numbers));
     return DigestOf(bytes, sizeof(numbers) + entry.name.size());
 }
