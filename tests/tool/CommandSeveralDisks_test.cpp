@@ -1,5 +1,8 @@
+#include <algorithm>
 #include <filesystem>
 
+#include "agent/BackupSetWriter.h"
+#include "tests/support/ErrorAssertions.h"
 #include "tests/tool/CommandFixture.h"
 
 // Several disks in one set, through the command.
@@ -58,6 +61,35 @@ TEST_F(CommandsOfSeveralDisks, ListTellsWhichFilesAreOfWhichDisk) {
     EXPECT_EQ(object["disks"][1]["number"], 2);
     EXPECT_EQ(object["streams"][1]["disk"], 2);
     EXPECT_EQ(object["files"][0]["disk"], 2);
+}
+
+TEST_F(CommandsOfSeveralDisks, ListTellsOfVolumesAndParts) {
+    CBackupSetWriter writer;
+    ASSERT_OK(writer.Create(m_Dir.File("set"), false));
+    SetDisk_t disk;
+    disk.imageName = "disk.raw";
+    ASSERT_OK(writer.AddDisk(disk));
+    bool isRead = false;
+    ASSERT_OK(writer.AddPart("a part", 1, [&](char* buffer, uint32_t, uint32_t& got) {
+        got = isRead ? 0 : 2048;
+        std::fill_n(buffer, got, 'x');
+        isRead = true;
+        return CZuError();
+    }));
+    SetVolume_t volume;
+    volume.name = "Volume1";
+    ASSERT_OK(writer.AddVolume(volume));
+    SetEntry_t entry;
+    entry.name = "a name";
+    ASSERT_OK(writer.AddEntry(entry));
+    ASSERT_OK(writer.Commit({"2026-01-31T12:00:00Z", "a test"}));
+
+    const CommandOutcome_t outcome = Run({"list", "set"});
+    EXPECT_SUCCEEDS(outcome);
+    EXPECT_THAT(outcome.output, HasSubstr("\nVolume     Volume1, 1 entries\nPart       a part, 2.0 KiB\n"));
+    const Json object = RunForJson({"list", "--json", "set"});
+    EXPECT_EQ(object["volumes"], Json::array({{{"volume", "Volume1"}, {"entries", 1}}}));
+    EXPECT_EQ(object["parts"], Json::array({{{"part", "a part"}, {"bytes", 2048}}}));
 }
 
 TEST_F(CommandsOfSeveralDisks, RestoreTakesTheDiskOfThatNumber) {
