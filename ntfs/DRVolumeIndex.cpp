@@ -148,7 +148,8 @@ int CDRVolume::ReadIndexBlock(ATTR_RECORD_HEADER_t* allocation, CAutoMemory<char
 int CDRVolume::SearchIndexBlock_I30(char* indexHeader, wchar_t* name, uint32_t nameLength, INDEX_ENTRY_I30** entry) {
     return NtfsWithinMemory([&] {
         const std::u16string converted = ToUtf16(name, nameLength);
-        return SearchNames(indexHeader, UnknownNodeBytes, converted.data(), static_cast<uint32_t>(converted.size()), entry);
+        return SearchNames(indexHeader, UnknownNodeBytes, converted.data(), static_cast<uint32_t>(converted.size()),
+                           entry);
     });
 }
 

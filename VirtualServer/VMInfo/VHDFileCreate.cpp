@@ -13,7 +13,6 @@
 
 namespace {
 
-
 bool TakePosition(CByteReader& record, uint64_t& position) {
     char text[VhdPositionTextBytes + 1] = {};
     if (!record.Take(text, VhdPositionTextBytes))
