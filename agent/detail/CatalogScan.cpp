@@ -123,9 +123,8 @@ const CatalogFile_t* CCatalogScan::Find(uint64_t frn) const {
 uint64_t CCatalogScan::CountLostNames() const {
     uint64_t lost = m_StrayNames;
     for (const auto& [parent, names] : m_NamesBelow) {
-        const bool isOfVolume = parent != RootFrn && parent < FirstUserFrn;
         const CatalogFile_t* const directory = Find(parent);
-        if (!isOfVolume && (directory == nullptr || !directory->isDirectory))
+        if (parent >= FirstUserFrn && (directory == nullptr || !directory->isDirectory))
             lost += names;
     }
     return lost;
