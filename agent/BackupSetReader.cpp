@@ -99,6 +99,7 @@ struct CBackupSetReader::Impl_t {
     uint64_t blockCount = 0;
     uint64_t storedBytes = 0;
     std::unique_ptr<CRunningDigest> digest;
+    unsigned holds = 0;
 };
 
 CBackupSetReader::CBackupSetReader() : m_Impl(std::make_unique<Impl_t>()) {}
@@ -110,6 +111,16 @@ CZuError CBackupSetReader::Open(const std::string& path) {
     ZU_RETURN_IF_ERROR(RefuseUnlessDatabase(path));
     ZU_RETURN_IF_ERROR(m_Impl->database.OpenForReading(path));
     return ReadSetLists(m_Impl->database, m_Impl->lists);
+}
+
+void CBackupSetReader::Hold() {
+    if (m_Impl->holds++ == 0)
+        Dropped(m_Impl->database.Execute("BEGIN"));  // the reads tell of what stands in their way
+}
+
+void CBackupSetReader::LetGo() {
+    if (m_Impl->holds != 0 && --m_Impl->holds == 0)
+        Dropped(m_Impl->database.Execute("COMMIT"));  // nothing was written
 }
 
 const SetInfo_t& CBackupSetReader::Info() const {

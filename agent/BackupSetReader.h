@@ -27,6 +27,11 @@ public:
 
     CZuError Open(const std::string& path);
 
+    // Between these, which may lie within each other, nobody can write to the set, and many small reads are quicker: a read
+    // of its own locks the file and looks for a journal.
+    void Hold();
+    void LetGo();
+
     const std::string& Path() const { return m_Path; }
     const SetInfo_t& Info() const;
     const std::vector<SetDisk_t>& Disks() const;                 // one at least; a disk's id is its place
@@ -79,4 +84,16 @@ private:
 
     std::string m_Path;
     std::unique_ptr<Impl_t> m_Impl;
+};
+
+// Holds a set as long as it lives.
+class CSetHold {
+public:
+    explicit CSetHold(CBackupSetReader& set) : m_Set(set) { m_Set.Hold(); }
+    CSetHold(const CSetHold&) = delete;
+    CSetHold& operator=(const CSetHold&) = delete;
+    ~CSetHold() { m_Set.LetGo(); }
+
+private:
+    CBackupSetReader& m_Set;
 };

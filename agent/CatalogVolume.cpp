@@ -117,6 +117,7 @@ CZuError CCatalogVolume::Describe(uint64_t frn, NtfsFileInfo_t& info) {
 }
 
 CZuError CCatalogVolume::List(uint64_t directory, NtfsListing_t& listing, const TakeNtfsEntry_t& take) {
+    const CSetHold hold(*m_Set);
     return WithinMemory(OutOfMemory, [&]() -> CZuError {
         CCatalogRecords* records = nullptr;
         if (listing.withStreams)
@@ -126,12 +127,14 @@ CZuError CCatalogVolume::List(uint64_t directory, NtfsListing_t& listing, const 
 }
 
 CZuError CCatalogVolume::ReadStream(uint64_t frn, const std::string& name, const TakeBytes_t& take) {
+    const CSetHold hold(*m_Set);
     CCatalogRecords* records = nullptr;
     ZU_RETURN_IF_ERROR(OpenRecords(records));
     return ReadNtfsStream(*records, frn, name, take);
 }
 
 CZuError CCatalogVolume::ReadBackupStream(uint64_t frn, const TakeBytes_t& take) {
+    const CSetHold hold(*m_Set);
     CCatalogRecords* records = nullptr;
     ZU_RETURN_IF_ERROR(OpenRecords(records));
     return ReadNtfsBackupStream(*records, frn, take);

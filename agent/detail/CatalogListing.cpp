@@ -7,6 +7,31 @@
 #include "foundation/detail/ErrorHandling.h"
 #include "platform/CaseFolding.h"
 
+namespace {
+
+bool IsAscii(char character) {
+    return static_cast<unsigned char>(character) < 0x80;
+}
+
+char16_t FoldedAscii(char character) {
+    const auto unit = static_cast<char16_t>(character);
+    return unit >= u'a' && unit <= u'z' ? static_cast<char16_t>(unit - u'a' + u'A') : unit;
+}
+
+// In upper case. Most names are ASCII, which needs no table.
+std::u16string FoldedName(const std::string& name) {
+    std::u16string folded(name.size(), u'\0');
+    if (std::all_of(name.begin(), name.end(), IsAscii)) {
+        std::transform(name.begin(), name.end(), folded.begin(), FoldedAscii);
+        return folded;
+    }
+    folded = NtfsNameOfText(name);
+    std::transform(folded.begin(), folded.end(), folded.begin(), FoldCase);
+    return folded;
+}
+
+}  // namespace
+
 CZuError CCatalogListing::Run(uint64_t directory) {
     if (m_Listing.withMetadata)
         m_Listing.problems.push_back(m_Volume.name + ": a catalogue leaves the files out that make the volume itself");
@@ -22,13 +47,13 @@ CZuError CCatalogListing::Enter(uint64_t frn, size_t pathBytes) {
     Folder_t folder;
     folder.pathBytes = pathBytes;
     ZU_RETURN_IF_ERROR(m_Set.ForEachEntry(m_Volume.id, frn, [&](SetEntry_t& entry) {
-        std::u16string folded = NtfsNameOfText(entry.name);
-        std::transform(folded.begin(), folded.end(), folded.begin(), FoldCase);
-        folder.names.push_back({std::move(folded), std::move(entry)});
+        folder.names.push_back({FoldedName(entry.name), folder.entries.size()});
+        folder.entries.push_back(std::move(entry));
         return true;
     }));
-    std::stable_sort(folder.names.begin(), folder.names.end(),
-                     [](const Name_t& left, const Name_t& right) { return left.folded < right.folded; });
+    const auto isInFront = [](const Name_t& left, const Name_t& right) { return left.folded < right.folded; };
+    if (!std::is_sorted(folder.names.begin(), folder.names.end(), isInFront))
+        std::stable_sort(folder.names.begin(), folder.names.end(), isInFront);
     m_Folders.push_back(std::move(folder));
     return CZuError();
 }
@@ -40,11 +65,11 @@ CZuError CCatalogListing::GiveNext(bool& isWanted) {
         m_Folders.pop_back();
         return CZuError();
     }
-    const SetEntry_t set = std::move(folder.names[folder.next++].entry);
+    SetEntry_t set = std::move(folder.entries[folder.names[folder.next++].entry]);
     m_Path += set.name;
     NtfsEntry_t entry;
     entry.path = m_Path;
-    entry.name = set.name;
+    entry.name = std::move(set.name);
     Describe(set, entry.file);
     isWanted = m_Take(entry);
     if (!isWanted || !m_Listing.isRecursive || !set.isDirectory || m_Entered.count(set.frn) != 0)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <string>
 #include <unordered_set>
 #include <vector>
@@ -27,12 +28,13 @@ public:
 private:
     struct Name_t {
         std::u16string folded;  // in upper case, by which names are in order
-        SetEntry_t entry;
+        size_t entry = 0;       // the place among the folder's entries
     };
 
     // A directory whose names are being given.
     struct Folder_t {
         size_t pathBytes = 0;  // of the path in work, its slash included
+        std::deque<SetEntry_t> entries;
         std::vector<Name_t> names;
         size_t next = 0;
     };

@@ -2,6 +2,8 @@
 
 #include <cstdint>
 #include <list>
+#include <map>
+#include <utility>
 
 #include "agent/BackupSetReader.h"
 #include "foundation/AutoMemory.h"
@@ -17,9 +19,10 @@ public:
     CZuError Get(const SetStream_t& stream, uint64_t number, const CAutoMemory<char>*& bytes);
 
 private:
+    using Key_t = std::pair<int64_t, uint64_t>;  // stream and number
+
     struct Block_t {
-        int64_t stream = 0;
-        uint64_t number = 0;
+        Key_t key;
         bool isThere = false;
         CAutoMemory<char> bytes;
     };
@@ -28,5 +31,6 @@ private:
 
     CBackupSetReader& m_Set;
     std::list<Block_t> m_Blocks;  // the one used last in front
+    std::map<Key_t, std::list<Block_t>::iterator> m_Places;
     uint64_t m_HeldBytes = 0;
 };
