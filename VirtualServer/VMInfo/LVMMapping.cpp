@@ -163,6 +163,18 @@ CZuError FindRun(const std::vector<std::vector<ExtentSparseInfo_t>>& links, uint
     return CZuError();
 }
 
+// Makes room for the runs of the `leftBytes` to come, by what those of the `doneBytes` so far, from `first` on, were like:
+// a list that only doubles is copied over and over.
+void MakeRoom(std::vector<LVM_Disk_Offset_Len_t>& runs, size_t first, uint64_t doneBytes, uint64_t leftBytes) {
+    constexpr uint64_t fewestRuns = 1024;
+    constexpr uint64_t mostAhead = uint64_t{1} << 20U;
+    const uint64_t found = runs.size() - first;
+    if (runs.size() != runs.capacity() || found < fewestRuns)
+        return;
+    const uint64_t expected = leftBytes / std::max<uint64_t>(doneBytes / found, 1) + 1;
+    runs.reserve(runs.size() + static_cast<size_t>(std::max<uint64_t>(std::min(expected, mostAhead), runs.size())));
+}
+
 bool Continues(const LVM_Disk_Offset_Len_t& last, const LVM_Disk_Offset_Len_t& run) {
     return last.BlockNumber == run.BlockNumber && last.BlockOffset + last.Length == run.BlockOffset &&
            last.DiskOffset + last.Length == run.DiskOffset && last.ExtentName == run.ExtentName;
@@ -174,6 +186,8 @@ CZuError CLVM::ConvertVolumeOffsetToDiskExtents(uint64_t offset, uint64_t length
                                                 const SparseInfo_t& sparseInfo,
                                                 std::vector<LVM_Disk_Offset_Len_t>& runs) {
     return WithinMemory(OutOfMemory, [&]() -> CZuError {
+        const uint64_t start = offset;
+        const size_t firstRun = runs.size();
         while (length != 0) {
             const uint64_t lba = offset >> SectorShift;
             LgDebug().Debug(MappingFunction, "1..llOffsetLBA = %" PRIu64, lba);
@@ -197,10 +211,12 @@ CZuError CLVM::ConvertVolumeOffsetToDiskExtents(uint64_t offset, uint64_t length
                     return Refusal("Offset seems to be not occupied in the disk");
                 }
                 const uint64_t step = run.Length;
-                if (!runs.empty() && Continues(runs.back(), run))
+                if (!runs.empty() && Continues(runs.back(), run)) {
                     runs.back().Length += step;
-                else
+                } else {
+                    MakeRoom(runs, firstRun, offset - start, length + piece);
                     runs.push_back(std::move(run));
+                }
                 offset += step;
                 diskByte += step;
                 piece -= step;

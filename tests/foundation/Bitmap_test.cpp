@@ -29,19 +29,37 @@ TEST(Bitmap, ABitBehindTheEndIsClear) {
     EXPECT_EQ(92U, CountEqualBits(view, 8, 92));
 }
 
+void ExpectCountedAsOneByOne(const std::string& bitmap) {
+    const CByteView view(bitmap.data(), bitmap.size());
+    const uint64_t bits = bitmap.size() * 8;
+    for (uint64_t first = 0; first < bits; ++first) {
+        for (const uint64_t most : {uint64_t{1}, uint64_t{7}, uint64_t{64}, bits - first}) {
+            uint64_t expected = 1;
+            while (expected < most && HasBit(view, first + expected) == HasBit(view, first))
+                ++expected;
+            ASSERT_EQ(expected, CountEqualBits(view, first, most)) << first << ", " << most;
+        }
+    }
+}
+
 TEST(Bitmap, EqualBitsAreCountedAsOneByOne) {
     for (uint64_t seed = 1; seed <= 20; ++seed) {
+        SCOPED_TRACE(seed);
         std::string bitmap = PatternedBytes(40, seed);
         bitmap.replace(5, 12, std::string(12, '\xFF'));
         bitmap.replace(20, 9, std::string(9, '\0'));
-        const CByteView view(bitmap.data(), bitmap.size());
-        for (uint64_t first = 0; first < 320; ++first) {
-            for (const uint64_t most : {uint64_t{1}, uint64_t{7}, uint64_t{64}, 320 - first}) {
-                uint64_t expected = 1;
-                while (expected < most && HasBit(view, first + expected) == HasBit(view, first))
-                    ++expected;
-                ASSERT_EQ(expected, CountEqualBits(view, first, most)) << seed << ", " << first << ", " << most;
-            }
+        ExpectCountedAsOneByOne(bitmap);
+    }
+}
+
+// Equal bytes in number, up to one in which a single bit differs.
+TEST(Bitmap, EqualBitsOfManyWordsAreCountedAsOneByOne) {
+    for (const char whole : {'\0', '\xFF'}) {
+        for (const size_t odd : {0U, 63U, 64U, 65U, 128U, 150U, 199U}) {
+            SCOPED_TRACE(odd);
+            std::string bitmap(200, whole);
+            bitmap[odd] = static_cast<char>(bitmap[odd] ^ 0x10);
+            ExpectCountedAsOneByOne(bitmap);
         }
     }
 }
