@@ -81,7 +81,7 @@ lint: ## Check includes, wording and what clang-tidy sees; LINT=quick without it
 	@$(PACKAGES) build test lint
 	.ci/check-includes
 	.ci/check-words
-	cmake --preset dev -B build/lint -DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON -DDISKSTREAM_UNITE=ON -DDISKSTREAM_UNITE_LIBRARIES=OFF
+	cmake --preset dev -B build/lint -DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON -DDISKSTREAM_UNITE=ON
 	.ci/check-tidy build/lint $(JOBS) $(LINT)
 
 install: ## Install below PREFIX (/usr/local)

@@ -33,7 +33,7 @@ function(diskstream_unite target)
   endif()
 endfunction()
 
-# The same for a library. Not for the lint, which sees then whether each source includes what it uses.
+# The same for a library, for those who work on the rest. Whether each source includes what it uses, a build for use tells.
 function(diskstream_unite_library target)
   if(DISKSTREAM_UNITE_LIBRARIES)
     diskstream_unite(${target})
@@ -41,8 +41,8 @@ function(diskstream_unite_library target)
 endfunction()
 
 # The standard headers that most sources include take longer to compile than what the sources say. Each source includes
-# what it uses all the same: the lint compiles without this. So does a build for use: once precompiled, a header of the
-# system counts as ours, and gcc 12, optimising, warns of copies inside std::string that never happen.
+# what it uses all the same: a build for use compiles without this, since a header of the system, once precompiled, counts
+# as ours, and gcc 12, optimising, warns of copies inside std::string that never happen.
 function(diskstream_precompile target)
   if(NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
     return()

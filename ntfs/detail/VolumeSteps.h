@@ -7,6 +7,7 @@
 #include "foundation/detail/ByteView.h"
 #include "ntfs/DRFileRecord.h"
 #include "ntfs/detail/NtfsFormat.h"
+#include "platform/Export.h"
 
 // What the readers of file records share.
 
@@ -49,7 +50,7 @@ bool HasName(const ATTR_RECORD_HEADER_t* attribute, const char16_t* text);
 
 // The first name of that kind; callers rely on kind 3, a long name that is a short one too, serving for both. Null for
 // none.
-ATTR_RECORD_HEADER_t* FindFileName(char* record, uint32_t kind);
+DISKSTREAM_EXPORT ATTR_RECORD_HEADER_t* FindFileName(char* record, uint32_t kind);
 
 // 16-bit characters without an end. NtfsIndexNotFound for no attribute at all.
 int CopyFileName(const ATTR_RECORD_HEADER_t* attribute, CAutoMemory<char>& name);
