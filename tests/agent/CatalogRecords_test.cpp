@@ -155,6 +155,20 @@ TEST_F(CatalogRecords, GiveDescriptorsOfTheFileItself) {
     }
 }
 
+// Both have the empty name.
+TEST_F(CatalogRecords, TellAttributesInClustersApartByTheirTypes) {
+    const std::string descriptor = LongDescriptor(20000);
+    const std::string bytes = PatternedBytes(2 * ClusterBytes);
+    BackUp(Volume()
+               .Record(FileFrn, NtfsNamedFile(u"file")
+                                    .Add(Attribute::NonResident(NtfsSecurityDescriptorType, {{Lcn, 5}}, 20000))
+                                    .Add(DataIn({{Lcn + 8, 2}}, bytes.size())))
+               .Cluster(Lcn, descriptor)
+               .Cluster(Lcn + 8, bytes));
+    ExpectSameFile(FileFrn);
+    EXPECT_SAME_BYTES(bytes, CatalogStream(FileFrn));
+}
+
 TEST_F(CatalogRecords, GiveTheDescriptorsThatTheVolumeKeepsForAll) {
     const std::string large = LongDescriptor(60000);
     NtfsStandardInformationFields_t fields;
