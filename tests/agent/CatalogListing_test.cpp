@@ -155,6 +155,7 @@ TEST_F(CatalogListing, PathsLeadToFiles) {
         {"FOLDER", 20},
         {"//Folder\\\\File", 21},
         {"/folder/file", 22},
+        {"folder/FILE", 21},  // the first of two
         {"folder/ONLY", 23},
         {"folder/HALF\xED\xA0\x80", 24},
     };
@@ -165,6 +166,22 @@ TEST_F(CatalogListing, PathsLeadToFiles) {
     EXPECT_FAILS_SAYING(TryFind("Folder/Only/more", frn), "Volume1: /Folder/Only is no directory");
     EXPECT_FAILS_SAYING(TryFind("..", frn), "there is no /..");
     EXPECT_EQ(777U, frn);
+}
+
+TEST_F(CatalogListing, ABackupSetIsKnownByTheHeadOfItsFile) {
+    OpenWith({});
+    const std::string set = m_Dir.Read("set");
+    EXPECT_TRUE(IsBackupSet(m_Dir.File("set")));
+    EXPECT_TRUE(IsBackupSet(m_Dir.Write("head", set.substr(0, 72))));
+    EXPECT_FALSE(IsBackupSet(m_Dir.Write("short", set.substr(0, 71))));
+    std::string other = set;
+    other[68] = static_cast<char>(other[68] ^ 1);
+    EXPECT_FALSE(IsBackupSet(m_Dir.Write("of another program", other)));
+    other = set;
+    other[0] = 's';
+    EXPECT_FALSE(IsBackupSet(m_Dir.Write("no database", other)));
+    EXPECT_FALSE(IsBackupSet(m_Dir.File("none")));
+    EXPECT_FALSE(IsBackupSet(m_Dir.Path()));
 }
 
 TEST_F(CatalogListing, StreamsAreNotToldWithoutTheFileRecords) {
