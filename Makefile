@@ -50,11 +50,13 @@ windows: ## Cross-build the core and its tests for Windows; WINDOWS_TARGET=disks
 bench: ## Measure, and compare with programs that do the same
 	@$(PACKAGES) build test bench
 	cmake --preset release
-	cmake --build --preset release -j $(JOBS) --target core_bench --target make_dynamic_disks --target diskstream_tool
+	cmake --build --preset release -j $(JOBS) --target core_bench --target make_dynamic_disks --target diskstream_tool \
+		--target metadata_bench --target counting_treestore
 	build/release/bench/core_bench
 	bench/compare.sh build/release/tool/diskstream
 	bench/compare-reads.sh build/release/tool/diskstream build/release/bench/make_dynamic_disks
 	bench/compare-files.sh build/release/tool/diskstream
+	bench/compare-catalog.sh build/release
 
 fuzz: ## Run each fuzz target for FUZZ_SECONDS (60)
 	@$(PACKAGES) build fuzz
