@@ -481,8 +481,7 @@ TEST_P(CatalogOfDynamicDisks, VolumesAnswerAsTheDisksDo) {
         ExpectVolume(sample);
 }
 
-INSTANTIATE_TEST_SUITE_P(Missing, CatalogOfDynamicDisks,
-                         testing::Values("none", "mirrored-1", "raid5-3"),
+INSTANTIATE_TEST_SUITE_P(Missing, CatalogOfDynamicDisks, testing::Values("none", "mirrored-1", "raid5-3"),
                          [](const auto& missing) {
                              std::string name = missing.param;
                              std::erase(name, '-');
