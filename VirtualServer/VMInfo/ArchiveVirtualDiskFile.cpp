@@ -16,7 +16,7 @@ constexpr ProductType_t NoProduct = ProductType_t{0};
 constexpr char NoFileIsOpen[] = "No file is open. Make sure Open succeeded";
 constexpr char AlreadyOpen[] = "Already have an open file. Close it first";
 
-enum class Reader_t { None, SparseExtent, FlatExtent, VhdFixed, VhdDynamic, PhysicalDisk };
+enum class Reader_t { None, SparseExtent, FlatExtent, Managed, VhdFixed, VhdDynamic, PhysicalDisk };
 
 // Which reader serves which kind of disk. A reader that lands adds its rows.
 struct ServedDisk_t {
@@ -31,6 +31,7 @@ constexpr ServedDisk_t ServedDisks[] = {
     {VirtualProdType_VMware, DiskType_TwoGbMaxExtentSparse, Reader_t::SparseExtent},
     {VirtualProdType_VMware, DiskType_MonolithicFlat, Reader_t::FlatExtent},
     {VirtualProdType_VMware, DiskType_TwoGbMaxExtentFlat, Reader_t::FlatExtent},
+    {VirtualProdType_VMware, DiskType_VMInfoDisk, Reader_t::Managed},
     {VirtualProdType_HyperV, DiskType_VhdFixed, Reader_t::VhdFixed},
     {VirtualProdType_HyperV, DiskType_VhdDynamic, Reader_t::VhdDynamic},
     {VirtualProdType_HyperV, DiskType_VhdDifferencing, Reader_t::VhdDynamic},
@@ -80,11 +81,19 @@ void LogClosing(const char* reader, const CZuError& error) {
 
 CArchiveVirtualDiskFile::CArchiveVirtualDiskFile(ProductType_t product) : m_ProductType(product) {}
 
-// No reader that serves a disk behind a hypervisor is here, and the others have no use for these.
-void CArchiveVirtualDiskFile::SetVMInfo(IVMInfo* /*info*/, const char* /*first*/, const char* /*second*/) {}
+void CArchiveVirtualDiskFile::SetVMInfo(IVMInfo* info, const char* first, const char* second) {
+    m_ManagedDisk.SetVMInfo(info, first, second);
+}
+
 void CArchiveVirtualDiskFile::SetDataStore(const char* /*name*/) {}
-void CArchiveVirtualDiskFile::SetChangeId(const char* /*changeId*/) {}
-void CArchiveVirtualDiskFile::SetExtentSize(uint64_t /*sectors*/) {}
+
+void CArchiveVirtualDiskFile::SetChangeId(const char* changeId) {
+    m_ManagedDisk.SetChangeId(changeId);
+}
+
+void CArchiveVirtualDiskFile::SetExtentSize(uint64_t sectors) {
+    m_ManagedDisk.SetBlockSize(static_cast<uint32_t>(sectors));
+}
 
 CZuError CArchiveVirtualDiskFile::Open(const char* name, DiskType_t type) {
     if (m_DiskType != NoDiskType)
@@ -111,6 +120,7 @@ CZuError CArchiveVirtualDiskFile::Create(const char* name, DiskType_t type, CAut
 CZuError CArchiveVirtualDiskFile::Close() {
     LogClosing("flat extent", m_FlatExtent.CloseExtent());
     LogClosing("sparse extent", m_SparseExtent.CloseExtent());
+    LogClosing("disk behind a hypervisor", m_ManagedDisk.CloseDisk());
     LogClosing("physical disk", m_PhysicalDisk.CloseDisk());
     LogClosing("VHD file", m_VhdFile.CloseDisk());
     m_DiskType = NoDiskType;
@@ -130,6 +140,10 @@ CZuError CArchiveVirtualDiskFile::GetFirstBlock(CAutoMemory<char>& metadata, uns
         ZU_RETURN_IF_ERROR(m_SparseExtent.GetMetadataInfo(metadata));
         break;
     case Reader_t::FlatExtent: ZU_RETURN_IF_ERROR(m_FlatExtent.GetMetadataInfo(metadata)); break;
+    case Reader_t::Managed:
+        context.blockSectors = m_ManagedDisk.GetBlockSize();
+        ZU_RETURN_IF_ERROR(m_ManagedDisk.GetMetadataInfo(metadata));
+        break;
     case Reader_t::VhdDynamic: context.blockSectors = m_VhdFile.GetBlockSize(); [[fallthrough]];
     case Reader_t::VhdFixed:
         if (context.blockSectors == 0)
@@ -170,6 +184,7 @@ CZuError CArchiveVirtualDiskFile::WriteBlock(CAutoMemory<char>& data, uint64_t b
     switch (ReaderOf(m_DiskType)) {
     case Reader_t::SparseExtent: ZU_RETURN_IF_ERROR(m_SparseExtent.WriteGrain(blockNumber, data)); break;
     case Reader_t::FlatExtent: ZU_RETURN_IF_ERROR(m_FlatExtent.WriteGrain(blockNumber, blockSectors, data)); break;
+    case Reader_t::Managed: ZU_RETURN_IF_ERROR(WriteManagedBlock(data, blockNumber, blockSectors)); break;
     case Reader_t::VhdFixed:
     case Reader_t::VhdDynamic: ZU_RETURN_IF_ERROR(m_VhdFile.WriteBlock(blockNumber, blockSectors, data)); break;
     case Reader_t::PhysicalDisk: ZU_RETURN_IF_ERROR(m_PhysicalDisk.WriteBlock(blockNumber, blockSectors, data)); break;
@@ -184,14 +199,15 @@ CZuError CArchiveVirtualDiskFile::SetDiskSize(uint64_t size) {
     return ReaderOf(m_DiskType) == Reader_t::PhysicalDisk ? m_PhysicalDisk.SetDiskSize(size) : CZuError();
 }
 
-CZuError CArchiveVirtualDiskFile::ParseDiskMetaData(DiskType_t type, CAutoMemory<char>& /*metadata*/,
-                                                    DiskGeometry_t& /*geometry*/,
-                                                    DiskProvisioningType_t& /*provisioning*/,
-                                                    std::string& /*adapterType*/, std::string& /*uuid*/,
-                                                    std::string& /*virtualHWVersion*/) {
+CZuError CArchiveVirtualDiskFile::ParseDiskMetaData(DiskType_t type, CAutoMemory<char>& metadata,
+                                                    DiskGeometry_t& geometry, DiskProvisioningType_t& provisioning,
+                                                    std::string& adapterType, std::string& uuid,
+                                                    std::string& virtualHWVersion) {
     if (type == NoDiskType)
         return Refusal("unknown disk type");
-    return type == DiskType_VMInfoDisk ? NotSupported(type) : CZuError();
+    if (type != DiskType_VMInfoDisk)
+        return CZuError();
+    return m_ManagedDisk.ParseDiskMetaData(metadata, geometry, provisioning, adapterType, uuid, virtualHWVersion);
 }
 
 CZuError CArchiveVirtualDiskFile::ParseVmdkDescriptorFile(const char* name, VmdkDescriptorFile_t& out,
@@ -202,6 +218,8 @@ CZuError CArchiveVirtualDiskFile::ParseVmdkDescriptorFile(const char* name, Vmdk
 
 void CArchiveVirtualDiskFile::GetFileName(std::string& name) {
     name.clear();
+    if (m_DiskType == DiskType_VMInfoDisk)
+        m_ManagedDisk.GetFileName(name);
 }
 
 int CArchiveVirtualDiskFile::IsErrorEOF(const CZuError& error) const {
@@ -220,6 +238,7 @@ CZuError CArchiveVirtualDiskFile::OpenReader(const char* name, DiskType_t type) 
     switch (ReaderOf(type)) {
     case Reader_t::SparseExtent: ZU_RETURN_IF_ERROR(m_SparseExtent.OpenExtent(name, 0, VwExtentTypeSparse)); break;
     case Reader_t::FlatExtent: ZU_RETURN_IF_ERROR(m_FlatExtent.OpenExtent(name, 0, VwExtentTypeFlat)); break;
+    case Reader_t::Managed: ZU_RETURN_IF_ERROR(m_ManagedDisk.OpenDisk(name, 0, VwExtentTypeSparse)); break;
     case Reader_t::VhdFixed:
     case Reader_t::VhdDynamic: ZU_RETURN_IF_ERROR(m_VhdFile.OpenDisk(name, type)); break;
     case Reader_t::PhysicalDisk: ZU_RETURN_IF_ERROR(m_PhysicalDisk.OpenDisk(name)); break;
@@ -268,6 +287,10 @@ CZuError CArchiveVirtualDiskFile::CreateVmdkFile(const char* name, DiskType_t ty
         ZU_RETURN_IF_ERROR(m_FlatExtent.CreateExtent(name, VwExtentTypeFlat, metadata));
         context.blockSectors = blockSectors;
         return CZuError();
+    case Reader_t::Managed:
+        ZU_RETURN_IF_ERROR(m_ManagedDisk.CreateDisk(name, VwExtentTypeFlat, metadata));
+        context.blockSectors = m_ManagedDisk.GetBlockSize();
+        return CZuError();
     default: return NotSupported(type);
     }
 }
@@ -299,6 +322,7 @@ CZuError CArchiveVirtualDiskFile::ReadCurrentBlock(CAutoMemory<char>& block, con
     switch (ReaderOf(m_DiskType)) {
     case Reader_t::SparseExtent: return ReadSparseGrain(block, context);
     case Reader_t::FlatExtent: return ReadFlatGrain(block, context);
+    case Reader_t::Managed: return ReadManagedBlock(block, context);
     case Reader_t::VhdFixed:
     case Reader_t::VhdDynamic: return ReadVhdBlock(block, context);
     case Reader_t::PhysicalDisk: return ReadPhysicalBlock(block, context);
@@ -338,17 +362,43 @@ CZuError CArchiveVirtualDiskFile::ReadPhysicalBlock(CAutoMemory<char>& block, co
     return m_PhysicalDisk.ReadBlock(context.blockNumber, block.GetPtr(), block.GetSize() >> SectorShift);
 }
 
+CZuError CArchiveVirtualDiskFile::ReadManagedBlock(CAutoMemory<char>& block, const Context_t& context) {
+    if (context.blockSectors < m_ManagedDisk.GetBlockSize())
+        return Refusal(CZuString::Format("Block size {1} is less than the disk's block size {2}", context.blockSectors,
+                                         m_ManagedDisk.GetBlockSize()));
+    CZuError error = m_ManagedDisk.ReadBlock(context.blockNumber, block.GetPtr());
+    if (m_ManagedDisk.IsErrorSectorNotChanged(error) == 0)
+        return error;
+    block.Alloc(0);
+    return CZuError();
+}
+
+// The conditions that callers tell apart by what they do next.
+CZuError CArchiveVirtualDiskFile::WriteManagedBlock(CAutoMemory<char>& data, uint64_t blockNumber,
+                                                    unsigned int blockSectors) {
+    CZuError error = m_ManagedDisk.WriteBlock(blockNumber, blockSectors, data);
+    if (m_ManagedDisk.IsErrorNoSpace(error) != 0)
+        return NoSpace.Error();
+    return m_ManagedDisk.IsErrorReadOnly(error) != 0 ? ReadOnly.Error() : error;
+}
+
 bool CArchiveVirtualDiskFile::IsHole(const CZuError& error) const {
-    return m_SparseExtent.IsErrorSectorNotFound(error) != 0 || m_VhdFile.IsErrorSectorNotFound(error) != 0;
+    return m_SparseExtent.IsErrorSectorNotFound(error) != 0 || m_ManagedDisk.IsErrorSectorNotFound(error) != 0 ||
+           m_VhdFile.IsErrorSectorNotFound(error) != 0;
 }
 
 // Empty disks have millions of holes, which the tables pass over faster than reads would.
-uint64_t CArchiveVirtualDiskFile::NextHeldBlock(uint64_t number) const {
-    return ReaderOf(m_DiskType) == Reader_t::SparseExtent ? m_SparseExtent.NextHeldGrain(number)
-                                                          : m_VhdFile.NextHeldBlock(number);
+uint64_t CArchiveVirtualDiskFile::NextHeldBlock(uint64_t number) {
+    switch (ReaderOf(m_DiskType)) {
+    case Reader_t::SparseExtent: return m_SparseExtent.NextHeldGrain(number);
+    case Reader_t::Managed: return m_ManagedDisk.NextHeldBlock(number);
+    case Reader_t::VhdDynamic: return m_VhdFile.NextHeldBlock(number);
+    default: return number;
+    }
 }
 
 bool CArchiveVirtualDiskFile::IsEndOfReader(const CZuError& error) const {
-    return m_SparseExtent.IsErrorEOF(error) != 0 || m_FlatExtent.IsErrorEOF(error) != 0 ||
-           m_VhdFile.IsErrorEOF(error) != 0 || m_PhysicalDisk.IsErrorEOF(error) != 0;
+    return m_SparseExtent.IsErrorEOF(error) != 0 || m_ManagedDisk.IsErrorEOF(error) != 0 ||
+           m_FlatExtent.IsErrorEOF(error) != 0 || m_VhdFile.IsErrorEOF(error) != 0 ||
+           m_PhysicalDisk.IsErrorEOF(error) != 0;
 }

@@ -9,6 +9,7 @@
 #include "VirtualServer/VMInfo/VmdkFileReader.h"
 #include "VirtualServer/VMInfo/VmdkFlatExtentReader.h"
 #include "VirtualServer/VMInfo/VmdkSparseExtentReader.h"
+#include "VirtualServer/VMInfo/VmdkVcb4ExtentReader.h"
 #include "foundation/AutoMemory.h"
 #include "foundation/ZuError.h"
 #include "platform/Export.h"
@@ -52,7 +53,8 @@ public:
     CZuError GetFirstBlock(CAutoMemory<char>& metadata, unsigned int blockSectors, Context_t& context);
 
     // The next block that holds data, in a buffer that is reused from call to call. `blockNumber`
-    // is set in every case, to the context's.
+    // is set in every case, to the context's. A disk behind a hypervisor gives an empty buffer, and no
+    // error, for a block that hasn't changed since the change id.
     CZuError GetNextBlock(CAutoMemory<char>& block, uint64_t& blockNumber, Context_t& context);
 
     // The block asked for or, where the disk file doesn't hold it, the next one that it holds:
@@ -96,14 +98,17 @@ private:
     CZuError ReadFlatGrain(CAutoMemory<char>& block, const Context_t& context);
     CZuError ReadVhdBlock(CAutoMemory<char>& block, const Context_t& context);
     CZuError ReadPhysicalBlock(CAutoMemory<char>& block, const Context_t& context);
+    CZuError ReadManagedBlock(CAutoMemory<char>& block, const Context_t& context);
+    CZuError WriteManagedBlock(CAutoMemory<char>& data, uint64_t blockNumber, unsigned int blockSectors);
     bool IsHole(const CZuError& error) const;
-    uint64_t NextHeldBlock(uint64_t number) const;
+    uint64_t NextHeldBlock(uint64_t number);
     bool IsEndOfReader(const CZuError& error) const;
 
     ProductType_t m_ProductType;
     DiskType_t m_DiskType = NoDiskType;
     CVmdkSparseExtentReader m_SparseExtent;
     CVmdkFlatExtentReader m_FlatExtent;
+    CVmdkVcb4ExtentReader m_ManagedDisk;
     CPhysicalDiskReader m_PhysicalDisk;
     CVHDFileReader m_VhdFile;
 };

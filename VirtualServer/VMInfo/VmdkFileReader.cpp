@@ -6,6 +6,7 @@
 #include "VirtualServer/VMInfo/detail/SparseDumpRecord.h"
 #include "VirtualServer/VMInfo/detail/TableReader.h"
 #include "VirtualServer/VMInfo/detail/VmdkDescriptorText.h"
+#include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
 #include "foundation/detail/ScopeGuard.h"
 
@@ -44,6 +45,7 @@ CZuError CVmdkFileReader::OpenDisk(const char* name, DiskType_t type) {
     case DiskType_TwoGbMaxExtentSparse: return WithinMemory(OutOfMemory, [&] { return OpenSparseDisk(name); });
     case DiskType_MonolithicFlat:
     case DiskType_TwoGbMaxExtentFlat: return WithinMemory(OutOfMemory, [&] { return OpenFlatDisk(name); });
+    case DiskType_VMInfoDisk: return WithinMemory(OutOfMemory, [&] { return OpenVcb4Disk(name); });
     default: m_DiskType = NoDiskType; return Refusal("Not a supported disk type");
     }
 }
@@ -52,6 +54,7 @@ CZuError CVmdkFileReader::CloseDisk() {
     m_DiskType = NoDiskType;
     m_FlatExtents.clear();
     m_SparseExtents.clear();
+    m_ManagedDisk = CVmdkVcb4ExtentReader();
     m_OpenKind = OpenKind_t::None;
     return CZuError();
 }
@@ -60,6 +63,8 @@ CZuError CVmdkFileReader::ReadSector(uint64_t sector, char* buffer, unsigned lon
     ZU_RETURN_IF_ERROR(RefuseUnlessOpen());
     if (m_OpenKind == OpenKind_t::Flat)
         return AskExtents(m_FlatExtents, [&](auto& extent) { return extent.ReadExtentSector(sector, buffer, size); });
+    if (m_OpenKind == OpenKind_t::Managed)
+        return ReadManagedSector(sector, buffer, size);
     return AskExtents(m_SparseExtents, [&](auto& extent) {
         CZuError error = extent.ReadExtentSector(sector, buffer, static_cast<uint32_t>(size));
         return extent.IsErrorSectorNotFound(error) != 0 ? VmdkSectorNotFound.Error() : error;
@@ -68,11 +73,17 @@ CZuError CVmdkFileReader::ReadSector(uint64_t sector, char* buffer, unsigned lon
 
 CZuError CVmdkFileReader::FindRun(uint64_t sector, uint64_t mostSectors, SectorRun_t& run) {
     ZU_RETURN_IF_ERROR(RefuseUnlessOpen());
+    if (m_OpenKind == OpenKind_t::Managed) {
+        CZuError error = m_ManagedDisk.FindRun(sector, mostSectors, run);
+        return m_ManagedDisk.IsErrorEOF(error) != 0 ? SectorOutOfRange.Error() : error;
+    }
     const auto findRun = [&](auto& extent) { return extent.FindRun(sector, mostSectors, run); };
     return m_OpenKind == OpenKind_t::Flat ? AskExtents(m_FlatExtents, findRun) : AskExtents(m_SparseExtents, findRun);
 }
 
 CZuError CVmdkFileReader::ReadRun(const SectorRun_t& run, char* buffer, uint32_t size) {
+    if (run.server != nullptr)
+        return run.server->ReadSectors(run.fileOffset >> SectorShift, buffer, size);
     ZU_RETURN_IF_ERROR(ReadFileAt(*run.file, run.fileOffset, 0, buffer, size, nullptr));
     return CZuError();
 }
@@ -83,6 +94,8 @@ CZuError CVmdkFileReader::ParseVmdkDescriptorFile(const char* name, VmdkDescript
 
 CZuError CVmdkFileReader::DumpSparseInfo(CZuFile& out, const char* name, uint64_t blockSectors) {
     ZU_RETURN_IF_ERROR(RefuseUnlessOpen());
+    if (m_OpenKind == OpenKind_t::Managed)
+        return m_ManagedDisk.DumpSparseInfo(out, name);
     ZU_RETURN_IF_ERROR(WriteSparseDumpCount(out, static_cast<uint32_t>(m_FlatExtents.size() + m_SparseExtents.size())));
     for (size_t index = 0; index < m_FlatExtents.size(); ++index)
         ZU_RETURN_IF_ERROR(m_FlatExtents[index].DumpSparseInfo(out, IndexedName(name, index), blockSectors));
@@ -138,6 +151,23 @@ CZuError CVmdkFileReader::OpenFlatDisk(const char* name) {
     return CZuError();
 }
 
+CZuError CVmdkFileReader::OpenVcb4Disk(const char* name) {
+    m_ManagedDisk.SetVMInfo(m_VMInfo, m_VMInfoTexts[0].c_str(), m_VMInfoTexts[1].c_str());
+    m_ManagedDisk.SetBlockSize(static_cast<uint32_t>(m_BlockSize));
+    ScopeGuard closeUnlessKept([this] { Dropped(CloseDisk()); });  // the first error is the one to report
+    ZU_RETURN_IF_ERROR(m_ManagedDisk.OpenDisk(name, 0, VwExtentTypeSparse));
+    m_OpenKind = OpenKind_t::Managed;
+    closeUnlessKept.Dismiss();
+    return CZuError();
+}
+
+CZuError CVmdkFileReader::ReadManagedSector(uint64_t sector, char* buffer, unsigned long size) {
+    CZuError error = m_ManagedDisk.ReadSector(sector, buffer, size);
+    if (m_ManagedDisk.IsErrorSectorNotFound(error) != 0)
+        return VmdkSectorNotFound.Error();
+    return m_ManagedDisk.IsErrorEOF(error) != 0 ? SectorOutOfRange.Error() : error;
+}
+
 // Opens all extents, one behind the other on the disk.
 template <typename Extent>
 CZuError CVmdkFileReader::OpenExtents(const VmdkDescriptorFile_t& descriptor, VwExtentType type,
@@ -156,7 +186,8 @@ CZuError CVmdkFileReader::RefuseUnlessOpen() const {
     switch (m_OpenKind) {
     case OpenKind_t::None: return Refusal("Object is in invalid state. Make sure OpenDisk succeeded");
     case OpenKind_t::Flat:
-    case OpenKind_t::Sparse: return CZuError();
+    case OpenKind_t::Sparse:
+    case OpenKind_t::Managed: return CZuError();
     }
     return Refusal("Object is in invalid state. Note sure what is the file type");
 }

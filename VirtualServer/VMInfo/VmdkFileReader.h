@@ -8,12 +8,11 @@
 #include "VirtualServer/VMInfo/SectorRun.h"
 #include "VirtualServer/VMInfo/VmdkFlatExtentReader.h"
 #include "VirtualServer/VMInfo/VmdkSparseExtentReader.h"
+#include "VirtualServer/VMInfo/VmdkVcb4ExtentReader.h"
 #include "foundation/ZuError.h"
 #include "foundation/ZuFile.h"
 #include "foundation/ZuString.h"
 #include "platform/Export.h"
-
-class IVMInfo;
 
 enum VmdkAccess_t : int {
     VmdkAccessReadWrite = 1,
@@ -39,13 +38,13 @@ struct VmdkDescriptorFile_t {
     std::vector<VmdkExtentDescriptor_t> extents;  // in the order of the disk
 };
 
-// A whole VMDK disk for reading by sector: one sparse file, or a descriptor with several flat or
-// sparse extents. Open, read in any order, close. The block stream doesn't go through it.
-// Not for use by two threads at once.
+// A whole VMDK disk for reading by sector: one sparse file, a descriptor with several flat or sparse
+// extents, or a disk that a hypervisor serves. Open, read in any order, close. The block stream
+// doesn't go through it. Not for use by two threads at once.
 class DISKSTREAM_EXPORT CVmdkFileReader {
 public:
     // Opens the sparse file `name` (types 1 and 2), or the descriptor `name` with all its extents
-    // (types 3, 5 and 6). Anything else is "Not a supported disk type". After a failure nothing is
+    // (types 3, 5 and 6), or the hypervisor's disk `name` (type 18). Anything else is "Not a supported disk type". After a failure nothing is
     // open.
     CZuError OpenDisk(const char* name, DiskType_t type);
 
@@ -67,7 +66,8 @@ public:
     CZuError ParseVmdkDescriptorFile(const char* name, VmdkDescriptorFile_t& out, DiskType_t type);
 
     // Writes the number of extents and then the sparse dump of each, named `name`, "_" and its
-    // index as eight hexadecimal digits; `blockSectors` is what the records of flat ones tell.
+    // index as eight hexadecimal digits; `blockSectors` is what the records of flat ones tell. A
+    // hypervisor's disk has one, under `name` itself.
     CZuError DumpSparseInfo(CZuFile& out, const char* name, uint64_t blockSectors);
 
     // What a disk behind a hypervisor is opened with; other disks don't use it. `info` stays the
@@ -79,10 +79,12 @@ public:
     int IsErrorSectorNotFound(const CZuError& error) const;
 
 private:
-    enum class OpenKind_t { None, Flat, Sparse };
+    enum class OpenKind_t { None, Flat, Sparse, Managed };
 
     CZuError OpenSparseDisk(const char* name);
     CZuError OpenFlatDisk(const char* name);
+    CZuError OpenVcb4Disk(const char* name);
+    CZuError ReadManagedSector(uint64_t sector, char* buffer, unsigned long size);
     template <typename Extent>
     CZuError OpenExtents(const VmdkDescriptorFile_t& descriptor, VwExtentType type, std::vector<Extent>& extents);
     CZuError RefuseUnlessOpen() const;
@@ -91,6 +93,7 @@ private:
     OpenKind_t m_OpenKind = OpenKind_t::None;
     std::vector<CVmdkFlatExtentReader> m_FlatExtents;
     std::vector<CVmdkSparseExtentReader> m_SparseExtents;
+    CVmdkVcb4ExtentReader m_ManagedDisk;
     IVMInfo* m_VMInfo = nullptr;
     std::string m_VMInfoTexts[2];
     uint64_t m_BlockSize = 0;

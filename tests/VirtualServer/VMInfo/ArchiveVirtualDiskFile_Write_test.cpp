@@ -102,7 +102,7 @@ TEST_F(ArchiveVirtualDiskFileWrite, CreateServesThePairsThatAReaderServesAndNoOt
     for (int product = 0; product <= 4; ++product) {
         for (int type = 0; type <= 20; ++type) {
             SCOPED_TRACE("product " + std::to_string(product) + ", type " + std::to_string(type));
-            const bool isVmdk = type == 1 || type == 2 || type == 3 || type == 5 || type == 6;
+            const bool isVmdk = type == 1 || type == 2 || type == 3 || type == 5 || type == 6 || type == 18;
             const bool isVhd = type >= 12 && type <= 14;
             const bool isDrive = type == 15 || type == 16;
             if ((product == 1 && isVmdk) || (product == 2 && isVhd) || (product == 3 && isDrive))

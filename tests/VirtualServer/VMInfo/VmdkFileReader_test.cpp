@@ -73,6 +73,8 @@ TEST_F(VmdkFileReader, RefusesTheTypesThatNoReaderServes) {
     for (int type = 0; type <= 20; ++type) {
         if (type == 1 || type == 2 || type == 3 || type == 5 || type == 6)
             continue;
+        if (type == DiskType_VMInfoDisk)
+            continue;  // its reader has no server to ask
         EXPECT_REFUSED(m_Reader.OpenDisk(path.c_str(), DiskType_t(type)), "Not a supported disk type") << type;
         EXPECT_REFUSED(m_Reader.ReadSector(0, m_Buffer, 512), NothingOpen);
     }
