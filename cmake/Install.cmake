@@ -59,7 +59,7 @@ endforeach()
 diskstream_install_part(diskstream ${coreTargets})
 # A program that needs only the core doesn't look for the agent's libraries, so the agent is a part of its own.
 if(TARGET diskstream_agent_static)
-  diskstream_install_headers(agent)
+  diskstream_install_headers(agent hypervisor)
   diskstream_install_part(diskstream-agent ${agentTargets})
 endif()
 diskstream_install_package()

@@ -5,11 +5,12 @@ set -euo pipefail
 
 packages_for() {
     case $1 in
-    build) echo cmake ninja-build g++ pkg-config libcli11-dev nlohmann-json3-dev libsqlite3-dev libzstd-dev libxxhash-dev ;;
+    build) echo cmake ninja-build g++ pkg-config libcli11-dev nlohmann-json3-dev libsqlite3-dev libzstd-dev libxxhash-dev libnbd-dev ;;
     test) echo libgtest-dev libgmock-dev qemu-utils xz-utils e2fsprogs fdisk gdisk ntfs-3g libvhdi-utils lvm2 ldmtool sleuthkit ;;
     demo) echo qemu-utils xz-utils ;;
     bench) echo libbenchmark-dev qemu-utils time fdisk ntfs-3g sleuthkit p7zip-full attr restic borgbackup ;;
     windows) echo cmake ninja-build g++-mingw-w64-x86-64-posix googletest ;;
+    wine) echo wine wine64 ;;
     x86) echo cmake ninja-build g++ g++-multilib googletest ;;
     fuzz) echo clang-14 libclang-rt-14-dev ;;
     lint) echo git clang-tidy-14 clang-format-14 ;;
