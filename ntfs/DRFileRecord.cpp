@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "VirtualServer/VMInfo/detail/NtfsRecordWalk.h"
 #include "foundation/detail/ByteView.h"
 #include "ntfs/detail/NtfsFormat.h"
 
@@ -79,85 +80,34 @@ ATTR_RECORD_HEADER_t* Search(ATTR_RECORD_HEADER_t* attribute, uint32_t type) {
     return attribute;
 }
 
-int FixSectors(char* record, uint32_t recordBytes, uint32_t sectorSize, int failure) {
-    const CByteView view(record, recordBytes);
-    NtfsRecordHead_t head{};
-    Le16_t check{};
-    if (!view.Get(0, head) || !view.Get(head.sequenceOffset, check))
-        return failure;
-    for (uint64_t index = 1; index < head.sequenceCount; ++index) {
-        const uint64_t sectorEnd = index * sectorSize;
-        Le16_t stored{};
-        Le16_t original{};
-        if (sectorEnd < sizeof(stored) || !view.Get(sectorEnd - sizeof(stored), stored) || stored != check ||
-            !view.Get(head.sequenceOffset + index * sizeof(original), original))
-            return failure;
-        std::memcpy(record + sectorEnd - sizeof(original), &original, sizeof(original));
-    }
-    return NtfsOk;
-}
-
-struct Run_t {
-    uint64_t length = 0;
-    uint64_t lcn = 0;
-    bool isHole = false;
-};
-
-uint64_t LittleEndianNumber(const char* bytes, unsigned count) {
-    uint64_t value = 0;
-    for (unsigned index = count; index-- > 0;)
-        value = value << 8U | static_cast<uint8_t>(bytes[index]);
-    return value;
-}
-
-uint64_t SignExtended(uint64_t value, unsigned count) {
-    const bool isNegative = count != 0 && count < 8 && (value >> (8 * count - 1) & 1U) != 0;
-    return isNegative ? value | ~uint64_t{0} << (8 * count) : value;
-}
-
-// Takes the runs off a list, one after the other.
-class CRunListReader {
+// Takes the runs off a list as extents, one after the other.
+class CDataRunExtents {
 public:
-    CRunListReader(CByteView list, uint64_t startVcn) : m_List(list), m_Vcn(startVcn) {}
+    CDataRunExtents(CByteView list, uint64_t startVcn) : m_Runs(list, startVcn) {}
 
-    // NtfsEndOfRun behind the last one. Each run takes at least its own head off the list, so it ends.
+    // NtfsEndOfRun behind the last one.
     int Next(DATARUN_EXTENT_t& extent) {
-        U8_t head{};
-        if (!m_List.Get(m_At, head))
-            return NtfsRecordCorrupted;
-        if (head == 0)
-            return NtfsEndOfRun;
-        const unsigned lengthBytes = head & 0xFU;
-        const unsigned offsetBytes = head >> 4U;
-        if (lengthBytes > 8 || offsetBytes > 8)
-            return NtfsRunTooWide;
-        if (!m_List.Holds(m_At + 1, lengthBytes + offsetBytes))
-            return NtfsRecordCorrupted;
-        const char* const numbers = m_List.Data() + m_At + 1;
-        m_At += 1 + lengthBytes + offsetBytes;
-        const uint64_t length = LittleEndianNumber(numbers, lengthBytes);
-        if (length > ~m_Vcn)
-            return NtfsRecordCorrupted;
-        m_Vcn += length;
-        // Offsets count from the last run with clusters, so holes leave it where it is.
-        m_Lcn += SignExtended(LittleEndianNumber(numbers + lengthBytes, offsetBytes), offsetBytes);
-        extent.NextVcn = m_Vcn;
-        extent.RunLength = length;
-        extent.StartLcn = offsetBytes == 0 ? HoleLcn : m_Lcn;
-        extent.EndLcn = offsetBytes == 0 ? HoleLcn : m_Lcn + length - 1;
+        NtfsDataRun_t run;
+        switch (m_Runs.Next(run)) {
+        case NtfsRunStep_t::Run: break;
+        case NtfsRunStep_t::End: return NtfsEndOfRun;
+        case NtfsRunStep_t::TooWide: return NtfsRunTooWide;
+        case NtfsRunStep_t::Corrupted: return NtfsRecordCorrupted;
+        }
+        extent.NextVcn = run.firstVcn + run.clusters;
+        extent.RunLength = run.clusters;
+        extent.StartLcn = run.isHole ? HoleLcn : run.firstLcn;
+        extent.EndLcn = run.isHole ? HoleLcn : run.firstLcn + run.clusters - 1;
         return NtfsOk;
     }
 
 private:
-    CByteView m_List;
-    uint64_t m_At = 0;
-    uint64_t m_Vcn;
-    uint64_t m_Lcn = 0;
+    CNtfsRunReader m_Runs;
 };
 
 // How many runs are whole, and how the list ends.
 uint32_t CountRuns(CByteView list, uint64_t startVcn, int& result) {
-    CRunListReader reader(list, startVcn);
+    CDataRunExtents reader(list, startVcn);
     DATARUN_EXTENT_t extent{};
     uint32_t count = 0;
     while ((result = reader.Next(extent)) == NtfsOk)
@@ -165,21 +115,6 @@ uint32_t CountRuns(CByteView list, uint64_t startVcn, int& result) {
     if (result == NtfsEndOfRun)
         result = NtfsOk;
     return count;
-}
-
-// Nothing is read where there are no bytes, so their place may be any.
-bool PieceLiesInside(CByteView record, uint64_t offset, uint64_t bytes) {
-    return bytes == 0 || record.Holds(offset, bytes);
-}
-
-bool FormLiesInside(CByteView record, uint64_t at, const ATTR_RECORD_HEADER_t& attribute) {
-    if (attribute.IsNonResident == 0) {
-        NtfsResidentForm_t form{};
-        return record.Get(at + ResidentFormOffset, form) &&
-               PieceLiesInside(record, at + form.valueOffset, form.valueLength);
-    }
-    NtfsNonResidentForm_t form{};
-    return record.Get(at + NonResidentFormOffset, form) && record.Holds(at + form.runListOffset, 1);
 }
 
 }  // namespace
@@ -259,45 +194,28 @@ int CDRFileRecord::ConvertDataRunToExtent(char* runList, uint32_t runListBytes, 
     auto* const block = reinterpret_cast<DATARUN_EXTENTS*>(extents->GetPtr());
     *block = DATARUN_EXTENTS{};
     block->Count = count;
-    CRunListReader reader(list, startVcn);
+    CDataRunExtents reader(list, startVcn);
     for (uint32_t index = 0; index < count; ++index)
         reader.Next(block->Runs()[index]);
     return result;
 }
 
 int CDRFileRecord::DoFILESectorFixup(char* record, uint32_t sectorSize) {
-    return FixSectors(record, UnknownLength, sectorSize, NtfsRecordCorrupted);
+    return MendSectorEnds(record, UnknownLength, sectorSize) ? NtfsOk : NtfsRecordCorrupted;
 }
 
 int CDRFileRecord::DoINDXSectorFixup(char* record, uint32_t sectorSize) {
-    return FixSectors(record, UnknownLength, sectorSize, NtfsIndexCorrupted);
+    return MendSectorEnds(record, UnknownLength, sectorSize) ? NtfsOk : NtfsIndexCorrupted;
 }
 
 int CDRFileRecord::DoFILESectorFixup(char* record, uint32_t recordBytes, uint32_t sectorSize) {
-    return FixSectors(record, recordBytes, sectorSize, NtfsRecordCorrupted);
+    return MendSectorEnds(record, recordBytes, sectorSize) ? NtfsOk : NtfsRecordCorrupted;
 }
 
 int CDRFileRecord::DoINDXSectorFixup(char* record, uint32_t recordBytes, uint32_t sectorSize) {
-    return FixSectors(record, recordBytes, sectorSize, NtfsIndexCorrupted);
+    return MendSectorEnds(record, recordBytes, sectorSize) ? NtfsOk : NtfsIndexCorrupted;
 }
 
 int CDRFileRecord::CheckAttributes(const char* record, uint32_t recordBytes) {
-    const CByteView view(record, recordBytes);
-    NtfsFileRecord_t head{};
-    if (!view.Get(0, head))
-        return NtfsRecordCorrupted;
-    // Each step moves on by at least a byte, so the walk ends on any bytes.
-    for (uint64_t at = head.firstAttribute;;) {
-        Le32_t type{};
-        if (!view.Get(at, type))
-            return NtfsRecordCorrupted;
-        if (type == AttrEndMarker)
-            return NtfsOk;
-        ATTR_RECORD_HEADER_t attribute{};
-        if (!view.Get(at, attribute) || attribute.Length == 0 || !view.Holds(at, attribute.Length) ||
-            !PieceLiesInside(view, at + attribute.NameOffset, uint64_t{attribute.NameLength} * 2) ||
-            !FormLiesInside(view, at, attribute))
-            return NtfsRecordCorrupted;
-        at += attribute.Length;
-    }
+    return AttributesLieInside(CByteView(record, recordBytes)) ? NtfsOk : NtfsRecordCorrupted;
 }
