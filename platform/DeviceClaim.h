@@ -4,8 +4,8 @@
 
 #include "platform/Export.h"
 
-// Keeps others from using a block device as long as the object lives: what is mounted, or claimed by
-// somebody else, can't be claimed.
+// Keeps others from using a block device, or from claiming a plain file, as long as the object lives: what is mounted,
+// or claimed by somebody else, can't be claimed. A name is taken as `IFiles::Open` takes it.
 class DISKSTREAM_EXPORT CDeviceClaim {
 public:
     CDeviceClaim() = default;
@@ -19,3 +19,6 @@ public:
 private:
     int m_Fd = -1;
 };
+
+// True for a block device that is mounted, or that somebody else has for himself.
+DISKSTREAM_EXPORT bool IsDeviceClaimed(const std::string& name);
