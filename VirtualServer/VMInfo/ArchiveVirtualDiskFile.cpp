@@ -16,7 +16,7 @@ constexpr ProductType_t NoProduct = ProductType_t{0};
 constexpr char NoFileIsOpen[] = "No file is open. Make sure Open succeeded";
 constexpr char AlreadyOpen[] = "Already have an open file. Close it first";
 
-enum class Reader_t { None, SparseExtent, FlatExtent, Managed, VhdFixed, VhdDynamic, PhysicalDisk };
+enum class Reader_t { None, SparseExtent, FlatExtent, Managed, VhdFixed, VhdDynamic, PhysicalDisk, NtfsVolume };
 
 // Which reader serves which kind of disk. A reader that lands adds its rows.
 struct ServedDisk_t {
@@ -37,6 +37,7 @@ constexpr ServedDisk_t ServedDisks[] = {
     {VirtualProdType_HyperV, DiskType_VhdDifferencing, Reader_t::VhdDynamic},
     {VirtualProdType_Physical, DiskType_PhysicalDisk, Reader_t::PhysicalDisk},
     {VirtualProdType_Physical, DiskType_PhysicalDisk2, Reader_t::PhysicalDisk},
+    {VirtualProdType_Physical, DiskType_NTFSVolume, Reader_t::NtfsVolume},
 };
 
 constexpr uint64_t DefaultVhdBlockSectors = 0x10000;
@@ -123,6 +124,7 @@ CZuError CArchiveVirtualDiskFile::Close() {
     LogClosing("disk behind a hypervisor", m_ManagedDisk.CloseDisk());
     LogClosing("physical disk", m_PhysicalDisk.CloseDisk());
     LogClosing("VHD file", m_VhdFile.CloseDisk());
+    LogClosing("NTFS volume", m_NtfsVolume.CloseVolume());
     m_DiskType = NoDiskType;
     m_ProductType = NoProduct;
     return CZuError();
@@ -149,6 +151,10 @@ CZuError CArchiveVirtualDiskFile::GetFirstBlock(CAutoMemory<char>& metadata, uns
         if (context.blockSectors == 0)
             context.blockSectors = DefaultVhdBlockSectors;
         ZU_RETURN_IF_ERROR(m_VhdFile.GetMetadataInfo(metadata));
+        break;
+    case Reader_t::NtfsVolume:
+        context.blockSectors = m_NtfsVolume.GetBlockSize();
+        ZU_RETURN_IF_ERROR(m_NtfsVolume.GetMetadataInfo(metadata));
         break;
     case Reader_t::PhysicalDisk:
     case Reader_t::None: break;
@@ -188,6 +194,7 @@ CZuError CArchiveVirtualDiskFile::WriteBlock(CAutoMemory<char>& data, uint64_t b
     case Reader_t::VhdFixed:
     case Reader_t::VhdDynamic: ZU_RETURN_IF_ERROR(m_VhdFile.WriteBlock(blockNumber, blockSectors, data)); break;
     case Reader_t::PhysicalDisk: ZU_RETURN_IF_ERROR(m_PhysicalDisk.WriteBlock(blockNumber, blockSectors, data)); break;
+    case Reader_t::NtfsVolume: ZU_RETURN_IF_ERROR(m_NtfsVolume.WriteBlock(blockNumber, data)); break;
     case Reader_t::None: break;
     }
     return CZuError();
@@ -242,6 +249,7 @@ CZuError CArchiveVirtualDiskFile::OpenReader(const char* name, DiskType_t type) 
     case Reader_t::VhdFixed:
     case Reader_t::VhdDynamic: ZU_RETURN_IF_ERROR(m_VhdFile.OpenDisk(name, type)); break;
     case Reader_t::PhysicalDisk: ZU_RETURN_IF_ERROR(m_PhysicalDisk.OpenDisk(name)); break;
+    case Reader_t::NtfsVolume: ZU_RETURN_IF_ERROR(m_NtfsVolume.OpenVolume(name)); break;
     case Reader_t::None: return NotSupported(type);
     }
     return CZuError();
@@ -252,7 +260,7 @@ CZuError CArchiveVirtualDiskFile::CreateTarget(const char* name, DiskType_t type
     switch (m_ProductType) {
     case VirtualProdType_VMware: return CreateVmdkFile(name, type, metadata, blockSectors, context);
     case VirtualProdType_HyperV: return CreateVhdFile(name, type, metadata, blockSectors, context);
-    case VirtualProdType_Physical: return CreatePhysicalDisk(name, type, blockSectors, context);
+    case VirtualProdType_Physical: return CreatePhysicalDisk(name, type, metadata, blockSectors, context);
     }
     return UnknownProduct(m_ProductType);
 }
@@ -264,11 +272,16 @@ CZuError CArchiveVirtualDiskFile::CreateVhdFile(const char* name, DiskType_t typ
     return CZuError();
 }
 
-CZuError CArchiveVirtualDiskFile::CreatePhysicalDisk(const char* name, DiskType_t type, unsigned int blockSectors,
-                                                     Context_t& context) {
+CZuError CArchiveVirtualDiskFile::CreatePhysicalDisk(const char* name, DiskType_t type, CAutoMemory<char>& metadata,
+                                                     unsigned int blockSectors, Context_t& context) {
     if (!IsPhysicalKind(type))
         return Refusal(CZuString::Format("Unknown disk type {1} for product type VirtualProdType_Physical",
                                          static_cast<int>(type)));
+    if (ReaderOf(type) == Reader_t::NtfsVolume) {
+        ZU_RETURN_IF_ERROR(m_NtfsVolume.CreateVolume(name, metadata));
+        context.blockSectors = m_NtfsVolume.GetBlockSize();
+        return CZuError();
+    }
     if (ReaderOf(type) != Reader_t::PhysicalDisk)
         return NotSupported(type);
     ZU_RETURN_IF_ERROR(m_PhysicalDisk.CreateDisk(name));
@@ -326,6 +339,7 @@ CZuError CArchiveVirtualDiskFile::ReadCurrentBlock(CAutoMemory<char>& block, con
     case Reader_t::VhdFixed:
     case Reader_t::VhdDynamic: return ReadVhdBlock(block, context);
     case Reader_t::PhysicalDisk: return ReadPhysicalBlock(block, context);
+    case Reader_t::NtfsVolume: return ReadNtfsBlock(block, context);
     case Reader_t::None: break;
     }
     return CZuError();
@@ -362,6 +376,17 @@ CZuError CArchiveVirtualDiskFile::ReadPhysicalBlock(CAutoMemory<char>& block, co
     return m_PhysicalDisk.ReadBlock(context.blockNumber, block.GetPtr(), block.GetSize() >> SectorShift);
 }
 
+CZuError CArchiveVirtualDiskFile::ReadNtfsBlock(CAutoMemory<char>& block, const Context_t& context) {
+    if (context.blockSectors < m_NtfsVolume.GetBlockSize())
+        return Refusal(CZuString::Format("Block size {1} is less than the volume's block size {2}",
+                                         context.blockSectors, m_NtfsVolume.GetBlockSize()));
+    uint32_t gotSectors = 0;
+    CZuError error = m_NtfsVolume.ReadBlock(context.blockNumber, block.GetPtr(), &gotSectors);
+    if (!error.IsErrorSet())
+        block.Alloc(gotSectors << SectorShift);
+    return error;
+}
+
 CZuError CArchiveVirtualDiskFile::ReadManagedBlock(CAutoMemory<char>& block, const Context_t& context) {
     if (context.blockSectors < m_ManagedDisk.GetBlockSize())
         return Refusal(CZuString::Format("Block size {1} is less than the disk's block size {2}", context.blockSectors,
@@ -384,7 +409,7 @@ CZuError CArchiveVirtualDiskFile::WriteManagedBlock(CAutoMemory<char>& data, uin
 
 bool CArchiveVirtualDiskFile::IsHole(const CZuError& error) const {
     return m_SparseExtent.IsErrorSectorNotFound(error) != 0 || m_ManagedDisk.IsErrorSectorNotFound(error) != 0 ||
-           m_VhdFile.IsErrorSectorNotFound(error) != 0;
+           m_VhdFile.IsErrorSectorNotFound(error) != 0 || m_NtfsVolume.IsErrorSectorNotFound(error) != 0;
 }
 
 // Empty disks have millions of holes, which the tables pass over faster than reads would.
@@ -400,5 +425,5 @@ uint64_t CArchiveVirtualDiskFile::NextHeldBlock(uint64_t number) {
 bool CArchiveVirtualDiskFile::IsEndOfReader(const CZuError& error) const {
     return m_SparseExtent.IsErrorEOF(error) != 0 || m_ManagedDisk.IsErrorEOF(error) != 0 ||
            m_FlatExtent.IsErrorEOF(error) != 0 || m_VhdFile.IsErrorEOF(error) != 0 ||
-           m_PhysicalDisk.IsErrorEOF(error) != 0;
+           m_PhysicalDisk.IsErrorEOF(error) != 0 || m_NtfsVolume.IsErrorEOF(error) != 0;
 }

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "VirtualServer/VMInfo/DiskTypes.h"
+#include "VirtualServer/VMInfo/NTFSVolumeReader.h"
 #include "VirtualServer/VMInfo/PhysicalDiskReader.h"
 #include "VirtualServer/VMInfo/VHDFileReader.h"
 #include "VirtualServer/VMInfo/VmdkFileReader.h"
@@ -90,7 +91,8 @@ private:
                             Context_t& context);
     CZuError CreateVhdFile(const char* name, DiskType_t type, CAutoMemory<char>& metadata, unsigned int blockSectors,
                            Context_t& context);
-    CZuError CreatePhysicalDisk(const char* name, DiskType_t type, unsigned int blockSectors, Context_t& context);
+    CZuError CreatePhysicalDisk(const char* name, DiskType_t type, CAutoMemory<char>& metadata,
+                                unsigned int blockSectors, Context_t& context);
     CZuError ReadForward(CAutoMemory<char>& block, Context_t& context);
     CZuError AllocateBlock(CAutoMemory<char>& block, const char* outOfMemory, const Context_t& context) const;
     CZuError ReadCurrentBlock(CAutoMemory<char>& block, const Context_t& context);
@@ -98,6 +100,7 @@ private:
     CZuError ReadFlatGrain(CAutoMemory<char>& block, const Context_t& context);
     CZuError ReadVhdBlock(CAutoMemory<char>& block, const Context_t& context);
     CZuError ReadPhysicalBlock(CAutoMemory<char>& block, const Context_t& context);
+    CZuError ReadNtfsBlock(CAutoMemory<char>& block, const Context_t& context);
     CZuError ReadManagedBlock(CAutoMemory<char>& block, const Context_t& context);
     CZuError WriteManagedBlock(CAutoMemory<char>& data, uint64_t blockNumber, unsigned int blockSectors);
     bool IsHole(const CZuError& error) const;
@@ -111,4 +114,5 @@ private:
     CVmdkVcb4ExtentReader m_ManagedDisk;
     CPhysicalDiskReader m_PhysicalDisk;
     CVHDFileReader m_VhdFile;
+    CNTFSVolumeReader m_NtfsVolume;
 };

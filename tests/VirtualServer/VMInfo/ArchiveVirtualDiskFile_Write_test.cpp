@@ -111,6 +111,8 @@ TEST_F(ArchiveVirtualDiskFileWrite, CreateServesThePairsThatAReaderServesAndNoOt
             std::string text = "Disk type not supported " + std::to_string(type);
             if (product == 3 && !isPhysical)
                 text = "Unknown disk type " + std::to_string(type) + " for product type VirtualProdType_Physical";
+            if (product == 3 && type == 17)
+                text = "Metadata header is corrupted";
             if (product == 2)
                 text = "Disk of type " + std::to_string(type) + " is not supported by this class";
             if (product == 0 || product == 4)
