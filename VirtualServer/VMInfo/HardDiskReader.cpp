@@ -43,7 +43,7 @@ private:
     std::unique_ptr<CPhysicalDiskReader> m_Reader;
 };
 
-CZuError UnknownProduct(ProductType_t product) {
+CZuError UnknownDiskProduct(ProductType_t product) {
     return Refusal(CZuString::Format("Unknown product type {1}", static_cast<int>(product)));
 }
 
@@ -77,7 +77,7 @@ CZuError CHardDiskReader::OpenHardDisk(std::vector<Disk_t>& disks) {
         case VirtualProdType_HyperV: return OpenVhdHardDisk(disks);
         case VirtualProdType_Physical: return OpenPhysicalHardDisk(disks.front());
         }
-        return UnknownProduct(m_ProductType);
+        return UnknownDiskProduct(m_ProductType);
     });
 }
 

@@ -13,7 +13,7 @@
 namespace {
 
 constexpr int NewDumpFlags = OpenForBoth | OpenNotInherited | OpenCreating | OpenTruncating | OpenAsBinary;
-constexpr int OwnerReadsAndWrites = 0600;
+constexpr int OwnerReadsAndWritesDump = 0600;
 
 char Mark(int32_t isSet) {
     return isSet != 0 ? '1' : '0';
@@ -78,7 +78,7 @@ CZuError CLVM::DumpVolumeInfoToFile(const char* path) const {
     if (path == nullptr)
         return Refusal("Invalid parameter");
     CZuFile out;
-    ZU_RETURN_IF_ERROR(out.Open(path, NewDumpFlags, OwnerReadsAndWrites));
+    ZU_RETURN_IF_ERROR(out.Open(path, NewDumpFlags, OwnerReadsAndWritesDump));
     ZU_RETURN_IF_ERROR(WriteWhole(out, DumpSignature11, DumpSignatureBytes));
     ZU_RETURN_IF_ERROR(WriteSparseDumpCount(out, static_cast<uint32_t>(m_Volumes.size())));
     for (const LVM_Volume_t& volume : m_Volumes)

@@ -12,30 +12,31 @@
 
 namespace {
 
-constexpr char OutOfRange[] = "Offset out of range";
+constexpr char ReadOutOfRange[] = "Offset out of range";
 
-CZuError FindInStripes(const LVM_Volume_t& volume, uint64_t offset, uint64_t lba, VolumePlace_t& place) {
+CZuError FindStripesToRead(const LVM_Volume_t& volume, uint64_t offset, uint64_t lba, VolumePlace_t& place) {
     if (lba > volume.Segments.back().LBAEnd)
-        return Refusal(OutOfRange);
+        return Refusal(ReadOutOfRange);
     const auto segment = std::find_if(volume.Segments.begin(), volume.Segments.end(),
                                       [&](const LVM_Segment_t& each) { return each.LBAStart <= lba; });
     const bool isFound =
         segment != volume.Segments.end() && FindPlaceInStripes(volume.IsRaid5 != 0, *segment, offset, place);
-    return isFound ? CZuError() : Refusal(OutOfRange);
+    return isFound ? CZuError() : Refusal(ReadOutOfRange);
 }
 
-CZuError FindInSpan(const LVM_Volume_t& volume, uint64_t offset, uint64_t lba, VolumePlace_t& place) {
+CZuError FindSpanToRead(const LVM_Volume_t& volume, uint64_t offset, uint64_t lba, VolumePlace_t& place) {
     for (const LVM_Segment_t& segment : volume.Segments) {
         if (segment.LBAStart <= lba && FindPlaceInSpan(segment, offset, lba, place))
             return CZuError();
     }
-    return Refusal(OutOfRange);
+    return Refusal(ReadOutOfRange);
 }
 
-CZuError FindPlace(const LVM_Volume_t& volume, uint64_t offset, uint64_t lba, VolumePlace_t& place) {
+CZuError FindPlaceToRead(const LVM_Volume_t& volume, uint64_t offset, uint64_t lba, VolumePlace_t& place) {
     if (volume.Segments.empty())
-        return Refusal(OutOfRange);
-    return IsStriped(volume) ? FindInStripes(volume, offset, lba, place) : FindInSpan(volume, offset, lba, place);
+        return Refusal(ReadOutOfRange);
+    return IsStriped(volume) ? FindStripesToRead(volume, offset, lba, place)
+                             : FindSpanToRead(volume, offset, lba, place);
 }
 
 }  // namespace
@@ -50,12 +51,12 @@ CZuError CLVM::ReadVolumeData(const LVM_Volume_t& volume, uint64_t offset, void*
         *bytesRead = 0;
     for (uint32_t done = 0; done < length;) {
         VolumePlace_t place;
-        ZU_RETURN_IF_ERROR(FindPlace(volume, offset, (offset + done) >> SectorShift, place));
+        ZU_RETURN_IF_ERROR(FindPlaceToRead(volume, offset, (offset + done) >> SectorShift, place));
         if (place.component->HardDiskIndex >= m_HardDisks.size())
             return Refusal("Volume component is not point to any harddisk object");
         const auto chunk = static_cast<uint32_t>(std::min<uint64_t>(place.chunk, length - done));
         if (chunk == 0)
-            return Refusal(OutOfRange);  // a span that wraps to nothing would never end
+            return Refusal(ReadOutOfRange);  // a span that wraps to nothing would never end
         const uint64_t diskOffset = DiskOffsetOf(place);
         ZU_RETURN_IF_ERROR(m_HardDisks[place.component->HardDiskIndex]->ReadHardDiskData(
             diskOffset, static_cast<char*>(buffer) + done, chunk));
@@ -68,7 +69,7 @@ CZuError CLVM::ReadVolumeData(const LVM_Volume_t& volume, uint64_t offset, void*
 
 uint32_t CLVM::CountBytesTogether(const LVM_Volume_t& volume, uint64_t offset, uint32_t length) {
     VolumePlace_t place;
-    const CZuError error = FindPlace(volume, offset, offset >> SectorShift, place);
+    const CZuError error = FindPlaceToRead(volume, offset, offset >> SectorShift, place);
     const bool isFound = !error.IsErrorSet() && place.chunk != 0;
     return isFound ? static_cast<uint32_t>(std::min<uint64_t>(place.chunk, length)) : length;
 }

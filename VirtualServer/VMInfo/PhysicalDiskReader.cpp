@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr Condition_t EndOfDisk{ErrorType::Condition, 8001, 1, nullptr};
+constexpr Condition_t EndOfPhysicalDisk{ErrorType::Condition, 8001, 1, nullptr};
 constexpr uint64_t DefaultBlockSectors = 512;
 constexpr char TooMuchAtOnce[] = "Cannot read 4 GiB or more at once";
 
@@ -51,7 +51,7 @@ CZuError CPhysicalDiskReader::ReadData(uint64_t offset, char* buffer, unsigned l
         return Refusal("Object is in invalid state. Make sure OpenDisk succeeded");
     uint64_t end = 0;
     if (!CheckedAdd(offset, size, end) || (m_DiskSize != 0 && end > m_DiskSize))
-        return EndOfDisk.Error();
+        return EndOfPhysicalDisk.Error();
     uint32_t sizeBytes = 0;
     if (!NarrowTo32(size, sizeBytes))
         return Refusal(TooMuchAtOnce);
@@ -62,7 +62,7 @@ CZuError CPhysicalDiskReader::ReadData(uint64_t offset, char* buffer, unsigned l
 CZuError CPhysicalDiskReader::ReadBlock(uint64_t number, char* buffer, unsigned int sectors) {
     uint64_t offset = 0;
     if (!OffsetOfBlock(number, sectors, offset))
-        return EndOfDisk.Error();
+        return EndOfPhysicalDisk.Error();
     uint32_t sizeBytes = 0;
     if (!NarrowTo32(uint64_t{sectors} << SectorShift, sizeBytes))
         return Refusal(TooMuchAtOnce);
@@ -84,7 +84,7 @@ CZuError CPhysicalDiskReader::WriteBlock(uint64_t number, unsigned int sectors, 
         return Refusal("Data size is greater than grain size");
     uint64_t offset = 0;
     if (!OffsetOfBlock(number, sectors, offset))
-        return EndOfDisk.Error();
+        return EndOfPhysicalDisk.Error();
     ZU_RETURN_IF_ERROR(WriteFileAt(m_File, offset, 0, data.GetPtr(), data.GetSize(), nullptr));
     return CZuError();
 }
@@ -104,7 +104,7 @@ CZuError CPhysicalDiskReader::SetDiskSize(uint64_t size) {
 }
 
 int CPhysicalDiskReader::IsErrorEOF(const CZuError& error) const {
-    return EndOfDisk.Holds(error) ? 1 : 0;
+    return EndOfPhysicalDisk.Holds(error) ? 1 : 0;
 }
 
 CZuError CPhysicalDiskReader::RefuseUnlessFree(const char* name) const {

@@ -13,10 +13,10 @@
 
 namespace {
 
-constexpr int FromTheEnd = 2;
-constexpr Condition_t SectorOutOfRange{ErrorType::LayerCondition, 4001, 1, "Sector Out of Range"};
+constexpr int FromTheFilesEnd = 2;
+constexpr Condition_t SectorOutOfFixedDisk{ErrorType::LayerCondition, 4001, 1, "Sector Out of Range"};
 
-CByteView ViewOf(const CAutoMemory<char>& bitmap) {
+CByteView ViewOfRead(const CAutoMemory<char>& bitmap) {
     return {bitmap.GetPtr(), bitmap.GetSize()};
 }
 
@@ -68,7 +68,7 @@ CZuError CVHDFileReader::FindRun(uint64_t sector, uint64_t mostSectors, SectorRu
     if (!m_File.IsValid())
         return Refusal(VhdNoOpenDisk);
     if (HasNoSectors() || sector > m_LastSector)
-        return SectorOutOfRange.Error();
+        return SectorOutOfFixedDisk.Error();
     const uint64_t most = std::min(std::max<uint64_t>(mostSectors, 1), m_LastSector - sector + 1);
     switch (m_DiskKind) {
     case KindFixed: return FindFixedRun(sector, most, run);
@@ -121,7 +121,7 @@ int CVHDFileReader::IsErrorSectorNotFound(const CZuError& error) const {
 
 CZuError CVHDFileReader::ReadFooter(const char* name, uint32_t wantedType) {
     VhdFileFooter_t footer;
-    ZU_RETURN_IF_ERROR(ReadFileAt(m_File, static_cast<uint64_t>(-int64_t{sizeof(footer)}), FromTheEnd, &footer,
+    ZU_RETURN_IF_ERROR(ReadFileAt(m_File, static_cast<uint64_t>(-int64_t{sizeof(footer)}), FromTheFilesEnd, &footer,
                                   sizeof(footer), nullptr));
     ConvertFooterFromNetToHost(footer, m_Footer);
     if (std::memcmp(m_Footer.cookie, VhdFooterCookie, sizeof(m_Footer.cookie)) != 0)
@@ -190,8 +190,8 @@ CZuError CVHDFileReader::FindDynamicRun(uint64_t sector, uint64_t mostSectors, S
     ZU_RETURN_IF_ERROR(error);
     const CAutoMemory<char>* bitmap = nullptr;
     ZU_RETURN_IF_ERROR(LoadBitmap(blockSector, bitmap));
-    run.sectors = CountEqualBits(ViewOf(*bitmap), inBlock, most);
-    run.file = HasBit(ViewOf(*bitmap), inBlock) ? &m_File : nullptr;
+    run.sectors = CountEqualBits(ViewOfRead(*bitmap), inBlock, most);
+    run.file = HasBit(ViewOfRead(*bitmap), inBlock) ? &m_File : nullptr;
     run.fileOffset = FileOffsetOfSector(uint64_t{blockSector} + m_BitmapSectors + inBlock);
     return CZuError();
 }

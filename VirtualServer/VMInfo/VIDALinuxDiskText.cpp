@@ -15,13 +15,13 @@
 
 namespace {
 
-constexpr char Log[] = "VIDALinuxDiskParser";
+constexpr char LogOfTexts[] = "VIDALinuxDiskParser";
 constexpr int LineBytes = 4096;
 
 using Exception_t = VIDALinuxDiskParserException;
 
 [[noreturn]] void Fail(const char* text) {
-    LgDebug().Error(Log, "%s", text);
+    LgDebug().Error(LogOfTexts, "%s", text);
     throw Exception_t(Exception_t::Lvm2, text);
 }
 

@@ -18,7 +18,7 @@
 namespace {
 
 constexpr int NewFileFlags = OpenAsBinary | OpenNotInherited | OpenCreating | OpenTruncating | OpenForWriting;
-constexpr int OwnerReadsAndWrites = 384;
+constexpr int OwnerReadsAndWritesImage = 384;
 constexpr char NoQuote = '\0';
 
 CZuString BodyText(const CAutoMemory<char>& metadata) {
@@ -75,7 +75,7 @@ CZuString DescriptorText(const std::string& flatName, uint64_t sectors, const CZ
 CZuError CreateVMDKDescriptorFile(const std::string& name, const std::string& flatName, uint64_t sectors,
                                   const CZuString& body) {
     CZuFile file;
-    ZU_RETURN_IF_ERROR(file.Open(name.c_str(), NewFileFlags, OwnerReadsAndWrites));
+    ZU_RETURN_IF_ERROR(file.Open(name.c_str(), NewFileFlags, OwnerReadsAndWritesImage));
     const CZuString text = DescriptorText(flatName, sectors, body);
     ZU_RETURN_IF_ERROR(WriteWhole(file, text.c_str(), static_cast<uint32_t>(text.Length())));
     ZU_RETURN_IF_ERROR(file.Close());
@@ -176,7 +176,7 @@ CZuError CVmdkVcb4ExtentReader::CreateLocalDisk(const std::string& name, const C
         Dropped(m_LocalFile.Close());  // the first error is the one to report
         Dropped(CloseDisk());
     });
-    ZU_RETURN_IF_ERROR(m_LocalFile.Open(flatName.c_str(), NewFileFlags, OwnerReadsAndWrites));
+    ZU_RETURN_IF_ERROR(m_LocalFile.Open(flatName.c_str(), NewFileFlags, OwnerReadsAndWritesImage));
     ZU_RETURN_IF_ERROR(m_LocalFile.Truncate(static_cast<int64_t>(FileOffsetOfSector(m_LastSector))));
     closeUnlessKept.Dismiss();
     return CZuError();
