@@ -16,7 +16,17 @@ constexpr ProductType_t NoProduct = ProductType_t{0};
 constexpr char NoFileIsOpen[] = "No file is open. Make sure Open succeeded";
 constexpr char AlreadyOpen[] = "Already have an open file. Close it first";
 
-enum class Reader_t { None, SparseExtent, FlatExtent, Managed, VhdFixed, VhdDynamic, PhysicalDisk, NtfsVolume };
+enum class Reader_t {
+    None,
+    SparseExtent,
+    FlatExtent,
+    Managed,
+    VhdFixed,
+    VhdDynamic,
+    PhysicalDisk,
+    NtfsVolume,
+    XenImage
+};
 
 // Which reader serves which kind of disk. A reader that lands adds its rows.
 struct ServedDisk_t {
@@ -38,9 +48,11 @@ constexpr ServedDisk_t ServedDisks[] = {
     {VirtualProdType_Physical, DiskType_PhysicalDisk, Reader_t::PhysicalDisk},
     {VirtualProdType_Physical, DiskType_PhysicalDisk2, Reader_t::PhysicalDisk},
     {VirtualProdType_Physical, DiskType_NTFSVolume, Reader_t::NtfsVolume},
+    {VirtualProdType_Physical, DiskType_XenVDI, Reader_t::XenImage},
 };
 
 constexpr uint64_t DefaultVhdBlockSectors = 0x10000;
+constexpr uint64_t XenStreamBlockSectors = 512;
 
 Reader_t ReaderOf(DiskType_t type) {
     for (const ServedDisk_t& row : ServedDisks) {
@@ -84,9 +96,12 @@ CArchiveVirtualDiskFile::CArchiveVirtualDiskFile(ProductType_t product) : m_Prod
 
 void CArchiveVirtualDiskFile::SetVMInfo(IVMInfo* info, const char* first, const char* second) {
     m_ManagedDisk.SetVMInfo(info, first, second);
+    m_XenImage.SetVMInfo(info, first, second);
 }
 
-void CArchiveVirtualDiskFile::SetDataStore(const char* /*name*/) {}
+void CArchiveVirtualDiskFile::SetDataStore(const char* name) {
+    m_XenImage.SetDataStore(name);
+}
 
 void CArchiveVirtualDiskFile::SetChangeId(const char* changeId) {
     m_ManagedDisk.SetChangeId(changeId);
@@ -94,6 +109,7 @@ void CArchiveVirtualDiskFile::SetChangeId(const char* changeId) {
 
 void CArchiveVirtualDiskFile::SetExtentSize(uint64_t sectors) {
     m_ManagedDisk.SetBlockSize(static_cast<uint32_t>(sectors));
+    m_XenImage.SetBlockSize(static_cast<uint32_t>(sectors));
 }
 
 CZuError CArchiveVirtualDiskFile::Open(const char* name, DiskType_t type) {
@@ -118,6 +134,7 @@ CZuError CArchiveVirtualDiskFile::Create(const char* name, DiskType_t type, CAut
     return CZuError();
 }
 
+// Callers rely on the device of a Xen image staying open: it closes when the object goes.
 CZuError CArchiveVirtualDiskFile::Close() {
     LogClosing("flat extent", m_FlatExtent.CloseExtent());
     LogClosing("sparse extent", m_SparseExtent.CloseExtent());
@@ -155,6 +172,10 @@ CZuError CArchiveVirtualDiskFile::GetFirstBlock(CAutoMemory<char>& metadata, uns
     case Reader_t::NtfsVolume:
         context.blockSectors = m_NtfsVolume.GetBlockSize();
         ZU_RETURN_IF_ERROR(m_NtfsVolume.GetMetadataInfo(metadata));
+        break;
+    case Reader_t::XenImage:
+        context.blockSectors = XenStreamBlockSectors;
+        ZU_RETURN_IF_ERROR(m_XenImage.GetMetadataInfo(metadata));
         break;
     case Reader_t::PhysicalDisk:
     case Reader_t::None: break;
@@ -195,15 +216,20 @@ CZuError CArchiveVirtualDiskFile::WriteBlock(CAutoMemory<char>& data, uint64_t b
     case Reader_t::VhdDynamic: ZU_RETURN_IF_ERROR(m_VhdFile.WriteBlock(blockNumber, blockSectors, data)); break;
     case Reader_t::PhysicalDisk: ZU_RETURN_IF_ERROR(m_PhysicalDisk.WriteBlock(blockNumber, blockSectors, data)); break;
     case Reader_t::NtfsVolume: ZU_RETURN_IF_ERROR(m_NtfsVolume.WriteBlock(blockNumber, data)); break;
+    case Reader_t::XenImage: ZU_RETURN_IF_ERROR(m_XenImage.WriteBlock(blockNumber, blockSectors, data)); break;
     case Reader_t::None: break;
     }
     return CZuError();
 }
 
+// Callers rely on the size of a Xen image staying that of its record: what is set here goes to the reader of drives, which
+// has nothing open then.
 CZuError CArchiveVirtualDiskFile::SetDiskSize(uint64_t size) {
     if (m_DiskType == NoDiskType)
         return Refusal(NoFileIsOpen);
-    return ReaderOf(m_DiskType) == Reader_t::PhysicalDisk ? m_PhysicalDisk.SetDiskSize(size) : CZuError();
+    const Reader_t reader = ReaderOf(m_DiskType);
+    const bool hasSize = reader == Reader_t::PhysicalDisk || reader == Reader_t::XenImage;
+    return hasSize ? m_PhysicalDisk.SetDiskSize(size) : CZuError();
 }
 
 CZuError CArchiveVirtualDiskFile::ParseDiskMetaData(DiskType_t type, CAutoMemory<char>& metadata,
@@ -250,6 +276,7 @@ CZuError CArchiveVirtualDiskFile::OpenReader(const char* name, DiskType_t type) 
     case Reader_t::VhdDynamic: ZU_RETURN_IF_ERROR(m_VhdFile.OpenDisk(name, type)); break;
     case Reader_t::PhysicalDisk: ZU_RETURN_IF_ERROR(m_PhysicalDisk.OpenDisk(name)); break;
     case Reader_t::NtfsVolume: ZU_RETURN_IF_ERROR(m_NtfsVolume.OpenVolume(name)); break;
+    case Reader_t::XenImage: ZU_RETURN_IF_ERROR(m_XenImage.OpenDisk(name)); break;
     case Reader_t::None: return NotSupported(type);
     }
     return CZuError();
@@ -282,10 +309,23 @@ CZuError CArchiveVirtualDiskFile::CreatePhysicalDisk(const char* name, DiskType_
         context.blockSectors = m_NtfsVolume.GetBlockSize();
         return CZuError();
     }
-    if (ReaderOf(type) != Reader_t::PhysicalDisk)
-        return NotSupported(type);
+    if (ReaderOf(type) == Reader_t::XenImage)
+        return CreateXenVDI(name, metadata, context);
     ZU_RETURN_IF_ERROR(m_PhysicalDisk.CreateDisk(name));
     context.blockSectors = blockSectors;
+    return CZuError();
+}
+
+// Callers know the failure by this text; what was wrong goes to the log.
+CZuError CArchiveVirtualDiskFile::CreateXenVDI(const char* name, CAutoMemory<char>& metadata, Context_t& context) {
+    xen_vdi_record record;
+    std::string device;
+    const CZuError error = m_XenImage.CreateDisk(name, record, true, device, metadata);
+    if (error.IsErrorSet()) {
+        LgDebug().Error("CArchiveVirtualDiskFile::CreateXenVDI", "%s", error.ConvertToString());
+        return Refusal("CreateXenVDI() Failed");
+    }
+    context.blockSectors = m_XenImage.GetBlockSize();
     return CZuError();
 }
 
@@ -340,6 +380,7 @@ CZuError CArchiveVirtualDiskFile::ReadCurrentBlock(CAutoMemory<char>& block, con
     case Reader_t::VhdDynamic: return ReadVhdBlock(block, context);
     case Reader_t::PhysicalDisk: return ReadPhysicalBlock(block, context);
     case Reader_t::NtfsVolume: return ReadNtfsBlock(block, context);
+    case Reader_t::XenImage: return ReadXenBlock(block, context);
     case Reader_t::None: break;
     }
     return CZuError();
@@ -374,6 +415,10 @@ CZuError CArchiveVirtualDiskFile::ReadVhdBlock(CAutoMemory<char>& block, const C
 
 CZuError CArchiveVirtualDiskFile::ReadPhysicalBlock(CAutoMemory<char>& block, const Context_t& context) {
     return m_PhysicalDisk.ReadBlock(context.blockNumber, block.GetPtr(), block.GetSize() >> SectorShift);
+}
+
+CZuError CArchiveVirtualDiskFile::ReadXenBlock(CAutoMemory<char>& block, const Context_t& context) {
+    return m_XenImage.ReadBlock(context.blockNumber, block.GetPtr(), block.GetSize() >> SectorShift);
 }
 
 CZuError CArchiveVirtualDiskFile::ReadNtfsBlock(CAutoMemory<char>& block, const Context_t& context) {
@@ -425,5 +470,6 @@ uint64_t CArchiveVirtualDiskFile::NextHeldBlock(uint64_t number) {
 bool CArchiveVirtualDiskFile::IsEndOfReader(const CZuError& error) const {
     return m_SparseExtent.IsErrorEOF(error) != 0 || m_ManagedDisk.IsErrorEOF(error) != 0 ||
            m_FlatExtent.IsErrorEOF(error) != 0 || m_VhdFile.IsErrorEOF(error) != 0 ||
-           m_PhysicalDisk.IsErrorEOF(error) != 0 || m_NtfsVolume.IsErrorEOF(error) != 0;
+           m_PhysicalDisk.IsErrorEOF(error) != 0 || m_NtfsVolume.IsErrorEOF(error) != 0 ||
+           m_XenImage.IsErrorEOF(error) != 0;
 }

@@ -11,6 +11,7 @@
 #include "VirtualServer/VMInfo/VmdkFlatExtentReader.h"
 #include "VirtualServer/VMInfo/VmdkSparseExtentReader.h"
 #include "VirtualServer/VMInfo/VmdkVcb4ExtentReader.h"
+#include "VirtualServer/VMInfo/XenVDIDiskReader.h"
 #include "foundation/AutoMemory.h"
 #include "foundation/ZuError.h"
 #include "platform/Export.h"
@@ -45,7 +46,8 @@ public:
     CZuError Create(const char* name, DiskType_t type, CAutoMemory<char>& metadata, unsigned int blockSectors,
                     Context_t& context);
 
-    // Returns no error, whatever the readers say; what they say goes to the log.
+    // Returns no error, whatever the readers say; what they say goes to the log. The device of a Xen
+    // image stays open until the object's end.
     CZuError Close();
 
     // Fills `metadata` with the disk's record and brings `context` to the start of the stream.
@@ -93,6 +95,7 @@ private:
                            Context_t& context);
     CZuError CreatePhysicalDisk(const char* name, DiskType_t type, CAutoMemory<char>& metadata,
                                 unsigned int blockSectors, Context_t& context);
+    CZuError CreateXenVDI(const char* name, CAutoMemory<char>& metadata, Context_t& context);
     CZuError ReadForward(CAutoMemory<char>& block, Context_t& context);
     CZuError AllocateBlock(CAutoMemory<char>& block, const char* outOfMemory, const Context_t& context) const;
     CZuError ReadCurrentBlock(CAutoMemory<char>& block, const Context_t& context);
@@ -101,6 +104,7 @@ private:
     CZuError ReadVhdBlock(CAutoMemory<char>& block, const Context_t& context);
     CZuError ReadPhysicalBlock(CAutoMemory<char>& block, const Context_t& context);
     CZuError ReadNtfsBlock(CAutoMemory<char>& block, const Context_t& context);
+    CZuError ReadXenBlock(CAutoMemory<char>& block, const Context_t& context);
     CZuError ReadManagedBlock(CAutoMemory<char>& block, const Context_t& context);
     CZuError WriteManagedBlock(CAutoMemory<char>& data, uint64_t blockNumber, unsigned int blockSectors);
     bool IsHole(const CZuError& error) const;
@@ -115,4 +119,5 @@ private:
     CPhysicalDiskReader m_PhysicalDisk;
     CVHDFileReader m_VhdFile;
     CNTFSVolumeReader m_NtfsVolume;
+    CXenVDIDiskReader m_XenImage;
 };

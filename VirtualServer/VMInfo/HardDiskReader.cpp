@@ -5,6 +5,7 @@
 #include "VirtualServer/VMInfo/PhysicalDiskReader.h"
 #include "VirtualServer/VMInfo/VHDFileReader.h"
 #include "VirtualServer/VMInfo/VmdkFileReader.h"
+#include "VirtualServer/VMInfo/XenVDIDiskReader.h"
 #include "VirtualServer/VMInfo/detail/HardDiskChain.h"
 #include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
@@ -42,6 +43,17 @@ public:
 private:
     std::unique_ptr<CPhysicalDiskReader> m_Reader;
 };
+
+// Null for a type that isn't a physical disk's.
+std::unique_ptr<CPhysicalDiskReader> NewPhysicalReader(DiskType_t type) {
+    switch (type) {
+    case DiskType_PhysicalDisk:
+    case DiskType_PhysicalDisk2:
+    case DiskType_NTFSVolume: return std::make_unique<CPhysicalDiskReader>();
+    case DiskType_XenVDI: return std::make_unique<CXenVDIDiskReader>();
+    default: return nullptr;
+    }
+}
 
 CZuError UnknownDiskProduct(ProductType_t product) {
     return Refusal(CZuString::Format("Unknown product type {1}", static_cast<int>(product)));
@@ -147,12 +159,11 @@ CZuError CHardDiskReader::OpenChain(const std::vector<Disk_t>& disks, Prepare pr
 
 // A disk that doesn't open counts as open all the same: callers close it.
 CZuError CHardDiskReader::OpenPhysicalHardDisk(const Disk_t& disk) {
-    const bool isServed =
-        disk.Type == DiskType_PhysicalDisk || disk.Type == DiskType_PhysicalDisk2 || disk.Type == DiskType_NTFSVolume;
-    if (!isServed)
+    std::unique_ptr<CPhysicalDiskReader> reader = NewPhysicalReader(disk.Type);
+    if (reader == nullptr)
         return Refusal(CZuString::Format("Disk type {1} is not supported for product {2}", static_cast<int>(disk.Type),
                                          static_cast<int>(m_ProductType)));
-    const auto opened = std::make_shared<CPhysicalHardDisk>(std::make_unique<CPhysicalDiskReader>());
+    const auto opened = std::make_shared<CPhysicalHardDisk>(std::move(reader));
     m_pDisk = opened;
     m_DiskDumpInfo.push_back({disk.DumpName, disk.BlockSize});
     ZU_RETURN_IF_ERROR(opened->Reader().OpenDisk(disk.FileName));

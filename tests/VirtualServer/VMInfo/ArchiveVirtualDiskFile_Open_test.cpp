@@ -22,6 +22,8 @@ namespace {
 
 constexpr char NoFileIsOpen[] = "No file is open. Make sure Open succeeded";
 constexpr char AlreadyOpen[] = "Already have an open file. Close it first";
+constexpr char NoXenName[] =
+    R"(OpenDisk() failed. Not in expected format. Expected format="<VDIGUID>#\\?\PhysicalDriveX")";
 constexpr uint64_t NoBlock = ~uint64_t{0};
 
 bool IsSparse(int type) {
@@ -34,7 +36,7 @@ bool IsFlat(int type) {
 
 bool IsServed(int product, int type) {
     const bool isVhd = type >= 12 && type <= 14;
-    const bool isPhysical = type == 15 || type == 16;
+    const bool isPhysical = type == 15 || type == 16 || type == 19;
     return (product == 1 && (IsSparse(type) || IsFlat(type))) || (product == 2 && isVhd) ||
            (product == 3 && isPhysical);
 }
@@ -50,6 +52,8 @@ protected:
     std::string FileFor(int type) const {
         if (type >= 12 && type <= 14)
             return Vhd(type);
+        if (type == 19)
+            return "vdi#" + Flat();
         return IsSparse(type) ? Sparse() : Flat();
     }
 
@@ -90,6 +94,9 @@ TEST_F(ArchiveVirtualDiskFileOpen, TakesThePairsThatAReaderServesAndNoOther) {
             ExpectClosed(disk);
         }
     }
+    CArchiveVirtualDiskFile disk{VirtualProdType_Physical};
+    EXPECT_REFUSED(disk.Open(Flat().c_str(), DiskType_XenVDI), NoXenName);
+    ExpectClosed(disk);
 }
 
 TEST_F(ArchiveVirtualDiskFileOpen, RefusesAnUnknownProductWhateverTheType) {
@@ -206,7 +213,7 @@ TEST_F(ArchiveVirtualDiskFileOpen, AClosedObjectRefusesEveryBlockCallAndStillSet
 }
 
 TEST_F(ArchiveVirtualDiskFileOpen, TheFileNameIsEmptyForEveryImage) {
-    for (const auto& [product, type] : {std::pair{1, 0}, {1, 1}, {1, 3}, {2, 12}, {2, 13}, {2, 14}, {3, 15}, {3, 16}}) {
+    for (const auto& [product, type] : {std::pair{1, 0}, {1, 1}, {1, 3}, {2, 12}, {2, 13}, {2, 14}, {3, 15}, {3, 16}, {3, 19}}) {
         CArchiveVirtualDiskFile disk{ProductType_t(product)};
         if (type != 0) {
             ASSERT_OK(disk.Open(FileFor(type).c_str(), DiskType_t(type)));

@@ -113,6 +113,8 @@ TEST_F(ArchiveVirtualDiskFileWrite, CreateServesThePairsThatAReaderServesAndNoOt
                 text = "Unknown disk type " + std::to_string(type) + " for product type VirtualProdType_Physical";
             if (product == 3 && type == 17)
                 text = "Metadata header is corrupted";
+            if (product == 3 && type == 19)
+                text = "CreateXenVDI() Failed";
             if (product == 2)
                 text = "Disk of type " + std::to_string(type) + " is not supported by this class";
             if (product == 0 || product == 4)

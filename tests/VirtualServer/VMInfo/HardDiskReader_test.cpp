@@ -4,9 +4,11 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <vector>
 
+#include "platform/DriveName.h"
 #include "tests/support/Bytes.h"
 #include "tests/support/ErrorAssertions.h"
 #include "tests/support/FailureWalk.h"
@@ -127,6 +129,29 @@ TEST_F(HardDiskReader, APhysicalDiskHasOneOfThreeTypes) {
         EXPECT_EQ(0U, counting.Calls(FaultOp::Open));
         EXPECT_REFUSED(disk.ReadHardDiskData(0, m_Buffer, 1), NothingOpen) << "and nothing was made";
     }
+}
+
+TEST_F(HardDiskReader, AnImageOfAXenHostIsOpenedByItsIdentifierAndItsDevice) {
+    std::vector<Disk_t> disks = PlainFile(DiskType_XenVDI);
+    const std::string device = disks[0].FileName.c_str();
+    {
+        CHardDiskReader disk(VirtualProdType_Physical);
+        const CZuError error = disk.OpenHardDisk(disks);
+        EXPECT_NE(nullptr, std::strstr(error.GetErrorText(), "Not in expected format")) << "the device alone";
+        EXPECT_REFUSED(disk.OpenHardDisk(disks), "This object already has some open disk.");
+    }
+    disks[0].FileName = ("vdi-1#" + device).c_str();
+    CHardDiskReader disk(VirtualProdType_Physical);
+    ASSERT_OK(disk.OpenHardDisk(disks));
+    EXPECT_SAME_BYTES(NumberedSectors(7, 1), ReadDisk(disk, 7 * 512, 512));
+    std::vector<Partition_Entry_t> partitions;
+    int isGpt = 1;
+    EXPECT_OK(disk.GetDOSPartitions(partitions, isGpt));
+    EXPECT_EQ(1U, partitions.size()) << "without a drive's name a volume alone";
+    disks[0].FileName = ("vdi-1#" + std::string(DriveNamePrefix) + device).c_str();
+    CHardDiskReader drive(VirtualProdType_Physical);
+    ASSERT_OK(drive.OpenHardDisk(disks));
+    EXPECT_FAILURE(drive.GetDOSPartitions(partitions, isGpt)) << "a drive without partitions";
 }
 
 TEST_F(HardDiskReader, OfAPhysicalDiskOnlyTheFirstLinkIsLookedAt) {
