@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 
+#include "agent/BackupSetReader.h"
 #include "agent/BackupSetWriter.h"
 #include "agent/ErrorText.h"
 #include "agent/ExtentStream.h"
@@ -28,7 +29,9 @@ SetInfo_t InfoOfNow() {
 SetDisk_t DiskOf(const CDiskImage& image, int64_t id) {
     SetDisk_t disk;
     disk.id = id;
-    disk.imageName = std::filesystem::path(image.Path()).filename().string();
+    disk.imageName = image.DiskType() == DiskType_VMInfoDisk
+                         ? image.Extents().front().name  // a URI has no name for files
+                         : std::filesystem::path(image.Path()).filename().string();
     disk.product = image.Product();
     disk.diskType = image.DiskType();
     disk.diskSectors = image.TotalSectors();
@@ -59,7 +62,10 @@ public:
         ZU_RETURN_IF_ERROR(OpenImages(imageNames));
         for (const CDiskImage& image : m_Images)
             ZU_RETURN_IF_ERROR(RefuseOwnFiles(image, setName));
+        ZU_RETURN_IF_ERROR(OpenBase(setName));
         ZU_RETURN_IF_ERROR(m_Writer.Create(setName, m_Options.force));
+        if (m_Base.has_value())
+            ZU_RETURN_IF_ERROR(m_Writer.BuildOn(*m_Base));
         ZU_RETURN_IF_ERROR(WriteDisks());
         if (m_Options.catalog)
             ZU_RETURN_IF_ERROR(WriteCatalog(imageNames));
@@ -95,6 +101,34 @@ private:
                 return Refusal(name + ": is one link of a chain; a catalogue needs the whole disk: add --flatten");
             WarnOfParent(image);
         }
+        return CZuError();
+    }
+
+    // A set without what didn't change is worth nothing, so that its base has to be one that fits.
+    CZuError OpenBase(const std::string& setName) {
+        const std::string& changedSince = m_Options.image.changedSince;
+        if (m_Options.base.empty() && changedSince.empty())
+            return CZuError();
+        if (m_Options.base.empty() || changedSince.empty())
+            return Refusal("A set of what changed needs both the bitmap that tells it and the base that has the rest");
+        if (m_Images.size() != 1 || m_Images.front().DiskType() != DiskType_VMInfoDisk || m_Options.flatten)
+            return Refusal("What changed is known of one disk that a server exports, such as nbd://host/export");
+        if (IsSameFile(m_Options.base, setName))
+            return Refusal(setName + ": is the base itself; give another name for the set");
+        CBackupSetReader base;
+        ZU_RETURN_IF_ERROR(base.Open(m_Options.base));
+        const CDiskImage& image = m_Images.front();
+        const std::vector<SetStream_t>& streams = base.Streams();
+        const bool isOfOneDisk = base.Disks().size() == 1 && streams.size() == 1;
+        if (!isOfOneDisk || base.Disks().front().diskType != image.DiskType() ||
+            streams.front().blockSectors != FlatBlockSectors)
+            return Refusal(m_Options.base +
+                           ": isn't the set of one disk that a server exported, so it can't be a base");
+        if (streams.front().diskSectors != image.TotalSectors())
+            return Refusal(CZuString::Format("{1}: holds a disk of {2} sectors, and {3} has {4} now; back it up whole",
+                                             m_Options.base, streams.front().diskSectors, image.Path(),
+                                             image.TotalSectors()));
+        m_Base = SetBase_t{std::filesystem::path(m_Options.base).filename().string(), base.Identity(), changedSince};
         return CZuError();
     }
 
@@ -218,6 +252,7 @@ private:
             }
             next.block.number = place->number;
             next.block.sectors = place->sectors;
+            next.block.isInherited = place->isUnchanged;
         }
         return batch.count != 0 && !error.IsErrorSet();
     }
@@ -225,6 +260,8 @@ private:
     static void EncodeBatch(CBlockEncoder& encoder, BlockBatch_t& batch) {
         for (size_t index = 0; index < batch.count; ++index) {
             BatchBlock_t& each = batch.blocks[index];
+            if (each.block.isInherited)
+                continue;
             encoder.Encode(each.plain.GetPtr(), each.block.sectors << SectorShift, each.packed, each.block.encoded);
         }
     }
@@ -244,6 +281,10 @@ private:
     }
 
     void Count(const SetBlock_t& block) {
+        if (block.isInherited) {
+            ++m_Result.unchangedBlocks;
+            return;
+        }
         ++m_Result.blockCount;
         m_Result.zeroBlocks += block.encoded.encoding == BlockEncoding_t::Zeros ? 1 : 0;
         m_Result.readBytes += uint64_t{block.sectors} << SectorShift;
@@ -253,6 +294,7 @@ private:
     const BackupOptions_t& m_Options;
     BackupResult_t& m_Result;
     std::vector<CDiskImage> m_Images;  // in the order in which they were given
+    std::optional<SetBase_t> m_Base;
     CBackupSetWriter m_Writer;
     std::vector<uint32_t> m_BlockSectors;  // of the streams of each disk
     int64_t m_NextStream = 0;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -10,13 +11,23 @@
 // What a backup set holds, as its writer takes it and its reader gives it. docs/backup-set.md
 // describes the file.
 
-// The version of the format that this program writes, and the highest that it reads.
-constexpr int BackupSetVersion = 2;
+// The highest version of the format that this program reads, which sets have that build on another one, and the version
+// that it writes for all others.
+constexpr int BackupSetVersion = 3;
+constexpr int WholeSetVersion = 2;
+
+// The set on which another one builds: blocks that haven't changed since then are in that one alone.
+struct SetBase_t {
+    std::string name;          // of its file, when this set was made
+    BlockDigest_t identity{};  // what the reader calls its identity
+    std::string changedSince;  // the change id from which the changed blocks were told
+};
 
 // The set as a whole.
 struct SetInfo_t {
     std::string createdUtc;  // "2026-01-31T12:00:00Z"
     std::string writer;      // the program and its version
+    std::optional<SetBase_t> base = std::nullopt;
 };
 
 // One disk.
@@ -58,6 +69,7 @@ struct SetBlock_t {
     uint64_t number = 0;
     uint32_t sectors = 0;
     EncodedBlock_t encoded;
+    bool isInherited = false;  // the base has it: a writer takes its number alone
 };
 
 // A volume whose directory tree is in the set.
@@ -77,10 +89,12 @@ struct SetPart_t {
     int64_t id = 0;          // the writer's
 };
 
-// The numbers of a stream's blocks are a part, too: its name is this and the stream's id.
+// The numbers of a stream's blocks are a part, too, and those of the blocks that it has in the base: their names are these
+// and the stream's id.
 constexpr char BlocksPartPrefix[] = "blocks-";
+constexpr char InheritedPartPrefix[] = "inherited-";
 inline bool IsListOfBlocks(const SetPart_t& part) {
-    return part.name.rfind(BlocksPartPrefix, 0) == 0;
+    return part.name.rfind(BlocksPartPrefix, 0) == 0 || part.name.rfind(InheritedPartPrefix, 0) == 0;
 }
 
 // A name in a directory of a volume. Numbers of 64 bits are below 2^63; times are in units of 100 ns since the start of

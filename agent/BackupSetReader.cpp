@@ -3,9 +3,12 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "agent/ErrorText.h"
+#include "agent/detail/SetBases.h"
 #include "agent/detail/SetBlockFinder.h"
+#include "agent/detail/SetBlockWalk.h"
 #include "agent/detail/SetDatabase.h"
 #include "agent/detail/SetDigest.h"
 #include "agent/detail/SetEntryReader.h"
@@ -13,7 +16,6 @@
 #include "agent/detail/SetRows.h"
 #include "agent/detail/SetSchema.h"
 #include "foundation/ZuFile.h"
-#include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
 
 namespace {
@@ -86,19 +88,25 @@ template <typename Row> std::span<const Row> OfDisk(const std::vector<Row>& rows
 
 }  // namespace
 
+// A walk over what one set has, and its next block that wasn't given yet.
+struct CBackupSetReader::Side_t {
+    bool isAtEnd = false;
+    std::optional<SetBlock_t> next;
+};
+
 struct CBackupSetReader::Impl_t {
     CSetDatabase database;
     SetLists_t lists;
     CSetPartReader parts{database};
     CSetBlockFinder finder{database, lists, parts};
+    CSetRuns inheritedRuns{database, lists, parts, InheritedPartPrefix};
     CSetEntryReader entries{database};
-    CSetStatement blocks;
-    SetStream_t stream;   // the one being walked
-    bool isAtEnd = true;  // a finished query would begin anew,
-    CZuError failure;     // and one that failed as well
-    uint64_t blockCount = 0;
-    uint64_t storedBytes = 0;
-    std::unique_ptr<CRunningDigest> digest;
+    std::unique_ptr<CBackupSetReader> base;  // once it is open
+    CSetBlockWalk walk{database};
+    SetStream_t stream;  // the one being walked
+    Side_t own;
+    Side_t inherited;
+    CZuError failure;  // a walk that failed doesn't go on
     unsigned holds = 0;
 };
 
@@ -113,14 +121,64 @@ CZuError CBackupSetReader::Open(const std::string& path) {
     return ReadSetLists(m_Impl->database, m_Impl->lists);
 }
 
+CZuError CBackupSetReader::OpenBases(const std::vector<std::string>& places) {
+    std::vector<BlockDigest_t> above;
+    return OpenBasesBelow(places, above);
+}
+
+// Each set is one more level of reading, and one more open file.
+CZuError CBackupSetReader::OpenBasesBelow(const std::vector<std::string>& places, std::vector<BlockDigest_t>& above) {
+    constexpr size_t mostSets = 1000;
+    if (std::find(above.begin(), above.end(), Identity()) != above.end())
+        return Damaged("it builds on itself");
+    above.push_back(Identity());
+    if (above.size() > mostSets)
+        return Refusal(m_Path + ": more than 1000 sets build on it; make a whole one of some with `consolidate`");
+    if (!Info().base.has_value())
+        return CZuError();
+    std::unique_ptr<CBackupSetReader> base;
+    ZU_RETURN_IF_ERROR(FindSetBase(*this, places, base));
+    for (const SetStream_t& stream : Streams()) {
+        const auto same = std::find_if(base->Streams().begin(), base->Streams().end(), [&](const SetStream_t& each) {
+            return each.id == stream.id && each.blockSectors == stream.blockSectors &&
+                   each.diskSectors == stream.diskSectors;
+        });
+        if (same == base->Streams().end())
+            return Damaged("its base " + base->Path() + " has no such stream as " + stream.fileName);
+    }
+    ZU_RETURN_IF_ERROR(base->OpenBasesBelow(places, above));
+    m_Impl->base = std::move(base);
+    return CZuError();
+}
+
+const CBackupSetReader* CBackupSetReader::Base() const {
+    return m_Impl->base.get();
+}
+
+const BlockDigest_t& CBackupSetReader::Identity() const {
+    return m_Impl->lists.digest;
+}
+
+uint64_t CBackupSetReader::StoredBytesOf(const SetStream_t& stream) const {
+    return stream.storedBytes + (m_Impl->base != nullptr ? m_Impl->base->StoredBytesOf(BaseStreamOf(stream)) : 0);
+}
+
+CZuError CBackupSetReader::RefuseWithoutBase() const {
+    return m_Impl->base != nullptr ? CZuError() : Refusal(m_Path + ": the set on which it builds isn't open");
+}
+
 void CBackupSetReader::Hold() {
     if (m_Impl->holds++ == 0)
         Dropped(m_Impl->database.Execute("BEGIN"));  // the reads tell of what stands in their way
+    if (m_Impl->base != nullptr)
+        m_Impl->base->Hold();
 }
 
 void CBackupSetReader::LetGo() {
     if (m_Impl->holds != 0 && --m_Impl->holds == 0)
         Dropped(m_Impl->database.Execute("COMMIT"));  // nothing was written
+    if (m_Impl->base != nullptr)
+        m_Impl->base->LetGo();
 }
 
 const SetInfo_t& CBackupSetReader::Info() const {
@@ -161,7 +219,15 @@ const SetPart_t* CBackupSetReader::FindPart(const std::string& name) const {
 
 CZuError CBackupSetReader::ReadBlock(const SetStream_t& stream, uint64_t number, CAutoMemory<char>& bytes,
                                      bool& isThere) {
-    return m_Impl->finder.Read(stream, number, bytes, isThere);
+    ZU_RETURN_IF_ERROR(m_Impl->finder.Read(stream, number, bytes, isThere));
+    if (isThere || !Info().base.has_value())
+        return CZuError();
+    bool isInherited = false;
+    ZU_RETURN_IF_ERROR(m_Impl->inheritedRuns.Has(stream, number, isInherited));
+    if (!isInherited)
+        return CZuError();
+    ZU_RETURN_IF_ERROR(RefuseWithoutBase());
+    return m_Impl->base->ReadBlock(BaseStreamOf(stream), number, bytes, isThere);
 }
 
 CZuError CBackupSetReader::ReadPart(const SetPart_t& part, uint64_t offset, char* buffer, uint32_t size) {
@@ -177,8 +243,12 @@ CZuError CBackupSetReader::FindEntry(int64_t volume, uint64_t parent, const std:
     return m_Impl->entries.Find(volume, parent, name, entry);
 }
 
+CZuError CBackupSetReader::ForEachEntryOf(const SetVolume_t& volume, const std::function<bool(SetEntry_t&)>& take) {
+    return m_Impl->entries.ForEachOf(volume, take);
+}
+
 CZuError CBackupSetReader::ProveEntries(const SetVolume_t& volume) {
-    return m_Impl->entries.Prove(volume);
+    return m_Impl->entries.ForEachOf(volume, [](SetEntry_t& /*entry*/) { return true; });
 }
 
 CZuError CBackupSetReader::ProvePart(const SetPart_t& part) {
@@ -210,60 +280,62 @@ CZuError CBackupSetReader::ReadRecord(const SetStream_t& stream, CAutoMemory<cha
 
 CZuError CBackupSetReader::BeginBlocks(const SetStream_t& stream) {
     m_Impl->stream = stream;
-    m_Impl->isAtEnd = false;
     m_Impl->failure.Reset();
-    m_Impl->blockCount = 0;
-    m_Impl->storedBytes = 0;
-    m_Impl->digest = std::make_unique<CRunningDigest>();
-    ZU_RETURN_IF_ERROR(m_Impl->blocks.Prepare(m_Impl->database, "SELECT id, sectors, digest, encoding, data FROM block "
-                                                                "WHERE id >= ? AND id < ? ORDER BY id"));
-    m_Impl->blocks.Bind(1, FirstIdOf(stream.id));
-    m_Impl->blocks.Bind(2, FirstIdOf(stream.id + 1));
-    return CZuError();
+    m_Impl->own = Side_t();
+    m_Impl->inherited = Side_t();
+    m_Impl->inherited.isAtEnd = !m_Impl->lists.info.base.has_value();
+    ZU_RETURN_IF_ERROR(m_Impl->walk.Begin(stream));
+    if (m_Impl->inherited.isAtEnd)
+        return CZuError();
+    ZU_RETURN_IF_ERROR(RefuseWithoutBase());
+    return m_Impl->base->BeginBlocks(BaseStreamOf(stream));
 }
 
 CZuError CBackupSetReader::NextBlock(std::optional<SetBlock_t>& block) {
     block.reset();
-    if (!m_Impl->isAtEnd && !m_Impl->failure.IsErrorSet())
+    if (!m_Impl->failure.IsErrorSet())
         m_Impl->failure = StepToBlock(block);
     return m_Impl->failure;
 }
 
+// The one of the lower number of what the set itself and its base have next. Only the side that was given goes on, so that
+// the other one's bytes stay.
 CZuError CBackupSetReader::StepToBlock(std::optional<SetBlock_t>& block) {
-    bool hasRow = false;
-    ZU_RETURN_IF_ERROR(m_Impl->blocks.Step(hasRow));
-    if (!hasRow)
-        return EndBlocks();
-    SetBlock_t next;
-    next.number = static_cast<uint64_t>(m_Impl->blocks.Number(0)) % BlockNumberEnd;
-    const int64_t sectors = m_Impl->blocks.Number(1);
-    if (sectors <= 0 || sectors > m_Impl->stream.blockSectors || !ReadEncoded(m_Impl->blocks, 2, next.encoded))
-        return Damaged(CZuString::Format("block {1} of {2}", next.number, m_Impl->stream.fileName).c_str());
-    next.sectors = static_cast<uint32_t>(sectors);
-    ZU_RETURN_IF_ERROR(CheckBlock(next));
-    AddToDigest(*m_Impl->digest, next);
-    ++m_Impl->blockCount;
-    m_Impl->storedBytes += next.encoded.sizeBytes;
-    block = next;
-    return CZuError();
-}
-
-// Where a block lies is computed from its number all over, so it is proved here.
-CZuError CBackupSetReader::CheckBlock(const SetBlock_t& block) const {
-    uint64_t firstSector = 0;
-    uint64_t firstByte = 0;
-    if (!CheckedMul(block.number, m_Impl->stream.blockSectors, firstSector) ||
-        !SectorsToBytes(firstSector, firstByte) || firstByte > uint64_t{INT64_MAX})
+    Side_t& own = m_Impl->own;
+    Side_t& inherited = m_Impl->inherited;
+    if (!own.isAtEnd && !own.next.has_value()) {
+        ZU_RETURN_IF_ERROR(m_Impl->walk.Next(own.next));
+        own.isAtEnd = !own.next.has_value();
+    }
+    if (!inherited.isAtEnd && !inherited.next.has_value())
+        ZU_RETURN_IF_ERROR(StepToInherited(inherited));
+    if (own.next.has_value() && inherited.next.has_value() && own.next->number == inherited.next->number)
         return Damaged(
-            CZuString::Format("block {1} of {2} lies nowhere", block.number, m_Impl->stream.fileName).c_str());
+            CZuString::Format("block {1} of {2} is in it and in its base", own.next->number, m_Impl->stream.fileName)
+                .c_str());
+    const bool isOwn =
+        own.next.has_value() && (!inherited.next.has_value() || own.next->number < inherited.next->number);
+    std::swap(block, isOwn ? own.next : inherited.next);
     return CZuError();
 }
 
-CZuError CBackupSetReader::EndBlocks() {
-    const SetStream_t& stream = m_Impl->stream;
-    m_Impl->isAtEnd = true;
-    if (m_Impl->blockCount != stream.blockCount || m_Impl->storedBytes != stream.storedBytes ||
-        m_Impl->digest->Result() != stream.digest)
-        return Damaged("blocks of " + stream.fileName + " are lost or changed");
-    return CZuError();
+// Passes over the base's blocks that the set has anew, or that are free since then. Its walk is taken to its end, which
+// proves that none was lost.
+CZuError CBackupSetReader::StepToInherited(Side_t& side) {
+    for (;;) {
+        ZU_RETURN_IF_ERROR(m_Impl->base->NextBlock(side.next));
+        side.isAtEnd = !side.next.has_value();
+        if (side.isAtEnd)
+            return CZuError();
+        bool isListed = false;
+        ZU_RETURN_IF_ERROR(m_Impl->inheritedRuns.Has(m_Impl->stream, side.next->number, isListed));
+        side.next->isInherited = true;
+        if (isListed)
+            return CZuError();
+    }
+}
+
+const SetStream_t& CBackupSetReader::BaseStreamOf(const SetStream_t& stream) const {
+    const std::vector<SetStream_t>& streams = m_Impl->base->Streams();
+    return *std::find_if(streams.begin(), streams.end(), [&](const SetStream_t& each) { return each.id == stream.id; });
 }

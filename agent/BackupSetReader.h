@@ -18,6 +18,8 @@
 // digest over its lists is right; it reads no blocks, parts and entries. Each block's own digest is
 // proved where it is decoded. Every error names the set. A set of version 1 is one of one disk,
 // without volumes and parts.
+//
+// A set may build on another one, and so on: with its bases open, it gives the blocks that they have as its own.
 class DISKSTREAM_EXPORT CBackupSetReader {
 public:
     CBackupSetReader();
@@ -26,6 +28,17 @@ public:
     ~CBackupSetReader();
 
     CZuError Open(const std::string& path);
+
+    // Opens the sets on which this one builds, all the way down, without which no block can be read. Each is known by its
+    // identity, and looked for among `places`, which are sets, or directories with sets under their own names, and then
+    // beside the set that builds on it. Errors say which one is missing. A set that builds on none has nothing to open.
+    CZuError OpenBases(const std::vector<std::string>& places = {});
+
+    // The base, once it is open; null without one.
+    const CBackupSetReader* Base() const;
+
+    // By which a set that builds on this one knows it: the digest over its lists.
+    const BlockDigest_t& Identity() const;
 
     // Between these, which may lie within each other, nobody can write to the set, and many small reads are quicker: a read
     // of its own locks the file and looks for a journal.
@@ -46,7 +59,10 @@ public:
     // Makes `record` the metadata record of `stream`, proved.
     CZuError ReadRecord(const SetStream_t& stream, CAutoMemory<char>& record);
 
-    // Walks the blocks of `stream` in the order of their numbers. A block's bytes live until the
+    // The bytes that the blocks of `stream` take in this set and its bases together.
+    uint64_t StoredBytesOf(const SetStream_t& stream) const;
+
+    // Walks the blocks of `stream` in the order of their numbers, those of its base included. A block's bytes live until the
     // next call. Behind the last one `block` is empty, at each call, and the stream's digest has been proved:
     // blocks that were lost or changed places are found out there. A failure ends the walk and is
     // given again.
@@ -65,6 +81,10 @@ public:
     // use the reader, too.
     CZuError ForEachEntry(int64_t volume, uint64_t parent, const std::function<bool(SetEntry_t&)>& take);
 
+    // Takes all entries of the volume, by directory, name and number, until `take` is false, and proves at the end that they
+    // are those that were written.
+    CZuError ForEachEntryOf(const SetVolume_t& volume, const std::function<bool(SetEntry_t&)>& take);
+
     // The first entry of that name, by number, or none.
     CZuError FindEntry(int64_t volume, uint64_t parent, const std::string& name, std::optional<SetEntry_t>& entry);
 
@@ -77,14 +97,20 @@ public:
 
 private:
     struct Impl_t;
+    struct Side_t;
 
+    CZuError OpenBasesBelow(const std::vector<std::string>& places, std::vector<BlockDigest_t>& above);
+    CZuError RefuseWithoutBase() const;
+    const SetStream_t& BaseStreamOf(const SetStream_t& stream) const;
     CZuError StepToBlock(std::optional<SetBlock_t>& block);
-    CZuError CheckBlock(const SetBlock_t& block) const;
-    CZuError EndBlocks();
+    CZuError StepToInherited(Side_t& side);
 
     std::string m_Path;
     std::unique_ptr<Impl_t> m_Impl;
 };
+
+// An identity as people see it: 32 hexadecimal digits.
+DISKSTREAM_EXPORT std::string IdentityText(const BlockDigest_t& identity);
 
 // Holds a set as long as it lives.
 class CSetHold {

@@ -28,10 +28,18 @@ constexpr const char* Setup[] = {
 }  // namespace
 
 struct CBackupSetWriter::Impl_t {
+    // A list of a stream's blocks on its way into the set.
+    struct Runs_t {
+        std::optional<PartBegun_t> part;
+        std::unique_ptr<CBlockRuns> runs;
+    };
+
     CZuError CreateTables();
+    CZuError SetVersion();
     CZuError PrepareStatements();
     CZuError AddRecordPiece(int64_t piece, const char* bytes, uint32_t size);
-    CZuError AddRunsPiece(const std::string& bytes);
+    CZuError BeginRuns(const std::string& part, Runs_t& runs);
+    CZuError EndRuns(Runs_t& runs);
     CZuError WriteDisks();
     CZuError WriteInfo();
 
@@ -45,8 +53,8 @@ struct CBackupSetWriter::Impl_t {
     SetStream_t stream;  // the one being written
     std::unique_ptr<CRunningDigest> streamDigest;
     std::unique_ptr<CBlockEncoder> encoder;
-    std::optional<PartBegun_t> runsPart;
-    std::unique_ptr<CBlockRuns> runs;
+    Runs_t ownBlocks;
+    Runs_t inheritedBlocks;
     CSetPartWriter parts;
     CSetEntryWriter entries;
     SetLists_t lists;
@@ -79,9 +87,9 @@ CZuError CBackupSetWriter::BeginStream(const SetStream_t& stream, const CAutoMem
     m_Impl->stream.storedBytes = 0;
     m_Impl->streamDigest = std::make_unique<CRunningDigest>();
     m_Impl->encoder = std::make_unique<CBlockEncoder>(compressionLevel);
-    m_Impl->runs =
-        std::make_unique<CBlockRuns>([this](const std::string& piece) { return m_Impl->AddRunsPiece(piece); });
-    ZU_RETURN_IF_ERROR(m_Impl->parts.Begin(BlocksPartName(stream.id), m_Impl->runsPart.emplace()));
+    ZU_RETURN_IF_ERROR(m_Impl->BeginRuns(BlocksPartName(stream.id), m_Impl->ownBlocks));
+    if (m_Impl->lists.info.base.has_value())
+        ZU_RETURN_IF_ERROR(m_Impl->BeginRuns(InheritedPartName(stream.id), m_Impl->inheritedBlocks));
     int64_t piece = 0;
     for (uint64_t done = 0; done < record.GetSize(); done += RecordPieceBytes, ++piece) {
         const auto size = static_cast<uint32_t>(std::min<uint64_t>(record.GetSize() - done, RecordPieceBytes));
@@ -94,14 +102,19 @@ CZuError CBackupSetWriter::AddBlock(const SetBlock_t& block) {
     if (block.number >= BlockNumberEnd)
         return Refusal(
             CZuString::Format("{1}: block {2} is beyond what a set can number", m_Impl->staged.Target(), block.number));
-    if (!m_Impl->runs->IsBehind(block.number))
+    Impl_t::Runs_t& inherited = m_Impl->inheritedBlocks;
+    if (!m_Impl->ownBlocks.runs->IsBehind(block.number) ||
+        (inherited.runs != nullptr && !inherited.runs->IsBehind(block.number)))
         return Refusal(CZuString::Format("{1}: block {2} comes behind one of a higher number", m_Impl->staged.Target(),
                                          block.number));
+    if (block.isInherited)
+        return inherited.runs != nullptr ? inherited.runs->Add(block.number)
+                                         : Refusal(m_Impl->staged.Target() + ": has no base to have blocks in");
     m_Impl->addBlock.Bind(1, FirstIdOf(m_Impl->stream.id) + static_cast<int64_t>(block.number));
     m_Impl->addBlock.Bind(2, block.sectors);
     BindEncoded(m_Impl->addBlock, 3, block.encoded);
     ZU_RETURN_IF_ERROR(m_Impl->addBlock.Run());
-    ZU_RETURN_IF_ERROR(m_Impl->runs->Add(block.number));
+    ZU_RETURN_IF_ERROR(m_Impl->ownBlocks.runs->Add(block.number));
     AddToDigest(*m_Impl->streamDigest, block);
     ++m_Impl->stream.blockCount;
     m_Impl->stream.storedBytes += block.encoded.sizeBytes;
@@ -111,8 +124,8 @@ CZuError CBackupSetWriter::AddBlock(const SetBlock_t& block) {
 CZuError CBackupSetWriter::EndStream() {
     SetStream_t& stream = m_Impl->stream;
     stream.digest = m_Impl->streamDigest->Result();
-    ZU_RETURN_IF_ERROR(m_Impl->runs->Finish());
-    ZU_RETURN_IF_ERROR(m_Impl->parts.End(*m_Impl->runsPart));
+    for (Impl_t::Runs_t* const runs : {&m_Impl->ownBlocks, &m_Impl->inheritedBlocks})
+        ZU_RETURN_IF_ERROR(m_Impl->EndRuns(*runs));
     CSetStatement& add = m_Impl->addStream;
     add.Bind(1, stream.id);
     add.Bind(2, stream.disk);
@@ -157,8 +170,22 @@ CZuError CBackupSetWriter::AddEntry(const SetEntry_t& entry) {
     return m_Impl->entries.Add(entry);
 }
 
+CZuError CBackupSetWriter::BuildOn(const SetBase_t& base) {
+    m_Impl->lists.info.base = base;
+    m_Impl->lists.version = BackupSetVersion;
+    ZU_RETURN_IF_ERROR(m_Impl->SetVersion());
+    ZU_RETURN_IF_ERROR(m_Impl->database.Execute(BaseTable.sql));
+    CSetStatement add;
+    ZU_RETURN_IF_ERROR(add.Prepare(m_Impl->database, "INSERT INTO base VALUES (?, ?, ?)"));
+    add.Bind(1, base.name);
+    add.BindBytes(2, base.identity.data(), base.identity.size());
+    add.Bind(3, base.changedSince);
+    return add.Run();
+}
+
 CZuError CBackupSetWriter::Commit(const SetInfo_t& info) {
-    m_Impl->lists.info = info;
+    m_Impl->lists.info.createdUtc = info.createdUtc;
+    m_Impl->lists.info.writer = info.writer;
     ZU_RETURN_IF_ERROR(m_Impl->WriteDisks());
     ZU_RETURN_IF_ERROR(m_Impl->entries.End(m_Impl->lists.volumes));
     ZU_RETURN_IF_ERROR(m_Impl->WriteInfo());
@@ -179,10 +206,14 @@ uint64_t CBackupSetWriter::SizeBytes() const {
 
 CZuError CBackupSetWriter::Impl_t::CreateTables() {
     ZU_RETURN_IF_ERROR(database.Execute(("PRAGMA application_id = " + std::to_string(SetApplicationId)).c_str()));
-    ZU_RETURN_IF_ERROR(database.Execute(("PRAGMA user_version = " + std::to_string(BackupSetVersion)).c_str()));
+    ZU_RETURN_IF_ERROR(SetVersion());
     for (const SetTable_t& table : SetTables2)
         ZU_RETURN_IF_ERROR(database.Execute(table.sql));
     return CZuError();
+}
+
+CZuError CBackupSetWriter::Impl_t::SetVersion() {
+    return database.Execute(("PRAGMA user_version = " + std::to_string(lists.version)).c_str());
 }
 
 CZuError CBackupSetWriter::Impl_t::PrepareStatements() {
@@ -205,11 +236,22 @@ CZuError CBackupSetWriter::Impl_t::AddRecordPiece(int64_t piece, const char* byt
     return addRecordPiece.Run();
 }
 
-CZuError CBackupSetWriter::Impl_t::AddRunsPiece(const std::string& bytes) {
-    EncodedBlock_t encoded;
-    const auto size = static_cast<uint32_t>(bytes.size());
-    encoder->Encode(bytes.data(), size, packed, encoded);
-    return parts.AddPiece(*runsPart, size, encoded);
+CZuError CBackupSetWriter::Impl_t::BeginRuns(const std::string& part, Runs_t& begun) {
+    begun.runs = std::make_unique<CBlockRuns>([this, &begun](const std::string& piece) {
+        EncodedBlock_t encoded;
+        const auto size = static_cast<uint32_t>(piece.size());
+        encoder->Encode(piece.data(), size, packed, encoded);
+        return parts.AddPiece(*begun.part, size, encoded);
+    });
+    return parts.Begin(part, begun.part.emplace());
+}
+
+CZuError CBackupSetWriter::Impl_t::EndRuns(Runs_t& begun) {
+    if (begun.runs == nullptr)
+        return CZuError();
+    ZU_RETURN_IF_ERROR(begun.runs->Finish());
+    begun.runs.reset();
+    return parts.End(*begun.part);
 }
 
 CZuError CBackupSetWriter::Impl_t::WriteDisks() {

@@ -16,7 +16,7 @@ using ReadPart_t = std::function<CZuError(char* buffer, uint32_t room, uint32_t&
 // Writes one backup set. It grows under a temporary name beside its place and gets its own name in
 // `Commit`, whole and on the medium; until then, whatever happens, nothing stands or changes there.
 //
-//   Create; AddDisk for each disk; for each stream: BeginStream, AddBlock for each of its blocks,
+//   Create; BuildOn for a set with a base; AddDisk for each disk; for each stream: BeginStream, AddBlock for each of its blocks,
 //   EndStream; AddFile for each file; AddPart for each part; for each volume: AddVolume, AddEntry for
 //   each of its entries; Commit
 class DISKSTREAM_EXPORT CBackupSetWriter {
@@ -29,6 +29,9 @@ public:
     // Fails when `path` exists, unless `replacing`.
     CZuError Create(const std::string& path, bool replacing);
 
+    // Makes the set one that builds on `base`, which has the same streams. Called right behind `Create`.
+    CZuError BuildOn(const SetBase_t& base);
+
     // Disks have the ids 0, 1, 2 and so on.
     CZuError AddDisk(const SetDisk_t& disk);
 
@@ -36,7 +39,8 @@ public:
     // at `compressionLevel`.
     CZuError BeginStream(const SetStream_t& stream, const CAutoMemory<char>& record, int compressionLevel);
 
-    // Blocks come in the order of their numbers, which the set keeps as a part, too.
+    // Blocks come in the order of their numbers, which the set keeps as a part, too. Of one that the base has only the
+    // number is kept.
     CZuError AddBlock(const SetBlock_t& block);
 
     CZuError EndStream();

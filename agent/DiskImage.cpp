@@ -14,6 +14,7 @@
 #include "agent/detail/VmdkExtentCheck.h"
 #include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
+#include "hypervisor/NbdVMInfo.h"
 #include "platform/DriveName.h"
 #include "platform/DriveSize.h"
 
@@ -63,6 +64,16 @@ Content_t ContentOf(const Beginning_t& beginning) {
     if (BeginsWith(beginning.bytes, VhdFooterCookie) || BeginsWith(beginning.end, VhdFooterCookie))
         return Content_t::Vhd;
     return Content_t::Unknown;
+}
+
+// A server gives its exports any name, a path as well; files are to be called after it.
+std::string FileNameOfExport(const std::string& uri) {
+    std::string name = std::filesystem::path(NbdExportName(uri)).filename().string();
+    for (char& character : name) {
+        if (character == '\\' || static_cast<unsigned char>(character) < ' ')
+            character = '_';
+    }
+    return name.empty() || name == "." || name == ".." ? "disk" : name;
 }
 
 CZuError NotSupported(const std::string& path, DiskType_t type) {
@@ -128,6 +139,8 @@ CZuError MeasureExtent(DiskExtent_t& extent, bool isFlat) {
 CZuError CDiskImage::Open(const std::string& path, const ImageOptions_t& options) {
     *this = CDiskImage();
     m_Path = path;
+    if (IsNbdUri(path))
+        return OpenExport(options);
     Beginning_t beginning;
     ZU_RETURN_IF_ERROR(ErrorAt(path, ReadBeginning(path, beginning)));
     if (options.type == DiskType_PhysicalDisk || IsBlockDevice(path) || IsDriveName(path))
@@ -287,6 +300,32 @@ CZuError CDiskImage::OpenRaw() {
     extent.diskSectors = extent.fileBytes / SectorSize;
     extent.totalSectors = extent.diskSectors;
     return AddExtent(extent);
+}
+
+CZuError CDiskImage::OpenExport(const ImageOptions_t& options) {
+    if (options.type.has_value())
+        return Refusal(m_Path + ": is a disk that a server exports, and no image that could be of another type");
+    NbdOptions_t nbdOptions;
+    nbdOptions.patience =
+        options.patience.value_or(std::chrono::duration_cast<std::chrono::seconds>(nbdOptions.patience));
+    const auto server = std::make_shared<CNbdVMInfo>(nbdOptions);
+    VmdkFileHandle_t handle;
+    VmdkFileInfo_t info;
+    if (server->SetCurrVmdkFile("", "", m_Path, handle) == 0 || server->GetCurrVmdkFileInfo(handle, info) == 0)
+        return Refusal(m_Path + ": " + server->LastErrorText());
+    if (info.sectors == 0)
+        return Refusal(m_Path + ": is empty");
+    m_DiskType = DiskType_VMInfoDisk;
+    DiskExtent_t extent;
+    extent.path = m_Path;
+    extent.name = FileNameOfExport(m_Path);
+    extent.diskType = m_DiskType;
+    extent.diskSectors = info.sectors;
+    extent.totalSectors = info.sectors;
+    extent.fileBytes = uint64_t{info.sectors} << SectorShift;
+    extent.server = server;
+    extent.changedSince = options.changedSince;
+    return AddExtent(std::move(extent));
 }
 
 CZuError CDiskImage::AddExtent(DiskExtent_t extent) {

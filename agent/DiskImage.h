@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -10,6 +11,7 @@
 #include "foundation/ZuError.h"
 #include "platform/Export.h"
 
+class CNbdVMInfo;
 class CWholeDisk;
 
 // One file of a disk image whose bytes are sectors of the disk: it makes one stream.
@@ -21,7 +23,9 @@ struct DiskExtent_t {
     uint64_t diskSectors = 0;   // sectors of the disk that lie in it, from its first on
     uint64_t totalSectors = 0;  // sectors that it has; the disk may leave its last ones unused
     uint64_t fileBytes = 0;
-    std::shared_ptr<CWholeDisk> chain;  // not null: the disk as it reads through its chain
+    std::shared_ptr<CWholeDisk> chain;   // not null: the disk as it reads through its chain
+    std::shared_ptr<CNbdVMInfo> server;  // not null: the path is the URI of what it exports
+    std::string changedSince;            // of such a disk: the bitmap of what changed; empty for all that is allocated
 };
 
 // A file of a disk image that is kept as it is.
@@ -35,6 +39,8 @@ struct ImageOptions_t {
     bool allowOutside = false;         // a file may name others that don't lie beside it or below
     bool rawUnlessKnown = false;       // a file of no known kind is a raw disk
     std::vector<std::string> parents;  // the older links of the image's chain, base first; found unless given
+    std::string changedSince;          // of a disk that a server exports: see `DiskExtent_t`
+    std::optional<std::chrono::seconds> patience;  // of such a disk: how long a server may take, and a lost connection
 };
 
 // What an image tells of the older link on which it builds.
@@ -43,7 +49,7 @@ struct ImageParent_t {
     std::string identity;            // what the older link has for its own
 };
 
-// A disk image on files: what kind it is, which files belong to it, and in which order the disk
+// A disk image on files, or a disk that a server exports: what kind it is, which files belong to it, and in which order the disk
 // runs through them. Opening looks at headers and descriptors alone.
 //
 // What the readers of the core would take for something else is refused here, by name: compressed
@@ -83,6 +89,7 @@ private:
     CZuError OpenDescriptor(const ImageOptions_t& options);
     CZuError OpenVhd(DiskType_t type);
     CZuError OpenRaw();
+    CZuError OpenExport(const ImageOptions_t& options);
     CZuError AddExtent(DiskExtent_t extent);
 
     std::string m_Path;

@@ -34,6 +34,7 @@ std::unique_ptr<IBlockSource> MakeBlockSource(const DiskExtent_t& extent) {
     if (extent.chain != nullptr)
         return MakeChainSource();
     switch (extent.diskType) {
+    case DiskType_VMInfoDisk: return MakeManagedSource();
     case DiskType_VhdFixed: return MakeFixedVhdSource();
     case DiskType_VhdDynamic:
     case DiskType_VhdDifferencing: return MakeDynamicVhdSource();

@@ -16,7 +16,8 @@ class IBlockSource;
 // Blocks of a dynamic VHD carry the bitmap of their sectors in front, and count without it.
 struct BlockPlace_t {
     uint64_t number = 0;
-    uint32_t sectors = 0;  // at most the stream's block size; fewer only where the extent ends
+    uint32_t sectors = 0;      // at most the stream's block size; fewer only where the extent ends
+    bool isUnchanged = false;  // since the extent's change id: its bytes don't come
 };
 
 // The stream of one extent, made whole: the core's blocks, and what the core's rules leave out (the

@@ -5,6 +5,7 @@
 #include "agent/detail/RestoreTarget.h"
 #include "agent/detail/SetBlocks.h"
 #include "foundation/detail/ErrorHandling.h"
+#include "hypervisor/NbdVMInfo.h"
 
 namespace {
 
@@ -15,14 +16,18 @@ public:
 
     CZuError Run(const std::string& setName, const std::string& target) {
         ZU_RETURN_IF_ERROR(m_Set.Open(setName));
+        ZU_RETURN_IF_ERROR(m_Set.OpenBases(m_Options.bases));
         ZU_RETURN_IF_ERROR(ChooseDisk(m_Set, m_Options.disk, m_Disk));
-        const bool isRaw = m_Options.asRaw || m_Disk.product == VirtualProdType_Physical;
+        const bool isRaw =
+            m_Options.asRaw || m_Disk.product == VirtualProdType_Physical || m_Disk.diskType == DiskType_VMInfoDisk;
+        if (!isRaw && IsNbdUri(target))
+            return Refusal(target + ": an export gets the plain bytes of a disk; add --as raw");
         m_Target = isRaw ? MakeRawTarget() : MakeSameKindTarget();
         ZU_RETURN_IF_ERROR(m_Target->Prepare(m_Set, m_Disk, target, m_Options));
         WarnOfParent();
         for (const SetStream_t& stream : m_Set.StreamsOf(m_Disk.id)) {
             m_Result.diskBytes += stream.diskSectors << SectorShift;
-            m_Progress.totalBytes += stream.storedBytes;
+            m_Progress.totalBytes += m_Set.StoredBytesOf(stream);
         }
         for (const SetStream_t& stream : m_Set.StreamsOf(m_Disk.id))
             ZU_RETURN_IF_ERROR(RestoreStream(stream));

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -10,10 +11,12 @@
 #include "platform/Export.h"
 
 struct RestoreOptions_t {
-    bool asRaw = false;            // one raw image with holes, instead of the same files
-    bool force = false;            // files that stand at the target are replaced
-    bool allowOutside = false;     // files may go where the set's names lead, out of the target's directory
-    std::optional<uint64_t> disk;  // which disk of the set, from 1; needed where there are several
+    bool asRaw = false;              // one raw image with holes, instead of the same files
+    bool force = false;              // files that stand at the target are replaced
+    bool allowOutside = false;       // files may go where the set's names lead, out of the target's directory
+    std::optional<uint64_t> disk;    // which disk of the set, from 1; needed where there are several
+    std::vector<std::string> bases;  // see `CBackupSetReader::OpenBases`
+    std::optional<std::chrono::seconds> patience;  // how long a server may take, and a lost connection
     ProgressCallback_t progress;
 };
 
@@ -30,7 +33,7 @@ struct RestoreResult_t {
 // written. The files get their names when all are whole and on the medium; until then nothing
 // stands or changes at the target.
 //
-// A raw image may go to a block device as well, if `force` is set: that is overwritten in place, so
-// a failure leaves it half written.
+// A raw image may go to a block device, or to an export of the disk's size, named by its URI, as well, if `force` is set:
+// those are overwritten in place, so a failure leaves them half written. A disk that a server exported is a raw image.
 [[nodiscard]] DISKSTREAM_EXPORT CZuError RestoreDisk(const std::string& set, const std::string& target,
                                                      const RestoreOptions_t& options, RestoreResult_t& result);

@@ -86,8 +86,9 @@ public:
 
     CZuError Run(const std::string& setName) {
         ZU_RETURN_IF_ERROR(m_Set.Open(setName));
+        ZU_RETURN_IF_ERROR(m_Set.OpenBases(m_Options.bases));
         for (const SetStream_t& stream : m_Set.Streams())
-            m_Progress.totalBytes += stream.storedBytes;
+            m_Progress.totalBytes += m_Set.StoredBytesOf(stream);
         for (const SetPart_t& part : m_Set.Parts())
             m_Progress.totalBytes += part.bytes;
         if (m_Options.against.has_value())
@@ -116,7 +117,7 @@ private:
     // A set of a raw disk holds what the image makes together with its chain, whatever its kind.
     CZuError OpenAsTheSetIs(const std::string& name) {
         ImageOptions_t options = m_Options.image;
-        const bool isRaw = m_Disk.product == VirtualProdType_Physical;
+        const bool isRaw = m_Disk.product == VirtualProdType_Physical || m_Disk.diskType == DiskType_VMInfoDisk;
         options.rawUnlessKnown = isRaw;
         m_Image.emplace();
         return isRaw ? m_Image->OpenFlattened(name, options) : m_Image->Open(name, options);
@@ -151,7 +152,8 @@ private:
             ZU_RETURN_IF_ERROR(OpenSide(stream, *extent, image.emplace()));
         CRunsProof runs;
         ZU_RETURN_IF_ERROR(ForEachBlock(m_Set, stream, [&](BatchBlock_t& block) {
-            runs.Add(block.block.number);
+            if (!block.block.isInherited)
+                runs.Add(block.block.number);
             CZuError counting = Count(block);
             return counting.IsErrorSet() || !image.has_value() ? counting : Compare(stream, block, *image);
         }));

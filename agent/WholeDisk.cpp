@@ -11,6 +11,7 @@
 #include "agent/detail/VmdkDescriptor.h"
 #include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
+#include "hypervisor/NbdVMInfo.h"
 
 namespace {
 
@@ -31,7 +32,8 @@ CZuError CheckExtents(const CDiskImage& image) {
 }
 
 bool IsFileOfItsOwn(const CDiskImage& image) {
-    return image.SmallFiles().empty() && image.Extents().size() == 1 && IsSparseVmdk(image.DiskType());
+    return image.SmallFiles().empty() && image.Extents().size() == 1 &&
+           (IsSparseVmdk(image.DiskType()) || image.DiskType() == DiskType_VMInfoDisk);
 }
 
 CZuError LinkTo(const std::string& path, const std::string& link) {
@@ -50,6 +52,7 @@ CZuError CWholeDisk::Open(const std::string& path, const ImageOptions_t& options
     for (const CDiskImage& image : m_Links)
         ZU_RETURN_IF_ERROR(AddCoreLink(image));
     m_Reader = std::make_unique<CWholeDiskReader>(m_Links.back().Product());
+    m_Reader->SetVMInfo(m_Links.back().Extents().front().server.get(), "", "");
     return ErrorAt(path, m_Reader->OpenHardDisk(m_CoreDisks));
 }
 

@@ -14,6 +14,8 @@ struct BackupArguments_t {
     bool flatten = false;
     bool catalog = false;
     bool force = false;
+    std::string changedSince;
+    std::string base;
     ImageArguments_t imageArguments;
     OutputOptions_t output;
 };
@@ -32,6 +34,10 @@ void SplitWords(BackupArguments_t& arguments) {
     arguments.disks.pop_back();
     if (arguments.disks.empty())
         throw CLI::RequiredError("SET");
+    if (arguments.changedSince.empty() != arguments.base.empty())
+        throw CLI::ValidationError("--changed-since and --base: one needs the other");
+    if (arguments.disks.size() > 1 && !arguments.base.empty())
+        throw CLI::ValidationError("--base: builds on the set of one disk, so give it with one disk only");
     if (arguments.disks.size() > 1 && !arguments.imageArguments.parents.empty())
         throw CLI::ValidationError("--chain: tells of the links of one disk, so give it with one disk only");
 }
@@ -85,6 +91,10 @@ void PrintJsonResult(const BackupArguments_t& arguments, const BackupResult_t& r
     object["disks"] = JsonOfDisks(result.disks);
     object["blocks"] = result.blockCount;
     object["zero_blocks"] = result.zeroBlocks;
+    if (!arguments.base.empty()) {
+        object["base"] = arguments.base;
+        object["unchanged_blocks"] = result.unchangedBlocks;
+    }
     object["read_bytes"] = result.readBytes;
     object["stored_bytes"] = result.storedBytes;
     object["set_bytes"] = result.setBytes;
@@ -112,6 +122,8 @@ void PrintResult(const BackupArguments_t& arguments, const BackupResult_t& resul
     const double rate = seconds > 0 ? static_cast<double>(result.readBytes) / seconds : 0;
     facts.emplace_back("Blocks", std::to_string(result.blockCount) + " with " + SizeText(result.readBytes) + ", " +
                                      std::to_string(result.zeroBlocks) + " of them zeros");
+    if (!arguments.base.empty())
+        facts.emplace_back("Unchanged", std::to_string(result.unchangedBlocks) + " blocks, in " + arguments.base);
     facts.emplace_back("Stored", SizeText(result.storedBytes) + " in a set of " + SizeText(result.setBytes));
     if (arguments.catalog)
         facts.emplace_back("Catalogue", std::to_string(result.catalogFiles) + " files of " +
@@ -124,6 +136,8 @@ void PrintResult(const BackupArguments_t& arguments, const BackupResult_t& resul
 int Run(const BackupArguments_t& arguments) {
     BackupOptions_t options;
     options.image = arguments.imageArguments.Options();
+    options.image.changedSince = arguments.changedSince;
+    options.base = arguments.base;
     options.flatten = arguments.flatten;
     options.catalog = arguments.catalog;
     options.force = arguments.force;
@@ -155,7 +169,7 @@ void AddBackupCommand(CLI::App& program, int& exitCode) {
     const auto arguments = std::make_shared<BackupArguments_t>();
     command
         ->add_option("DISK", arguments->words,
-                     "Disk images, descriptors, raw files or devices; the last word is the set")
+                     "Disk images, descriptors, raw files, devices or NBD exports; the last word is the set")
         ->type_name("")
         ->required()
         ->check(CLI::Validator(CheckBackupName, ""));
@@ -169,6 +183,10 @@ void AddBackupCommand(CLI::App& program, int& exitCode) {
                       "Keep the disk as it reads through its chain, as a raw disk, not the image");
     command->add_flag("--catalog", arguments->catalog,
                       "Collect what lists and restores the files of NTFS volumes from the set alone");
+    AddNameArgument(*command, "--changed-since", arguments->changedSince,
+                    "Only what changed, as this dirty bitmap of an NBD export tells")
+        ->type_name("BITMAP");
+    AddNameArgument(*command, "--base", arguments->base, "The set that has what didn't change")->type_name("SET");
     command->add_flag("-f,--force", arguments->force, "Replace a set that exists");
     AddImageArguments(*command, arguments->imageArguments);
     AddOutputArguments(*command, arguments->output);
@@ -178,7 +196,10 @@ void AddBackupCommand(CLI::App& program, int& exitCode) {
                     "  diskstream backup --catalog disk.vmdk monday.dset\n"
                     "  diskstream backup --catalog system.vhd data.vhd monday.dset\n"
                     "  diskstream backup --flatten snapshot.vhd monday.dset\n"
-                    "  diskstream backup /dev/sdb monday.dset");
+                    "  diskstream backup /dev/sdb monday.dset\n"
+                    "  diskstream backup nbd://host/export monday.dset\n"
+                    "  diskstream backup --changed-since monday --base monday.dset \\\n"
+                    "      'nbd+unix:///export?socket=/run/disk.sock' tuesday.dset");
     command->callback([arguments, &exitCode] {
         SplitWords(*arguments);
         exitCode = Run(*arguments);

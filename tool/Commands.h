@@ -16,6 +16,7 @@ void AddInfoCommand(CLI::App& program, int& exitCode);
 void AddBackupCommand(CLI::App& program, int& exitCode);
 void AddRestoreCommand(CLI::App& program, int& exitCode);
 void AddVerifyCommand(CLI::App& program, int& exitCode);
+void AddConsolidateCommand(CLI::App& program, int& exitCode);
 void AddListCommand(CLI::App& program, int& exitCode);
 void AddPartitionsCommand(CLI::App& program, int& exitCode);
 void AddVolumesCommand(CLI::App& program, int& exitCode);
@@ -35,6 +36,7 @@ struct ImageArguments_t {
     std::string typeName;
     bool allowOutside = false;
     std::vector<std::string> parents;
+    std::optional<unsigned> patienceSeconds;
 
     ImageOptions_t Options() const;
 };
@@ -54,4 +56,10 @@ CLI::Option* AddBytesOption(CLI::App& command, const std::string& option, std::o
                             const std::string& description);
 
 void AddImageArguments(CLI::App& command, ImageArguments_t& arguments);
+
+// How long a server may take to answer, and a connection that was lost is tried again.
+void AddPatienceOption(CLI::App& command, std::optional<unsigned>& seconds);
+
+// Where the sets are on which a set builds.
+void AddBasesOption(CLI::App& command, std::vector<std::string>& bases);
 void AddOutputArguments(CLI::App& command, OutputOptions_t& output);

@@ -60,6 +60,8 @@ ImageOptions_t ImageArguments_t::Options() const {
         options.type = DiskTypeFromName(typeName);
     options.allowOutside = allowOutside;
     options.parents = parents;
+    if (patienceSeconds.has_value())
+        options.patience = std::chrono::seconds(*patienceSeconds);
     return options;
 }
 
@@ -109,6 +111,24 @@ void AddImageArguments(CLI::App& command, ImageArguments_t& arguments) {
         ->type_name("FILE,FILE,...")
         ->delimiter(',')
         ->allow_extra_args(false)  // what stands behind the list is another argument
+        ->check(CLI::Validator(CheckName, ""));
+    AddPatienceOption(command, arguments.patienceSeconds);
+}
+
+void AddPatienceOption(CLI::App& command, std::optional<unsigned>& seconds) {
+    constexpr int mostSeconds = 86400;
+    command
+        .add_option("--patience", seconds, "How long an NBD server may take, and a lost connection is tried again (15)")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(1, mostSeconds).description(""));
+}
+
+void AddBasesOption(CLI::App& command, std::vector<std::string>& bases) {
+    command
+        .add_option("--base", bases,
+                    "A set on which SET builds, or a directory with such sets, where they aren't beside it")
+        ->type_name("SET")
+        ->allow_extra_args(false)
         ->check(CLI::Validator(CheckName, ""));
 }
 

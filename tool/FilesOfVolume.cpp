@@ -62,6 +62,8 @@ int RunOnSet(const FileArguments_t& arguments, const FileStep_t& step) {
     const SetVolume_t* found = nullptr;
     CZuError error = set.Open(arguments.words.front());
     if (!error.IsErrorSet())
+        error = set.OpenBases(arguments.bases);
+    if (!error.IsErrorSet())
         error = FindInSet(set, arguments.volume, found);
     if (!error.IsErrorSet())
         error = volume.Open(set, *found);
@@ -131,6 +133,7 @@ void AddFileArguments(CLI::App& command, FileArguments_t& arguments, const FileW
             "Name of the volume, behind it " + words.names + "; a set of one volume needs none")
         ->type_name("NAME")
         ->trigger_on_parse();
+    AddBasesOption(command, arguments.bases);
     AddImageArguments(command, arguments.imageArguments);
     command.formatter(std::make_shared<CFileUsage>(words.names));
     command.get_formatter()->label("REQUIRED", "");

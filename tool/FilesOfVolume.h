@@ -17,6 +17,7 @@ struct FileArguments_t {
     size_t disks = 0;                // of them, a set counts as one
     bool isSet = false;
     std::string volume;
+    std::vector<std::string> bases;
     ImageArguments_t imageArguments;
     OutputOptions_t output;
 

@@ -67,6 +67,14 @@ void PutCatalogue(const CBackupSetReader& set, Json_t& object) {
     }
 }
 
+void PutBase(const CBackupSetReader& set, Json_t& object) {
+    object["identity"] = IdentityText(set.Identity());
+    const std::optional<SetBase_t>& base = set.Info().base;
+    if (base.has_value())
+        object["base"] = {
+            {"set", base->name}, {"identity", IdentityText(base->identity)}, {"changed_since", base->changedSince}};
+}
+
 // A set of one disk tells of it at the top, too.
 Json_t JsonOf(const CBackupSetReader& set) {
     Json_t object{{"set", set.Path()}};
@@ -74,6 +82,7 @@ Json_t JsonOf(const CBackupSetReader& set) {
         PutDisk(set.Disks().front(), object);
     object["created"] = set.Info().createdUtc;
     object["writer"] = set.Info().writer;
+    PutBase(set, object);
     object["disks"] = DisksJson(set);
     object["streams"] = StreamsJson(set);
     object["files"] = FilesJson(set);
@@ -117,7 +126,10 @@ void AddDisks(const CBackupSetReader& set, Facts_t& facts) {
 }
 
 void PrintText(const CBackupSetReader& set) {
-    Facts_t facts{{"Set", set.Path()}};
+    Facts_t facts{{"Set", set.Path()}, {"Identity", IdentityText(set.Identity())}};
+    if (set.Info().base.has_value())
+        facts.emplace_back("Builds on", set.Info().base->name + " (" + IdentityText(set.Info().base->identity) +
+                                            "), what changed since " + set.Info().base->changedSince);
     if (HasSeveralDisks(set))
         AddDisks(set, facts);
     else

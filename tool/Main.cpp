@@ -38,6 +38,7 @@ void AddCommands(CLI::App& program, int& exitCode) {
     AddBackupCommand(program, exitCode);
     AddRestoreCommand(program, exitCode);
     AddVerifyCommand(program, exitCode);
+    AddConsolidateCommand(program, exitCode);
     AddListCommand(program, exitCode);
     AddPartitionsCommand(program, exitCode);
     AddVolumesCommand(program, exitCode);

@@ -10,6 +10,7 @@ struct RestoreArguments_t {
     std::string set;
     std::string target;
     std::string asKind;
+    std::optional<unsigned> patienceSeconds;
     RestoreOptions_t options;
     OutputOptions_t output;
 };
@@ -44,6 +45,8 @@ void PrintResult(const RestoreArguments_t& arguments, const RestoreResult_t& res
 int Run(const RestoreArguments_t& arguments) {
     RestoreOptions_t options = arguments.options;
     options.asRaw = arguments.asKind == "raw";
+    if (arguments.patienceSeconds.has_value())
+        options.patience = std::chrono::seconds(*arguments.patienceSeconds);
     RestoreResult_t result;
     CZuError error;
     double seconds = 0;
@@ -66,7 +69,8 @@ void AddRestoreCommand(CLI::App& program, int& exitCode) {
     CLI::App* const command = program.add_subcommand("restore", "Restore a disk from a backup set");
     const auto arguments = std::make_shared<RestoreArguments_t>();
     AddNameArgument(*command, "SET", arguments->set, "Backup set")->required();
-    AddNameArgument(*command, "TARGET", arguments->target, "Main file of the restored disk, or a directory for it")
+    AddNameArgument(*command, "TARGET", arguments->target,
+                    "Main file of the restored disk, a directory for it, a device, or nbd://HOST/EXPORT")
         ->required();
     command->add_option("--as", arguments->asKind, "One raw image with holes, instead of the files that were backed up")
         ->type_name("raw")
@@ -77,10 +81,14 @@ void AddRestoreCommand(CLI::App& program, int& exitCode) {
     command->add_flag("-f,--force", arguments->options.force, "Replace files that exist");
     command->add_flag("--allow-outside", arguments->options.allowOutside,
                       "Let files go where the set's names lead, out of the target's directory");
+    AddBasesOption(*command, arguments->options.bases);
+    AddPatienceOption(*command, arguments->patienceSeconds);
     AddOutputArguments(*command, arguments->output);
     command->footer("Examples:\n"
                     "  diskstream restore monday.dset disk.vmdk\n"
                     "  diskstream restore --as raw monday.dset disk.raw\n"
-                    "  diskstream restore --disk 2 monday.dset data.vmdk");
+                    "  diskstream restore --disk 2 monday.dset data.vmdk\n"
+                    "  diskstream restore --base monday.dset tuesday.dset disk.raw\n"
+                    "  diskstream restore --force tuesday.dset nbd://host/export");
     command->callback([arguments, &exitCode] { exitCode = Run(*arguments); });
 }

@@ -11,6 +11,7 @@ struct VerifyArguments_t {
     std::string set;
     std::string against;
     std::optional<uint64_t> disk;
+    std::vector<std::string> bases;
     ImageArguments_t imageArguments;
     OutputOptions_t output;
 };
@@ -51,6 +52,7 @@ int Run(const VerifyArguments_t& arguments) {
     VerifyOptions_t options;
     options.image = arguments.imageArguments.Options();
     options.disk = arguments.disk;
+    options.bases = arguments.bases;
     if (!arguments.against.empty())
         options.against = arguments.against;
     VerifyResult_t result;
@@ -83,6 +85,7 @@ void AddVerifyCommand(CLI::App& program, int& exitCode) {
         ->add_option("--disk", arguments->disk, "Which disk of a set of several the image is, by its number in `list`")
         ->type_name("NUMBER")
         ->check(CLI::Range(1, 1 << 23).description(""));
+    AddBasesOption(*command, arguments->bases);
     AddImageArguments(*command, arguments->imageArguments);
     AddOutputArguments(*command, arguments->output);
     command->footer("Examples:\n"

@@ -37,7 +37,8 @@ std::unique_ptr<IBlockSource> MakeFlatSource();    // VMDK flat extents and raw 
 std::unique_ptr<IBlockSource> MakeSparseSource();  // VMDK sparse extents
 std::unique_ptr<IBlockSource> MakeFixedVhdSource();
 std::unique_ptr<IBlockSource> MakeDynamicVhdSource();
-std::unique_ptr<IBlockSource> MakeChainSource();  // a disk as it reads through its chain
+std::unique_ptr<IBlockSource> MakeManagedSource();  // disks that a server exports
+std::unique_ptr<IBlockSource> MakeChainSource();    // a disk as it reads through its chain
 
 std::unique_ptr<IBlockSource> MakeBlockSource(const DiskExtent_t& extent);
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -12,24 +13,43 @@
 #include "foundation/ZuFile.h"
 #include "platform/DeviceClaim.h"
 
-// Where the plain bytes of a disk go: a new file with holes, or a block device. A device holds what
-// was on it before, so what is not written is zeroed, and it can't be taken back.
-class CRawOutput {
+// Where the plain bytes of a disk go.
+class IRawOutput {
 public:
+    IRawOutput() = default;
+    IRawOutput(const IRawOutput&) = delete;
+    IRawOutput& operator=(const IRawOutput&) = delete;
+    virtual ~IRawOutput() = default;
+
     // Finds out whether the disk can go to `target`. Touches nothing.
-    CZuError Prepare(const CBackupSetReader& set, const std::string& target, uint64_t diskBytes,
-                     const RestoreOptions_t& options);
+    virtual CZuError Prepare(const CBackupSetReader& set, const std::string& target, uint64_t diskBytes,
+                             const RestoreOptions_t& options) = 0;
 
-    CZuError Begin();
-    bool HasBegun() const { return m_File.IsValid(); }
+    virtual CZuError Begin() = 0;
+    virtual bool HasBegun() const = 0;
 
-    // Writes at byte `offset` of the disk. Offsets don't go back.
-    CZuError Write(uint64_t offset, const char* bytes, uint32_t size);
+    // Writes at byte `offset` of the disk, in whole sectors. Offsets don't go back.
+    virtual CZuError Write(uint64_t offset, const char* bytes, uint32_t size) = 0;
 
     // Nothing more comes in front of byte `offset`.
-    CZuError FinishUpTo(uint64_t offset);
+    virtual CZuError FinishUpTo(uint64_t offset) = 0;
 
-    CZuError Commit(std::vector<std::string>& files);
+    virtual CZuError Commit(std::vector<std::string>& files) = 0;
+};
+
+std::unique_ptr<IRawOutput> MakeNbdOutput();  // an export, which holds what was on it before, as a device does
+
+// A new file with holes, or a block device. A device holds what was on it before, so what is not written is zeroed, and it
+// can't be taken back.
+class CRawOutput final : public IRawOutput {
+public:
+    CZuError Prepare(const CBackupSetReader& set, const std::string& target, uint64_t diskBytes,
+                     const RestoreOptions_t& options) override;
+    CZuError Begin() override;
+    bool HasBegun() const override { return m_File.IsValid(); }
+    CZuError Write(uint64_t offset, const char* bytes, uint32_t size) override;
+    CZuError FinishUpTo(uint64_t offset) override;
+    CZuError Commit(std::vector<std::string>& files) override;
 
 private:
     CZuError PrepareDevice(const std::string& target, const RestoreOptions_t& options);

@@ -10,6 +10,7 @@
 #include "foundation/detail/Bitmap.h"
 #include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
+#include "hypervisor/NbdVMInfo.h"
 
 namespace {
 
@@ -22,12 +23,18 @@ public:
         ZU_RETURN_IF_ERROR(ErrorAt(set.Path(), ResolveExtentName(".", disk.imageName, false, directChild)));
         ZU_RETURN_IF_ERROR(SumSectors(set, disk));
         m_SetPath = set.Path();
-        return m_Output.Prepare(set, TargetFile(target, RawName(disk)), m_TotalSectors << SectorShift, options);
+        const uint64_t diskBytes = m_TotalSectors << SectorShift;
+        if (IsNbdUri(target)) {
+            m_Output = MakeNbdOutput();
+            return m_Output->Prepare(set, target, diskBytes, options);
+        }
+        m_Output = std::make_unique<CRawOutput>();
+        return m_Output->Prepare(set, TargetFile(target, RawName(disk)), diskBytes, options);
     }
 
     CZuError BeginStream(CBackupSetReader& set, const SetStream_t& stream) override {
-        if (!m_Output.HasBegun())
-            ZU_RETURN_IF_ERROR(m_Output.Begin());
+        if (!m_Output->HasBegun())
+            ZU_RETURN_IF_ERROR(m_Output->Begin());
         m_Stream = stream;
         m_FirstSector = m_NextFirstSector;
         m_NextFirstSector += stream.diskSectors;
@@ -41,12 +48,12 @@ public:
         return WriteSectors(block.number * m_Stream.blockSectors, plain.GetPtr(), block.sectors);
     }
 
-    CZuError EndStream() override { return m_Output.FinishUpTo(m_NextFirstSector << SectorShift); }
+    CZuError EndStream() override { return m_Output->FinishUpTo(m_NextFirstSector << SectorShift); }
 
     CZuError Commit(std::vector<std::string>& files) override {
-        if (!m_Output.HasBegun())
-            ZU_RETURN_IF_ERROR(m_Output.Begin());
-        return m_Output.Commit(files);
+        if (!m_Output->HasBegun())
+            ZU_RETURN_IF_ERROR(m_Output->Begin());
+        return m_Output->Commit(files);
     }
 
 private:
@@ -103,12 +110,12 @@ private:
         if (sector >= m_Stream.diskSectors)
             return CZuError();
         const uint64_t count = std::min<uint64_t>(sectors, m_Stream.diskSectors - sector);
-        return m_Output.Write((m_FirstSector + sector) << SectorShift, bytes,
-                              static_cast<uint32_t>(count << SectorShift));
+        return m_Output->Write((m_FirstSector + sector) << SectorShift, bytes,
+                               static_cast<uint32_t>(count << SectorShift));
     }
 
     std::string m_SetPath;
-    CRawOutput m_Output;
+    std::unique_ptr<IRawOutput> m_Output;
     SetStream_t m_Stream;
     std::optional<VhdBlockShape_t> m_VhdShape;  // of a stream whose blocks have bitmaps
     uint64_t m_TotalSectors = 0;

@@ -61,6 +61,12 @@ void AddPart(CRunningDigest& digest, const SetPart_t& part) {
     AddDigest(digest, part.digest);
 }
 
+void AddBase(CRunningDigest& digest, const SetBase_t& base) {
+    digest.AddText(base.name);
+    AddDigest(digest, base.identity);
+    digest.AddText(base.changedSince);
+}
+
 BlockDigest_t DigestOfVersion1(const SetLists_t& lists) {
     CRunningDigest digest;
     for (const SetDisk_t& disk : lists.disks)
@@ -122,6 +128,8 @@ BlockDigest_t DigestOfSet(const SetLists_t& lists) {
     });
     AddList(digest, lists.volumes, [&](const SetVolume_t& volume) { AddVolume(digest, volume); });
     AddList(digest, lists.parts, [&](const SetPart_t& part) { AddPart(digest, part); });
+    if (lists.info.base.has_value())
+        AddBase(digest, *lists.info.base);
     return digest.Result();
 }
 

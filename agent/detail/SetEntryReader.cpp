@@ -87,9 +87,9 @@ CZuError CSetEntryReader::Find(int64_t volume, uint64_t parent, const std::strin
     return hasRow ? ReadRow(m_SelectEntry, volume, entry.emplace()) : CZuError();
 }
 
-CZuError CSetEntryReader::Prove(const SetVolume_t& volume) {
+CZuError CSetEntryReader::ForEachOf(const SetVolume_t& volume, const std::function<bool(SetEntry_t&)>& take) {
     CSetStatement rows;
-    ZU_RETURN_IF_ERROR(rows.Prepare(m_Database, SelectColumns));
+    ZU_RETURN_IF_ERROR(rows.Prepare(m_Database, SelectRows(" ORDER BY parent, name, frn").c_str()));
     rows.Bind(1, volume.id);
     uint64_t count = 0;
     CDigestSum sum;
@@ -102,6 +102,8 @@ CZuError CSetEntryReader::Prove(const SetVolume_t& volume) {
         ZU_RETURN_IF_ERROR(ReadRow(rows, volume.id, entry));
         ++count;
         sum.Add(DigestOfEntry(entry));
+        if (!take(entry))
+            return CZuError();
     }
     const bool isSound = count == volume.entryCount && sum.Result() == volume.entriesDigest;
     return isSound ? CZuError() : m_Database.Damaged("entries of the volume " + volume.name + " are lost or changed");

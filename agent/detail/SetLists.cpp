@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <functional>
-#include <span>
+#include <optional>
 #include <tuple>
 
 #include "agent/detail/SetDigest.h"
@@ -33,7 +33,9 @@ public:
             ZU_RETURN_IF_ERROR(ReadVolumes());
             ZU_RETURN_IF_ERROR(ReadParts());
         }
-        if (DigestOfSet(m_Lists) != m_Digest)
+        if (m_Lists.version == BackupSetVersion)
+            ZU_RETURN_IF_ERROR(ReadBase());
+        if (DigestOfSet(m_Lists) != m_Lists.digest)
             return m_Database.Damaged("the digest over its lists is wrong");
         return CZuError();
     }
@@ -59,7 +61,7 @@ private:
 
     // A view or trigger, or a table of another shape, could have us read or run anything.
     CZuError CheckTables() {
-        const std::span<const SetTable_t> tables = TablesOfVersion(m_Lists.version);
+        const std::vector<SetTable_t> tables = TablesOfVersion(m_Lists.version);
         size_t found = 0;
         ZU_RETURN_IF_ERROR(ForEachRow("SELECT type, name, sql FROM sqlite_schema", [&](CSetStatement& row) {
             const std::string name = row.Text(1);
@@ -82,7 +84,7 @@ private:
             isThere = true;
             m_Lists.info.createdUtc = row.Text(0);
             m_Lists.info.writer = row.Text(1);
-            return ReadDigest(row, 2, m_Digest) ? CZuError() : m_Database.Damaged("its digest is missing");
+            return ReadDigest(row, 2, m_Lists.digest) ? CZuError() : m_Database.Damaged("its digest is missing");
         }));
         return isThere ? CZuError() : m_Database.Damaged("its own row is missing");
     }
@@ -207,6 +209,25 @@ private:
         return CZuError();
     }
 
+    CZuError ReadBase() {
+        std::optional<SetBase_t>& base = m_Lists.info.base;
+        ZU_RETURN_IF_ERROR(ForEachRow("SELECT name, identity, changed_since FROM base", [&](CSetStatement& row) {
+            if (base.has_value() || !row.IsText(0) || !row.IsText(2) || !ReadDigest(row, 1, base.emplace().identity))
+                return m_Database.Damaged("its row of the base");
+            base->name = row.Text(0);
+            base->changedSince = row.Text(2);
+            return CZuError();
+        }));
+        if (!base.has_value())
+            return m_Database.Damaged("its row of the base is missing");
+        for (const SetStream_t& stream : m_Lists.streams) {
+            if (FindPartIn(m_Lists.parts, InheritedPartName(stream.id)) == nullptr)
+                return m_Database.Damaged("the list of the blocks of " + stream.fileName +
+                                          " that its base has is missing");
+        }
+        return CZuError();
+    }
+
     using TakeRow_t = std::function<CZuError(CSetStatement&)>;
 
     CZuError ForEachRow(const char* sql, const TakeRow_t& take) {
@@ -223,7 +244,6 @@ private:
 
     CSetDatabase& m_Database;
     SetLists_t& m_Lists;
-    BlockDigest_t m_Digest{};
 };
 
 }  // namespace
@@ -234,6 +254,10 @@ CZuError ReadSetLists(CSetDatabase& database, SetLists_t& lists) {
 
 std::string BlocksPartName(int64_t stream) {
     return BlocksPartPrefix + std::to_string(stream);
+}
+
+std::string InheritedPartName(int64_t stream) {
+    return InheritedPartPrefix + std::to_string(stream);
 }
 
 const SetPart_t* FindPartIn(const std::vector<SetPart_t>& parts, const std::string& name) {

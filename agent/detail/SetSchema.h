@@ -1,7 +1,7 @@
 #pragma once
 
 #include <cstdint>
-#include <span>
+#include <vector>
 
 // The tables of a backup set. docs/backup-set.md describes them; a change here is a change of the
 // format.
@@ -92,6 +92,15 @@ constexpr SetTable_t SetTables2[] = {
               "PRIMARY KEY (volume, parent, name, frn)) WITHOUT ROWID"},
 };
 
-inline std::span<const SetTable_t> TablesOfVersion(int64_t version) {
-    return version == 1 ? std::span<const SetTable_t>(SetTables1) : std::span<const SetTable_t>(SetTables2);
+// Version 3: a set that builds on another one. All else is as in version 2.
+constexpr SetTable_t BaseTable = {
+    "base", "CREATE TABLE base (name TEXT NOT NULL, identity BLOB NOT NULL, changed_since TEXT NOT NULL)"};
+
+inline std::vector<SetTable_t> TablesOfVersion(int64_t version) {
+    if (version == 1)
+        return {std::begin(SetTables1), std::end(SetTables1)};
+    std::vector<SetTable_t> tables(std::begin(SetTables2), std::end(SetTables2));
+    if (version == 3)
+        tables.push_back(BaseTable);
+    return tables;
 }

@@ -252,8 +252,8 @@ TEST_F(DamagedSet, OnlyItsOwnTablesAreIn) {
 }
 
 TEST_F(DamagedSet, ANewerVersionAsksForANewerProgram) {
-    AlterSet(Fresh(), "PRAGMA user_version = 3");
-    EXPECT_FAILS_SAYING(Verify(m_Dir.File("set")), m_Dir.File("set"), "format version 3", "up to 2", "newer");
+    AlterSet(Fresh(), "PRAGMA user_version = 4");
+    EXPECT_FAILS_SAYING(Verify(m_Dir.File("set")), m_Dir.File("set"), "format version 4", "up to 3", "newer");
     for (const char* version : {"0", "-1"}) {
         AlterSet(Fresh(), std::string("PRAGMA user_version = ") + version);
         EXPECT_FAILS_SAYING(Verify(m_Dir.File("set")), m_Dir.File("set"), version);
