@@ -6,7 +6,7 @@ set -euo pipefail
 packages_for() {
     case $1 in
     build) echo cmake ninja-build g++ pkg-config libcli11-dev nlohmann-json3-dev libsqlite3-dev libzstd-dev libxxhash-dev libnbd-dev ;;
-    test) echo libgtest-dev libgmock-dev qemu-utils xz-utils e2fsprogs fdisk gdisk ntfs-3g libvhdi-utils lvm2 ldmtool sleuthkit ;;
+    test) echo libgtest-dev libgmock-dev qemu-utils qemu-system-common nbdkit xz-utils e2fsprogs fdisk gdisk ntfs-3g libvhdi-utils lvm2 ldmtool sleuthkit libxml2-utils ;;
     demo) echo qemu-utils xz-utils ;;
     bench) echo libbenchmark-dev qemu-utils time fdisk ntfs-3g sleuthkit p7zip-full attr restic borgbackup ;;
     windows) echo cmake ninja-build g++-mingw-w64-x86-64-posix googletest ;;

@@ -74,14 +74,17 @@ TEST(XmlReader, EveryCutOfADocumentIsRefused) {
 
 // What other readers resolve, and what others take for XML.
 TEST(XmlReader, TakesNoOtherVersionEncodingAndDocumentType) {
+    using namespace std::string_literals;
     const struct {
         const char* name;
-        const char* text;
+        std::string text;
         eXmlMsgRet failure;
     } rows[] = {
         {"version 1.1", "<?xml version='1.1'?><a/>", XmlMsgRet_NotXml},
         {"Latin-1", "<?xml version='1.0' encoding='ISO-8859-1'?><a/>", XmlMsgRet_NotXml},
         {"UTF-16", "<?xml version='1.0' encoding='UTF-16'?><a/>", XmlMsgRet_NotXml},
+        {"what is UTF-16", "\xFF\xFE<\0a\0/\0>\0"s, XmlMsgRet_NotXml},
+        {"a NUL behind the root", "<a/>\0"s, XmlMsgRet_NotXml},
         {"a document type", "<!DOCTYPE a><a/>", XmlMsgRet_DocumentType},
         {"a document type behind a comment", "<!-- --><!DOCTYPE a [<!ENTITY b 'b'>]><a>&b;</a>",
          XmlMsgRet_DocumentType},
