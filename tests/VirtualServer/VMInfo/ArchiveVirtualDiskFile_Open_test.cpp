@@ -213,7 +213,8 @@ TEST_F(ArchiveVirtualDiskFileOpen, AClosedObjectRefusesEveryBlockCallAndStillSet
 }
 
 TEST_F(ArchiveVirtualDiskFileOpen, TheFileNameIsEmptyForEveryImage) {
-    for (const auto& [product, type] : {std::pair{1, 0}, {1, 1}, {1, 3}, {2, 12}, {2, 13}, {2, 14}, {3, 15}, {3, 16}, {3, 19}}) {
+    for (const auto& [product, type] :
+         {std::pair{1, 0}, {1, 1}, {1, 3}, {2, 12}, {2, 13}, {2, 14}, {3, 15}, {3, 16}, {3, 19}}) {
         CArchiveVirtualDiskFile disk{ProductType_t(product)};
         if (type != 0) {
             ASSERT_OK(disk.Open(FileFor(type).c_str(), DiskType_t(type)));
