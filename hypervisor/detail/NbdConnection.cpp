@@ -12,8 +12,6 @@
 
 namespace {
 
-using Clock_t = std::chrono::steady_clock;
-
 // The library's words begin with the name of its own call, which tells people nothing.
 std::string WithoutCall(const char* words) {
     std::string text = words != nullptr ? words : "";
@@ -112,8 +110,10 @@ CNbdConnection::Outcome_t CNbdConnection::Wait(const Request_t& request) {
         return IsLost() ? Outcome_t::Lost : Outcome_t::Failed;
     for (;;) {
         const int completed = nbd_aio_command_completed(m_Handle, static_cast<uint64_t>(request.cookie));
-        if (completed > 0)
+        if (completed > 0) {
+            m_LostSince.reset();
             return Outcome_t::Done;
+        }
         if (completed < 0) {
             NoteError();
             return IsLost() ? Outcome_t::Lost : Outcome_t::Failed;
@@ -145,9 +145,16 @@ bool CNbdConnection::Reconnect() {
     constexpr std::chrono::milliseconds longestPause(1000);
     const std::string cause = m_ErrorText;
     const uint64_t sizeBytes = m_SizeBytes;
-    const Clock_t::time_point end = Clock_t::now() + m_Options.patience;
+    const bool isLostAgain = m_LostSince.has_value();
+    if (!isLostAgain)
+        m_LostSince = Clock_t::now();
+    const Clock_t::time_point end = *m_LostSince + m_Options.patience;
     LgDebug().Error("CNbdConnection::Reconnect", "%s: %s", m_Uri.c_str(), cause.c_str());
     ++m_Generation;
+    if (isLostAgain && Clock_t::now() >= end) {
+        NoteError("the connection was lost again and again: " + cause, m_ErrorCode);
+        return false;
+    }
     for (std::chrono::milliseconds pause(20);; pause = std::min(2 * pause, longestPause)) {
         if (TryToConnect())
             break;

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -70,11 +72,14 @@ private:
     void NoteError(const std::string& text, int code);
     int PatienceMs() const { return static_cast<int>(m_Options.patience.count()); }
 
+    using Clock_t = std::chrono::steady_clock;
+
     const std::string m_Uri;
     const NbdOptions_t m_Options;
     std::vector<std::string> m_Contexts;
     nbd_handle* m_Handle = nullptr;
     unsigned m_Generation = 0;
+    std::optional<Clock_t::time_point> m_LostSince;  // none while requests are answered
     uint64_t m_SizeBytes = 0;
     uint32_t m_SmallestBytes = 1;
     bool m_IsReadOnly = false;

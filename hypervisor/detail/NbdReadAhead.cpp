@@ -35,8 +35,10 @@ bool CNbdReadAhead::Read(uint64_t offset, char* buffer, uint32_t size) {
         if (m_Pieces.empty() || m_Pieces.front()->offset > at)  // nobody expected it
             return m_Connection.Read(at, buffer + done, size - done);
         Piece_t& piece = *m_Pieces.front();
-        if (!Finish(piece))
+        if (!Finish(piece)) {
+            PutAwayFirst();  // its request is over: the next read asks anew
             return false;
+        }
         const auto step = static_cast<uint32_t>(std::min<uint64_t>(size - done, piece.End() - at));
         std::memcpy(buffer + done, piece.bytes.GetPtr() + (at - piece.offset), step);
         done += step;
@@ -52,10 +54,14 @@ bool CNbdReadAhead::DropUpTo(uint64_t offset) {
         if (!piece.isThere && m_Connection.Wait(piece.request) == CNbdConnection::Outcome_t::Lost &&
             m_Connection.IsCurrent(piece.request) && !m_Connection.Reconnect())
             return false;
-        m_Spare.push_back(std::move(m_Pieces.front()));
-        m_Pieces.pop_front();
+        PutAwayFirst();
     }
     return true;
+}
+
+void CNbdReadAhead::PutAwayFirst() {
+    m_Spare.push_back(std::move(m_Pieces.front()));
+    m_Pieces.pop_front();
 }
 
 void CNbdReadAhead::FillUp(uint64_t from) {

@@ -39,6 +39,7 @@ private:
     };
 
     bool DropUpTo(uint64_t offset);
+    void PutAwayFirst();
     void FillUp(uint64_t from);
     bool FindNext(uint64_t from, uint64_t& offset);
     bool Start(uint64_t offset);
