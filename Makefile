@@ -2,7 +2,6 @@
 
 JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 60
-WINDOWS_TARGET ?= all
 CONFIGURE ?=
 PREFIX ?= /usr/local
 PACKAGES := packaging/install-packages.sh
@@ -13,7 +12,7 @@ cmake --preset release -B build/product -DDISKSTREAM_BUILD_TESTS=OFF -DDISKSTREA
 cmake --build build/product -j $(JOBS)
 endef
 
-.PHONY: help demo test bench asan windows x86 coverage fuzz format format-check lint install clean
+.PHONY: help demo test bench asan windows test-windows x86 coverage fuzz format format-check lint install clean
 .DEFAULT_GOAL := help
 
 help: ## This list
@@ -42,10 +41,19 @@ x86: ## Run the core's tests as a 32-bit program
 	cmake --build --preset x86 -j $(JOBS)
 	ctest --preset x86 -j $(JOBS) --output-junit ctest.xml
 
-windows: ## Cross-build the core and its tests for Windows; WINDOWS_TARGET=diskstream_whole without the tests
+windows: ## Cross-build the core and its tests for Windows
 	@$(PACKAGES) windows
 	cmake --preset windows
-	cmake --build --preset windows -j $(JOBS) --target $(WINDOWS_TARGET)
+	cmake --build --preset windows -j $(JOBS)
+
+test-windows: windows ## Run the core's tests for Windows under Wine, where it can be installed
+	@rm -rf build/windows/gtest
+	@if $(PACKAGES) wine; then \
+		tests/wine/with-wine.sh "$(CURDIR)/build/wine" ctest --preset windows -j $(JOBS) --output-junit ctest.xml; \
+		result=$$?; .ci/count-tests build/windows; exit $$result; \
+	else \
+		echo "The tests for Windows are skipped: Wine can't be installed on this machine."; \
+	fi
 
 bench: ## Measure, and compare with programs that do the same
 	@$(PACKAGES) build test bench
@@ -57,6 +65,7 @@ bench: ## Measure, and compare with programs that do the same
 	bench/compare-reads.sh build/release/tool/diskstream build/release/bench/make_dynamic_disks
 	bench/compare-files.sh build/release/tool/diskstream
 	bench/compare-catalog.sh build/release
+	bench/compare-nbd.sh build/release/tool/diskstream
 
 fuzz: ## Run each fuzz target for FUZZ_SECONDS (60)
 	@$(PACKAGES) build fuzz

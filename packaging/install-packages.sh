@@ -8,7 +8,7 @@ packages_for() {
     build) echo cmake ninja-build g++ pkg-config libcli11-dev nlohmann-json3-dev libsqlite3-dev libzstd-dev libxxhash-dev libnbd-dev ;;
     test) echo libgtest-dev libgmock-dev qemu-utils qemu-system-common nbdkit xz-utils e2fsprogs fdisk gdisk ntfs-3g libvhdi-utils lvm2 ldmtool sleuthkit libxml2-utils ;;
     demo) echo qemu-utils xz-utils ;;
-    bench) echo libbenchmark-dev qemu-utils time fdisk ntfs-3g sleuthkit p7zip-full attr restic borgbackup ;;
+    bench) echo libbenchmark-dev libnbd-bin qemu-utils time fdisk ntfs-3g sleuthkit p7zip-full attr restic borgbackup ;;
     windows) echo cmake ninja-build g++-mingw-w64-x86-64-posix googletest ;;
     wine) echo wine wine64 ;;
     x86) echo cmake ninja-build g++ g++-multilib googletest ;;

@@ -169,7 +169,7 @@ void AddBackupCommand(CLI::App& program, int& exitCode) {
     const auto arguments = std::make_shared<BackupArguments_t>();
     command
         ->add_option("DISK", arguments->words,
-                     "Disk images, descriptors, raw files, devices or NBD exports; the last word is the set")
+                     "Images, descriptors, raw files, devices or NBD exports; the last word is the set")
         ->type_name("")
         ->required()
         ->check(CLI::Validator(CheckBackupName, ""));

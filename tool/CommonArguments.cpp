@@ -117,16 +117,13 @@ void AddImageArguments(CLI::App& command, ImageArguments_t& arguments) {
 
 void AddPatienceOption(CLI::App& command, std::optional<unsigned>& seconds) {
     constexpr int mostSeconds = 86400;
-    command
-        .add_option("--patience", seconds, "How long an NBD server may take, and a lost connection is tried again (15)")
+    command.add_option("--patience", seconds, "How long an NBD server is waited for (15)")
         ->type_name("SECONDS")
         ->check(CLI::Range(1, mostSeconds).description(""));
 }
 
 void AddBasesOption(CLI::App& command, std::vector<std::string>& bases) {
-    command
-        .add_option("--base", bases,
-                    "A set on which SET builds, or a directory with such sets, where they aren't beside it")
+    command.add_option("--base", bases, "A set on which SET builds, or a directory with such sets")
         ->type_name("SET")
         ->allow_extra_args(false)
         ->check(CLI::Validator(CheckName, ""));

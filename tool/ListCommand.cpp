@@ -126,7 +126,7 @@ void AddDisks(const CBackupSetReader& set, Facts_t& facts) {
 }
 
 void PrintText(const CBackupSetReader& set) {
-    Facts_t facts{{"Set", set.Path()}, {"Identity", IdentityText(set.Identity())}};
+    Facts_t facts{{"Set", set.Path()}};
     if (set.Info().base.has_value())
         facts.emplace_back("Builds on", set.Info().base->name + " (" + IdentityText(set.Info().base->identity) +
                                             "), what changed since " + set.Info().base->changedSince);

@@ -70,7 +70,7 @@ void AddRestoreCommand(CLI::App& program, int& exitCode) {
     const auto arguments = std::make_shared<RestoreArguments_t>();
     AddNameArgument(*command, "SET", arguments->set, "Backup set")->required();
     AddNameArgument(*command, "TARGET", arguments->target,
-                    "Main file of the restored disk, a directory for it, a device, or nbd://HOST/EXPORT")
+                    "Main file of the restored disk, a directory for it, a device or an NBD export")
         ->required();
     command->add_option("--as", arguments->asKind, "One raw image with holes, instead of the files that were backed up")
         ->type_name("raw")

@@ -153,6 +153,45 @@ TEST_F(FormatOfASet, ItsDigestRunsOverAllLists) {
     EXPECT_EQ("2", Ask("SELECT count(*) FROM file"));
 }
 
+TEST_F(FormatOfASet, TheDigestOfASetThatBuildsOnAnotherEndsWithItsBase) {
+    CBackupSetReader base;
+    ASSERT_OK(base.Open(Set()));
+    EXPECT_EQ(Ask("SELECT hex(digest) FROM backup_set"), Hex(base.Identity()));
+    const std::string set = m_Dir.File("building");
+    CBackupSetWriter writer;
+    ASSERT_OK(writer.Create(set, true));
+    ASSERT_OK(writer.BuildOn({"set", base.Identity(), "a bitmap"}));
+    ASSERT_OK(writer.AddDisk(base.Disks().front()));
+    SetStream_t stream = EmptyStream();
+    stream.diskSectors = 128;
+    ASSERT_OK(writer.BeginStream(stream, BufferOf("a record"), NoCompression));
+    for (const uint64_t number : {0U, 1U, 5U}) {
+        SetBlock_t block;
+        block.number = number;
+        block.isInherited = true;
+        ASSERT_OK(writer.AddBlock(block));
+    }
+    ASSERT_OK(writer.EndStream());
+    ASSERT_OK(writer.Commit({"2026-11-22T12:00:00Z", "a test"}));
+
+    CRunningDigest digest;
+    ForEachRow(set, "SELECT created_utc, writer FROM backup_set", [&](sqlite3_stmt* row) { AddColumns(row, digest); });
+    AddList(set, "id, image_name, product, disk_type, disk_sectors, has_parent, parent_name", "disk ORDER BY id",
+            digest);
+    AddList(set,
+            "id, file_name, disk_type, block_sectors, disk_sectors, file_bytes, record_bytes, record_digest, "
+            "block_count, stored_bytes, digest, disk",
+            "stream ORDER BY id", digest);
+    AddList(set, "disk, name, bytes", "file ORDER BY disk, name", digest);
+    AddList(set, "id, name, facts, entry_count, entries_digest", "volume ORDER BY id", digest);
+    AddList(set, "id, name, bytes, digest", "part ORDER BY name", digest);
+    ForEachRow(set, "SELECT name, identity AS identity_digest, changed_since FROM base",
+               [&](sqlite3_stmt* row) { AddColumns(row, digest); });
+    EXPECT_EQ(AskSet(set, "SELECT hex(digest) FROM backup_set"), Hex(digest.Result()));
+    EXPECT_EQ(std::string("00000000000000000200000000000000") + "05000000000000000100000000000000",
+              AskSet(set, "SELECT hex(data) FROM piece JOIN part ON part = part.id WHERE name = 'inherited-0'"));
+}
+
 TEST_F(FormatOfASet, TheDigestOfAStreamRunsOverItsBlocks) {
     for (const std::string stream : {"0", "1"}) {
         CRunningDigest digest;

@@ -75,13 +75,15 @@ TEST_F(CommandJson, ListTellsWhatASetHolds) {
     m_Dir.Write("flat-flat.vmdk", FlatBytes());
     ASSERT_EQ(Run({"backup", "flat.vmdk", "flat.dset"}).exitCode, 0);
     json result = RunForJson({"list", "flat.dset", "--json"});
-    ASSERT_EQ(Names(result),
-              (Names_t{"created", "disk_bytes", "disks", "files", "image", "set", "streams", "type", "writer"}));
+    ASSERT_EQ(Names(result), (Names_t{"created", "disk_bytes", "disks", "files", "identity", "image", "set", "streams",
+                                      "type", "writer"}));
     EXPECT_THAT(result["created"].get<std::string>(),
                 testing::MatchesRegex("20[0-9][0-9]-[0-9][0-9]-[0-9][0-9]T[0-9][0-9]:[0-9][0-9]:[0-9][0-9]Z"));
     EXPECT_THAT(result["writer"].get<std::string>(), testing::StartsWith("diskstream "));
-    result.erase("created");
-    result.erase("writer");
+    EXPECT_THAT(result["identity"].get<std::string>(), testing::MatchesRegex("[0-9a-f]+"));
+    EXPECT_EQ(32U, result["identity"].get<std::string>().size());
+    for (const char* const name : {"created", "identity", "writer"})
+        result.erase(name);
     EXPECT_EQ(
         result,
         json({{"set", "flat.dset"},

@@ -12,9 +12,9 @@ using testing::StartsWith;
 
 using CommandUsage = CCommandFixture;
 
-const std::vector<std::string> Commands{"info",    "backup",  "restore",       "verify",  "list", "partitions",
-                                        "volumes", "read",    "create-disk",   "ls",      "stat", "cat",
-                                        "cp",      "streams", "export-stream", "security"};
+const std::vector<std::string> Commands{"info",    "backup",  "restore",       "verify",   "list",       "partitions",
+                                        "volumes", "read",    "create-disk",   "ls",       "stat",       "cat",
+                                        "cp",      "streams", "export-stream", "security", "consolidate"};
 
 TEST_F(CommandUsage, HelpTellsOfEveryCommandWithExamples) {
     for (const std::string option : {"--help", "-h"}) {
@@ -80,6 +80,13 @@ TEST_F(CommandUsage, MisuseEndsWithTwoAndSaysWhatIsWrongAndWhereToRead) {
         {{"info", "disk.vmdk", "--type", "floppy"}, "there is no kind floppy", "diskstream info --help"},
         {{"info", "disk.vmdk", "--type", "vhdFixd"}, "there is no kind vhdFixd", "diskstream info --help"},
         {{"restore", "disk.dset", "x", "--as", "qcow2"}, "--as: must be raw", "diskstream restore --help"},
+        {{"backup", "--base", "disk.dset", "nbd://h/e", "x"}, "one needs the other", "diskstream backup --help"},
+        {{"backup", "--changed-since", "b", "nbd://h/e", "x"}, "one needs the other", "diskstream backup --help"},
+        {{"backup", "--changed-since", "b", "--base", "disk.dset", "nbd://h/e", "nbd://h/f", "x"},
+         "with one disk only",
+         "diskstream backup --help"},
+        {{"backup", "--patience", "0", "nbd://h/e", "x"}, "--patience", "diskstream backup --help"},
+        {{"consolidate", "disk.dset"}, "NEW is required", "diskstream consolidate --help"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(testing::PrintToString(row.arguments));
