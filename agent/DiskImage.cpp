@@ -9,12 +9,14 @@
 #include "VirtualServer/VMInfo/VmdkSparseFormat.h"
 #include "agent/ErrorText.h"
 #include "agent/WholeDisk.h"
+#include "agent/detail/NtfsUsedPieces.h"
 #include "agent/detail/VhdFacts.h"
 #include "agent/detail/VmdkDescriptor.h"
 #include "agent/detail/VmdkExtentCheck.h"
 #include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
 #include "hypervisor/NbdVMInfo.h"
+#include "platform/DeviceClaim.h"
 #include "platform/DriveName.h"
 #include "platform/DriveSize.h"
 
@@ -143,6 +145,8 @@ CZuError CDiskImage::Open(const std::string& path, const ImageOptions_t& options
         return OpenExport(options);
     Beginning_t beginning;
     ZU_RETURN_IF_ERROR(ErrorAt(path, ReadBeginning(path, beginning)));
+    if (options.type == DiskType_NTFSVolume)
+        return OpenNtfsVolume();
     if (options.type == DiskType_PhysicalDisk || IsBlockDevice(path) || IsDriveName(path))
         return OpenRaw();
     switch (ContentOf(beginning)) {
@@ -159,6 +163,8 @@ CZuError CDiskImage::Open(const std::string& path, const ImageOptions_t& options
 }
 
 CZuError CDiskImage::OpenFlattened(const std::string& path, const ImageOptions_t& options) {
+    if (options.type == DiskType_NTFSVolume)  // it builds on nothing, and what is free in it stays out
+        return Open(path, options);
     const auto disk = std::make_shared<CWholeDisk>();
     ZU_RETURN_IF_ERROR(disk->Open(path, options));
     *this = CDiskImage();
@@ -299,6 +305,23 @@ CZuError CDiskImage::OpenRaw() {
         return Refusal(m_Path + ": is empty");
     extent.diskSectors = extent.fileBytes / SectorSize;
     extent.totalSectors = extent.diskSectors;
+    return AddExtent(extent);
+}
+
+CZuError CDiskImage::OpenNtfsVolume() {
+    m_DiskType = DiskType_NTFSVolume;
+    CNtfsUsedPieces volume;
+    ZU_RETURN_IF_ERROR(ErrorAt(m_Path, volume.Open(m_Path)));
+    if (IsDeviceClaimed(m_Path))
+        m_Warnings.push_back(m_Path + ": is mounted or in use; what is changed while it is read may be there in part");
+    DiskExtent_t extent;
+    extent.path = m_Path;
+    extent.name = NameOf(m_Path);
+    extent.product = VirtualProdType_Physical;
+    extent.diskType = m_DiskType;
+    extent.diskSectors = volume.DiskSectors();
+    extent.totalSectors = volume.DiskSectors();
+    ZU_RETURN_IF_ERROR(FileBytes(m_Path, extent.fileBytes));
     return AddExtent(extent);
 }
 

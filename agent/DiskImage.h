@@ -89,6 +89,7 @@ private:
     CZuError OpenDescriptor(const ImageOptions_t& options);
     CZuError OpenVhd(DiskType_t type);
     CZuError OpenRaw();
+    CZuError OpenNtfsVolume();
     CZuError OpenExport(const ImageOptions_t& options);
     CZuError AddExtent(DiskExtent_t extent);
 

@@ -38,11 +38,12 @@ std::unique_ptr<IBlockSource> MakeBlockSource(const DiskExtent_t& extent) {
     case DiskType_VhdFixed: return MakeFixedVhdSource();
     case DiskType_VhdDynamic:
     case DiskType_VhdDifferencing: return MakeDynamicVhdSource();
+    case DiskType_NTFSVolume: return MakeNtfsVolumeSource();
     default: return IsSparseVmdk(extent.diskType) ? MakeSparseSource() : MakeFlatSource();
     }
 }
 
 std::string CoreNameOf(const DiskExtent_t& extent) {
-    const bool isRaw = extent.diskType == DiskType_PhysicalDisk;
+    const bool isRaw = extent.product == VirtualProdType_Physical;
     return isRaw && !IsDriveName(extent.path) ? DriveNamePrefix + extent.path : extent.path;
 }

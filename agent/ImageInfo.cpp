@@ -2,6 +2,7 @@
 
 #include "agent/ErrorText.h"
 #include "agent/ExtentStream.h"
+#include "agent/detail/NtfsUsedPieces.h"
 #include "agent/detail/SparseRecord.h"
 #include "agent/detail/VhdFacts.h"
 #include "agent/detail/VhdRecord.h"
@@ -40,10 +41,20 @@ CZuError DescribeVhd(const DiskExtent_t& extent, ExtentInfo_t& info) {
     return CZuError();
 }
 
+CZuError DescribeNtfsVolume(const DiskExtent_t& extent, ExtentInfo_t& info) {
+    CNtfsUsedPieces volume;
+    ZU_RETURN_IF_ERROR(ErrorAt(extent.path, volume.Open(extent.path)));
+    ZU_RETURN_IF_ERROR(ErrorAt(extent.path, volume.FindPieces(FlatBlockSectors << SectorShift)));
+    info.ntfs = NtfsInfoSummary_t{volume.ClusterBytes(), volume.ClusterCount(), volume.UsedClusters()};
+    return CZuError();
+}
+
 CZuError DescribeExtent(const DiskExtent_t& extent, ExtentInfo_t& info) {
     info.extent = extent;
     if (IsSparseVmdk(extent.diskType))
         return DescribeSparse(extent, info);
+    if (extent.diskType == DiskType_NTFSVolume)
+        return DescribeNtfsVolume(extent, info);
     return IsVhd(extent.diskType) ? DescribeVhd(extent, info) : CZuError();
 }
 

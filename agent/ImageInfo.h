@@ -25,10 +25,18 @@ struct VhdInfoSummary_t {
     uint64_t tableEntries = 0;
 };
 
+// What the boot sector and the bitmap of an NTFS volume tell.
+struct NtfsInfoSummary_t {
+    uint32_t clusterBytes = 0;
+    uint64_t clusterCount = 0;
+    uint64_t usedClusters = 0;
+};
+
 struct ExtentInfo_t {
     DiskExtent_t extent;
     std::optional<SparseInfoSummary_t> sparse;  // of a sparse VMDK extent alone
     std::optional<VhdInfoSummary_t> vhd;        // of a VHD alone
+    std::optional<NtfsInfoSummary_t> ntfs;      // of an NTFS volume alone
 };
 
 struct ImageInfo_t {

@@ -119,6 +119,8 @@ private:
         ImageOptions_t options = m_Options.image;
         const bool isRaw = m_Disk.product == VirtualProdType_Physical || m_Disk.diskType == DiskType_VMInfoDisk;
         options.rawUnlessKnown = isRaw;
+        if (m_Disk.diskType == DiskType_NTFSVolume && !options.type.has_value())
+            options.type = DiskType_NTFSVolume;  // what is free isn't in the set
         m_Image.emplace();
         return isRaw ? m_Image->OpenFlattened(name, options) : m_Image->Open(name, options);
     }

@@ -197,6 +197,7 @@ void AddBackupCommand(CLI::App& program, int& exitCode) {
                     "  diskstream backup --catalog system.vhd data.vhd monday.dset\n"
                     "  diskstream backup --flatten snapshot.vhd monday.dset\n"
                     "  diskstream backup /dev/sdb monday.dset\n"
+                    "  diskstream backup --type ntfs-volume /dev/sdb1 monday.dset\n"
                     "  diskstream backup nbd://host/export monday.dset\n"
                     "  diskstream backup --changed-since monday --base monday.dset \\\n"
                     "      'nbd+unix:///export?socket=/run/disk.sock' tuesday.dset");

@@ -28,6 +28,11 @@ Json_t JsonOf(const ExtentInfo_t& info) {
         extent["blocks"] = info.vhd->blockCount;
         extent["table_entries"] = info.vhd->tableEntries;
     }
+    if (info.ntfs.has_value()) {
+        extent["cluster_bytes"] = info.ntfs->clusterBytes;
+        extent["clusters"] = info.ntfs->clusterCount;
+        extent["used_clusters"] = info.ntfs->usedClusters;
+    }
     return extent;
 }
 
@@ -58,6 +63,9 @@ std::string ExtentText(const ExtentInfo_t& info) {
     if (info.vhd.has_value() && info.vhd->blockBytes != 0)
         text += ", " + std::to_string(info.vhd->blockCount) + " of " + std::to_string(info.vhd->tableEntries) +
                 " blocks of " + SizeText(info.vhd->blockBytes);
+    if (info.ntfs.has_value())
+        text += ", " + std::to_string(info.ntfs->usedClusters) + " of " + std::to_string(info.ntfs->clusterCount) +
+                " clusters of " + SizeText(info.ntfs->clusterBytes) + " in use";
     if (!info.sparse.has_value())
         return text;
     text += ", " + std::to_string(info.sparse->grainCount) + " grains of " + SizeText(info.sparse->grainSectors * 512);
@@ -101,6 +109,8 @@ void AddInfoCommand(CLI::App& program, int& exitCode) {
     AddNameArgument(*command, "IMAGE", arguments->image, "Disk image, or its descriptor")->required();
     AddImageArguments(*command, arguments->imageArguments);
     command->add_flag("--json", arguments->output.json, "Print one JSON object");
-    command->footer("Example:\n  diskstream info disk.vmdk");
+    command->footer("Examples:\n"
+                    "  diskstream info disk.vmdk\n"
+                    "  diskstream info --type ntfs-volume /dev/sdb1");
     command->callback([arguments, &exitCode] { exitCode = Run(*arguments); });
 }

@@ -88,6 +88,7 @@ void AddRestoreCommand(CLI::App& program, int& exitCode) {
                     "  diskstream restore monday.dset disk.vmdk\n"
                     "  diskstream restore --as raw monday.dset disk.raw\n"
                     "  diskstream restore --disk 2 monday.dset data.vmdk\n"
+                    "  diskstream restore --force monday.dset /dev/sdc1\n"
                     "  diskstream restore --base monday.dset tuesday.dset disk.raw\n"
                     "  diskstream restore --force tuesday.dset nbd://host/export");
     command->callback([arguments, &exitCode] { exitCode = Run(*arguments); });

@@ -37,10 +37,11 @@ std::unique_ptr<IBlockSource> MakeFlatSource();    // VMDK flat extents and raw 
 std::unique_ptr<IBlockSource> MakeSparseSource();  // VMDK sparse extents
 std::unique_ptr<IBlockSource> MakeFixedVhdSource();
 std::unique_ptr<IBlockSource> MakeDynamicVhdSource();
+std::unique_ptr<IBlockSource> MakeNtfsVolumeSource();
 std::unique_ptr<IBlockSource> MakeManagedSource();  // disks that a server exports
 std::unique_ptr<IBlockSource> MakeChainSource();    // a disk as it reads through its chain
 
 std::unique_ptr<IBlockSource> MakeBlockSource(const DiskExtent_t& extent);
 
-// The name by which the core opens the extent's file: a raw disk is a drive to it, of known size.
+// The name by which the core opens the extent's file as a disk: a raw disk is a drive to it, of known size.
 std::string CoreNameOf(const DiskExtent_t& extent);

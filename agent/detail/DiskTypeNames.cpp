@@ -26,6 +26,7 @@ constexpr DiskTypeName_t Names[] = {
     {DiskType_VhdDynamic, "vhdDynamic", true},
     {DiskType_VhdDifferencing, "vhdDifferencing", true},
     {DiskType_PhysicalDisk, "raw", true},
+    {DiskType_NTFSVolume, "ntfs-volume", true},
     {DiskType_VMInfoDisk, "nbd", false},
 };
 

@@ -61,8 +61,8 @@ private:
     static std::string RawName(const SetDisk_t& disk) {
         const std::filesystem::path imageName(disk.imageName);
         const bool namesAnotherKind = imageName.extension() == ".vhd" || imageName.extension() == ".vmdk";
-        return disk.diskType == DiskType_PhysicalDisk && !namesAnotherKind ? imageName.string()
-                                                                           : imageName.stem().string() + ".raw";
+        return disk.product == VirtualProdType_Physical && !namesAnotherKind ? imageName.string()
+                                                                             : imageName.stem().string() + ".raw";
     }
 
     CZuError SumSectors(CBackupSetReader& set, const SetDisk_t& disk) {

@@ -278,7 +278,7 @@ TEST_F(DiskImage, AFlatFileNeedsToBeToldItsType) {
 
 TEST_F(DiskImage, NamesOfTypesGoBothWays) {
     const std::vector<std::string> names = SelectableDiskTypeNames();
-    EXPECT_EQ(10U, names.size());
+    EXPECT_EQ(11U, names.size());
     for (const std::string& name : names) {
         ASSERT_TRUE(DiskTypeFromName(name).has_value()) << name;
         EXPECT_EQ(name, DiskTypeName(*DiskTypeFromName(name)));

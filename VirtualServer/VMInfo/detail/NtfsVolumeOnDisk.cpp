@@ -17,6 +17,8 @@ constexpr uint32_t SmallestRecordBytes = 256;
 constexpr uint32_t LargestRecordBytes = 1U << 20U;  // records have 1 or 4 KiB
 constexpr char MftName[] = "$MFT";
 constexpr char BitmapName[] = "$Bitmap";
+constexpr char BitmapIsSpread[] = "the bitmap of its clusters is told by several file records, which isn't read here";
+constexpr char BitmapIsShort[] = "the bitmap of its clusters ends in front of the volume's end";
 
 // Beyond 128 sectors the byte is the negative power of two of their number. 0 for what no volume has.
 uint32_t SectorsPerCluster(const NtfsBootSector_t& sector) {
@@ -38,7 +40,7 @@ void TakeLargeClusters(const NtfsBootSector_t& sector, uint32_t sectorsPerCluste
 }
 
 CZuError RecordIsDamaged(const char* name) {
-    return Refusal(CZuString::Format("The file record of {1} is damaged", name));
+    return Refusal(CZuString::Format("the file record of {1} is damaged", name));
 }
 
 }  // namespace
@@ -51,7 +53,7 @@ CZuError CNtfsVolumeOnDisk::Open(const CZuFile& volume) {
     NtfsBootSector_t sector{};
     ZU_RETURN_IF_ERROR(ReadFileAt(m_Volume, 0, 0, &sector, sizeof(sector), nullptr));
     if (!IsNtfs(sector))
-        return Refusal("Not a NTFS volume");
+        return Refusal("holds no NTFS volume");
     FillNtfsVolumeFacts(sector, m_Data);
     if (const uint32_t sectorsPerCluster = SectorsPerCluster(sector); sectorsPerCluster != sector.sectorsPerCluster)
         TakeLargeClusters(sector, sectorsPerCluster, m_Data);
@@ -63,10 +65,10 @@ CZuError CNtfsVolumeOnDisk::Open(const CZuFile& volume) {
 CZuError CNtfsVolumeOnDisk::CheckGeometry() const {
     uint64_t volumeBytes = 0;
     if (m_Data.BytesPerSector == 0 || m_Data.BytesPerCluster == 0)
-        return Refusal("The boot sector tells no size of sectors or clusters");
+        return Refusal("its boot sector tells no size of sectors or clusters");
     if (!CheckedMul(static_cast<uint64_t>(m_Data.NumberSectors.QuadPart), m_Data.BytesPerSector, volumeBytes) ||
         volumeBytes > uint64_t{INT64_MAX})
-        return Refusal("The boot sector claims more sectors than a volume can have");
+        return Refusal("its boot sector claims more sectors than a volume can have");
     return CZuError();
 }
 
@@ -105,7 +107,7 @@ CZuError CNtfsVolumeOnDisk::FindBitmap() {
     const CByteView bytes(record.GetPtr(), record.GetSize());
     const CByteView attribute = FindUnnamedAttribute(bytes, AttrData);
     if (attribute.Size() == 0 && FindUnnamedAttribute(bytes, AttrAttributeList).Size() != 0)
-        return Refusal("The bitmap of the clusters is told by several file records, which isn't read here");
+        return Refusal(BitmapIsSpread);
     ZU_RETURN_IF_ERROR(TakeBitmapAttribute(attribute));
     m_HasBitmap = true;
     return CZuError();
@@ -128,10 +130,10 @@ CZuError CNtfsVolumeOnDisk::ReadMftRuns(std::vector<NtfsDataRun_t>& runs) {
 CZuError CNtfsVolumeOnDisk::ReadFirstRecord(CAutoMemory<char>& record) {
     const uint32_t recordBytes = m_Data.BytesPerFileRecordSegment;
     if (recordBytes < SmallestRecordBytes || recordBytes > LargestRecordBytes)
-        return Refusal(CZuString::Format("The boot sector claims file records of {1} bytes", recordBytes));
+        return Refusal(CZuString::Format("its boot sector claims file records of {1} bytes", recordBytes));
     const auto lcn = static_cast<uint64_t>(m_Data.MftStartLcn.QuadPart);
     if (lcn >= ClusterCount())
-        return Refusal("The boot sector has the MFT behind the volume's end");
+        return Refusal("its boot sector has the MFT behind the volume's end");
     if (record.Alloc(recordBytes) == nullptr)
         return Refusal("Out Of memory");
     ZU_RETURN_IF_ERROR(ReadFileAt(m_Volume, lcn * m_Data.BytesPerCluster, 0, record.GetPtr(), recordBytes, nullptr));
@@ -156,14 +158,14 @@ CZuError CNtfsVolumeOnDisk::TakeBitmapAttribute(CByteView attribute) {
     if (head.IsNonResident != 0) {
         if (!attribute.Get(NonResidentFormOffset, form) || form.dataBytes < BitmapBytes() ||
             form.initializedBytes < BitmapBytes())
-            return Refusal("The bitmap of the clusters ends in front of the volume's end");
+            return Refusal(BitmapIsShort);
         ZU_RETURN_IF_ERROR(TakeRuns(attribute, BitmapName, m_Runs));
         return CheckBitmapRuns();
     }
     if (!attribute.Get(ResidentFormOffset, resident) || !attribute.Holds(resident.valueOffset, resident.valueLength))
         return RecordIsDamaged(BitmapName);
     if (resident.valueLength < BitmapBytes())
-        return Refusal("The bitmap of the clusters ends in front of the volume's end");
+        return Refusal(BitmapIsShort);
     if (m_ResidentBitmap.Alloc(resident.valueLength) == nullptr)
         return Refusal("Out Of memory");
     std::memcpy(m_ResidentBitmap.GetPtr(), attribute.Data() + resident.valueOffset, resident.valueLength);
@@ -200,9 +202,7 @@ CZuError CNtfsVolumeOnDisk::CheckBitmapRuns() const {
     ZU_RETURN_IF_ERROR(m_Volume.Size(fileBytes));
     if (!CheckedMul(clusters, m_Data.BytesPerCluster, bytes) || bytes > fileBytes)
         return RecordIsDamaged(BitmapName);
-    return bytes >= BitmapBytes() ? CZuError()
-                                  : Refusal("The bitmap of the clusters is told by several file records, which isn't "
-                                            "read here");
+    return bytes >= BitmapBytes() ? CZuError() : Refusal(BitmapIsSpread);
 }
 
 CZuError CNtfsVolumeOnDisk::ReadFromRuns(const std::vector<NtfsDataRun_t>& runs, uint64_t offset, char* buffer,
@@ -223,5 +223,5 @@ CZuError CNtfsVolumeOnDisk::ReadFromRuns(const std::vector<NtfsDataRun_t>& runs,
         ZU_RETURN_IF_ERROR(ReadFileAt(m_Volume, place, 0, buffer + done, piece, nullptr));
         done += piece;
     }
-    return done == size ? CZuError() : Refusal("The MFT ends in front of the file record that tells of the clusters");
+    return done == size ? CZuError() : Refusal("its MFT ends in front of the file record that tells of the clusters");
 }

@@ -19,10 +19,10 @@
 
 namespace {
 
-constexpr char SpreadBitmap[] = "The bitmap of the clusters is told by several file records, which isn't read here";
-constexpr char ShortBitmap[] = "The bitmap of the clusters ends in front of the volume's end";
-constexpr char DamagedMft[] = "The file record of $MFT is damaged";
-constexpr char DamagedBitmap[] = "The file record of $Bitmap is damaged";
+constexpr char SpreadBitmap[] = "the bitmap of its clusters is told by several file records, which isn't read here";
+constexpr char ShortBitmap[] = "the bitmap of its clusters ends in front of the volume's end";
+constexpr char DamagedMft[] = "the file record of $MFT is damaged";
+constexpr char DamagedBitmap[] = "the file record of $Bitmap is damaged";
 
 class NtfsVolumeOnDisk : public testing::Test {
 protected:
@@ -109,7 +109,7 @@ TEST_F(NtfsVolumeOnDisk, FollowsTheRunsOfTheMft) {
     ASSERT_OK(Open(volume));
     EXPECT_SAME_BYTES(ExpectedBits(volume, 1000), BitsFrom(0));
     EXPECT_REFUSED(OpenAndRead(volume.MftRuns({{16, 13}})),
-                   "The MFT ends in front of the file record that tells of the clusters");
+                   "its MFT ends in front of the file record that tells of the clusters");
 }
 
 TEST_F(NtfsVolumeOnDisk, ReadsLargePiecesAtOnce) {
@@ -177,15 +177,15 @@ TEST_F(NtfsVolumeOnDisk, ABitmapOfOtherRecordsIsRefused) {
 
 TEST_F(NtfsVolumeOnDisk, ABootSectorThatMakesNoSenseIsRefused) {
     const CNtfsBitmapVolume sound(1000);
-    constexpr char noSizes[] = "The boot sector tells no size of sectors or clusters";
-    constexpr char tooManySectors[] = "The boot sector claims more sectors than a volume can have";
-    constexpr char mftOutside[] = "The boot sector has the MFT behind the volume's end";
+    constexpr char noSizes[] = "its boot sector tells no size of sectors or clusters";
+    constexpr char tooManySectors[] = "its boot sector claims more sectors than a volume can have";
+    constexpr char mftOutside[] = "its boot sector has the MFT behind the volume's end";
     const struct {
         const char* name;
         CNtfsBootBuilder boot;
         const char* text;
     } rows[] = {
-        {"another file system", sound.SoundBoot().OemName("MSDOS5.0"), "Not a NTFS volume"},
+        {"another file system", sound.SoundBoot().OemName("MSDOS5.0"), "holds no NTFS volume"},
         {"no sector size", sound.SoundBoot().BytesPerSector(0), noSizes},
         {"no cluster size", sound.SoundBoot().SectorsPerCluster(0), noSizes},
         {"clusters of 4 MiB", sound.SoundBoot().SectorsPerCluster(0xF3), noSizes},
@@ -196,11 +196,11 @@ TEST_F(NtfsVolumeOnDisk, ABootSectorThatMakesNoSenseIsRefused) {
         {"the MFT behind the end", sound.SoundBoot().MftCluster(1000), mftOutside},
         {"the MFT far behind", sound.SoundBoot().MftCluster(~uint64_t{0}), mftOutside},
         {"records of 128 bytes", sound.SoundBoot().ClustersPerRecord(0xF9),
-         "The boot sector claims file records of 128 bytes"},
+         "its boot sector claims file records of 128 bytes"},
         {"records of 2 MiB", sound.SoundBoot().ClustersPerRecord(0xEB),
-         "The boot sector claims file records of 2097152 bytes"},
+         "its boot sector claims file records of 2097152 bytes"},
         {"records of no bytes", sound.SoundBoot().ClustersPerRecord(0),
-         "The boot sector claims file records of 0 bytes"},
+         "its boot sector claims file records of 0 bytes"},
         {"longer than its bitmap", sound.SoundBoot().TotalSectors(2000), ShortBitmap},
         {"longer than its file", sound.SoundBoot().TotalSectors(uint64_t{1} << 53U), ShortBitmap},
     };
