@@ -2,16 +2,17 @@
 
 #include <windows.h>
 
+#include "platform/windows/ErrorNumber.h"
 #include "platform/windows/WideText.h"
 
 int RenameFile(const std::string& from, const std::string& to, bool replacing) {
     const DWORD flags = MOVEFILE_WRITE_THROUGH | (replacing ? MOVEFILE_REPLACE_EXISTING : 0);
     const bool moved = MoveFileExW(WideFromUtf8(from.c_str()).c_str(), WideFromUtf8(to.c_str()).c_str(), flags) != 0;
-    return moved ? 0 : static_cast<int>(GetLastError());
+    return moved ? 0 : LastErrorNumber();
 }
 
 int RemoveFile(const std::string& name) {
-    return DeleteFileW(WideFromUtf8(name.c_str()).c_str()) != 0 ? 0 : static_cast<int>(GetLastError());
+    return DeleteFileW(WideFromUtf8(name.c_str()).c_str()) != 0 ? 0 : LastErrorNumber();
 }
 
 // A rename that writes through has its name on the medium already.
@@ -29,7 +30,7 @@ int SetFileTimes(const std::string& name, uint64_t creation, uint64_t access, ui
         CreateFileW(WideFromUtf8(name.c_str()).c_str(), FILE_WRITE_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE,
                     nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
     if (file == INVALID_HANDLE_VALUE)
-        return static_cast<int>(GetLastError());
+        return LastErrorNumber();
     const auto timeOf = [](uint64_t time) {
         return FILETIME{static_cast<DWORD>(time), static_cast<DWORD>(time >> 32U)};
     };
@@ -37,7 +38,7 @@ int SetFileTimes(const std::string& name, uint64_t creation, uint64_t access, ui
     const auto unlessZero = [&](size_t index, uint64_t time) { return time != 0 ? &times[index] : nullptr; };
     const bool isSet =
         SetFileTime(file, unlessZero(0, creation), unlessZero(1, access), unlessZero(2, modification)) != 0;
-    const int error = isSet ? 0 : static_cast<int>(GetLastError());
+    const int error = isSet ? 0 : LastErrorNumber();
     CloseHandle(file);
     return error;
 }

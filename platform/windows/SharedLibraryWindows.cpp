@@ -12,12 +12,18 @@ std::wstring OwnDirectory() {
     static const int place = 0;
     HMODULE module = nullptr;
     constexpr DWORD flags = GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT;
-    wchar_t name[MAX_PATH] = {};
-    if (GetModuleHandleExW(flags, reinterpret_cast<const wchar_t*>(&place), &module) == 0 ||
-        GetModuleFileNameW(module, name, MAX_PATH) == 0)
+    if (GetModuleHandleExW(flags, reinterpret_cast<const wchar_t*>(&place), &module) == 0)
         return L"";
-    const std::wstring path = name;
+    constexpr DWORD longestPath = 32767;
+    std::wstring path(longestPath, L'\0');
+    path.resize(GetModuleFileNameW(module, path.data(), longestPath));
     return path.substr(0, path.rfind(L'\\') + 1);
+}
+
+// Looks where Windows and the program say, and in the library's own directory for what it needs in turn. By a plain
+// LoadLibrary a library would come from the current directory as well, where anybody may have put it.
+HMODULE LoadFrom(const std::wstring& file, DWORD places) {
+    return LoadLibraryExW(file.c_str(), nullptr, places | LOAD_LIBRARY_SEARCH_DEFAULT_DIRS);
 }
 
 }  // namespace
@@ -25,17 +31,20 @@ std::wstring OwnDirectory() {
 unsigned long CSharedLibrary::Load(const char* name) {
     Free();
     const std::wstring file = L"Lib" + WideFromUtf8(name) + L".dll";
-    HMODULE module = LoadLibraryW(file.c_str());
+    HMODULE module = LoadFrom(file, 0);
     const std::wstring directory = OwnDirectory();
     if (module == nullptr && !directory.empty())
-        module = LoadLibraryW((directory + file).c_str());
+        module = LoadFrom(directory + file, LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR);
     m_Handle = module;
     return module != nullptr ? 0 : GetLastError();
 }
 
 unsigned long CSharedLibrary::Find(const char* symbol, void*& address) const {
-    address = reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(m_Handle), symbol));
-    return address != nullptr ? 0 : GetLastError();
+    // Without a library the system would look into the program itself.
+    address = IsLoaded() ? reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(m_Handle), symbol)) : nullptr;
+    if (address != nullptr)
+        return 0;
+    return IsLoaded() ? GetLastError() : ERROR_MOD_NOT_FOUND;
 }
 
 void CSharedLibrary::Free() {

@@ -3,6 +3,7 @@
 #include <share.h>
 #include <sys/stat.h>
 #include <windows.h>
+#include <winioctl.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -10,14 +11,35 @@
 
 #include "platform/Files.h"
 #include "platform/SystemFiles.h"
+#include "platform/windows/ErrorNumber.h"
 #include "platform/windows/WideText.h"
 
 namespace {
 
 constexpr uint32_t LargestTransfer = 0x7FFFF000;  // the runtime counts a transfer in a signed 32-bit number
 
+HANDLE HandleOf(int fd) {
+    return reinterpret_cast<HANDLE>(_get_osfhandle(fd));
+}
+
 bool IsDiskFile(int fd) {
-    return GetFileType(reinterpret_cast<HANDLE>(_get_osfhandle(fd))) == FILE_TYPE_DISK;
+    return GetFileType(HandleOf(fd)) == FILE_TYPE_DISK;
+}
+
+// What is added to the file's end is then a hole. A file system without holes fills it with zeros, and refuses this.
+void AllowHoles(HANDLE file) {
+    DWORD got = 0;
+    DeviceIoControl(file, FSCTL_SET_SPARSE, nullptr, 0, nullptr, 0, &got, nullptr);
+}
+
+// A drive has no length as a file has.
+int DriveLength(HANDLE drive, uint64_t& sizeBytes) {
+    GET_LENGTH_INFORMATION length{};
+    DWORD got = 0;
+    if (DeviceIoControl(drive, IOCTL_DISK_GET_LENGTH_INFO, nullptr, 0, &length, sizeof(length), &got, nullptr) == 0)
+        return LastErrorNumber();
+    sizeBytes = static_cast<uint64_t>(length.Length.QuadPart);
+    return 0;
 }
 
 class CWindowsFiles final : public IFiles {
@@ -58,14 +80,28 @@ public:
     }
 
     int Size(int fd, uint64_t& sizeBytes) override {
-        const int64_t length = _filelengthi64(fd);
-        if (length < 0)
-            return errno;
-        sizeBytes = static_cast<uint64_t>(length);
+        const HANDLE file = HandleOf(fd);
+        LARGE_INTEGER length{};
+        if (file == INVALID_HANDLE_VALUE)
+            return EBADF;
+        if (GetFileSizeEx(file, &length) == 0)
+            return DriveLength(file, sizeBytes);
+        sizeBytes = static_cast<uint64_t>(length.QuadPart);
         return 0;
     }
 
-    int Truncate(int fd, int64_t sizeBytes) override { return _chsize_s(fd, sizeBytes); }
+    // The runtime's own call writes each byte that it adds, which takes hours where a disk is large.
+    int Truncate(int fd, int64_t sizeBytes) override {
+        const HANDLE file = HandleOf(fd);
+        if (file == INVALID_HANDLE_VALUE)
+            return EBADF;
+        FILE_END_OF_FILE_INFO end{};
+        end.EndOfFile.QuadPart = sizeBytes;
+        LARGE_INTEGER before{};
+        if (GetFileSizeEx(file, &before) != 0 && before.QuadPart < sizeBytes)
+            AllowHoles(file);
+        return SetFileInformationByHandle(file, FileEndOfFileInfo, &end, sizeof(end)) != 0 ? 0 : LastErrorNumber();
+    }
 
     int Sync(int fd) override { return _commit(fd) < 0 ? errno : 0; }
 

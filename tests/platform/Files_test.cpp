@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <cstdio>
 #include <string>
 
 #include "tests/support/FaultyFiles.h"
@@ -49,4 +51,34 @@ TEST(Files, AFailedOpenLeavesTheDescriptorAlone) {
     int fd = -77;
     EXPECT_NE(Files().Open(dir.File("none").c_str(), OpenAsBinary, 0, fd), 0);
     EXPECT_EQ(fd, -77);
+}
+
+TEST(Files, TruncateCutsAndGrowsAndLeavesThePositionAlone) {
+    const CTempDir dir;
+    int fd = -1;
+    ASSERT_EQ(Files().Open(dir.Write("file", "abcdef").c_str(), OpenAsBinary | OpenForBoth, 0, fd), 0);
+    int64_t position = 0;
+    EXPECT_EQ(Files().Seek(fd, 2, SEEK_SET, position), 0);
+    for (const uint64_t sizeBytes : {uint64_t{3}, uint64_t{9}, uint64_t{3} << 40U, uint64_t{5}}) {
+        EXPECT_EQ(Files().Truncate(fd, static_cast<int64_t>(sizeBytes)), 0) << sizeBytes;
+        uint64_t now = 0;
+        EXPECT_EQ(Files().Size(fd, now), 0);
+        EXPECT_EQ(now, sizeBytes);
+    }
+    char byte = 0;
+    uint32_t got = 0;
+    EXPECT_EQ(Files().Read(fd, &byte, 1, got), 0);
+    EXPECT_EQ(byte, 'c') << "from where it stood";
+    EXPECT_EQ(Files().Close(fd), 0);
+    EXPECT_EQ(dir.Read("file"), std::string("abc\0\0", 5));
+}
+
+TEST(Files, WhatIsOpenForReadingIsNotTruncated) {
+    const CTempDir dir;
+    int fd = -1;
+    ASSERT_EQ(Files().Open(dir.Write("file", "abc").c_str(), OpenAsBinary, 0, fd), 0);
+    EXPECT_NE(Files().Truncate(fd, 1), 0);
+    EXPECT_NE(Files().Truncate(fd, -1), 0);
+    EXPECT_EQ(Files().Close(fd), 0);
+    EXPECT_EQ(dir.Read("file"), "abc");
 }

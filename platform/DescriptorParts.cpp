@@ -1,4 +1,4 @@
-#include "platform/SecurityDescriptor.h"
+#include "platform/DescriptorParts.h"
 
 #include "platform/InvalidDescriptor.h"
 
@@ -61,7 +61,7 @@ bool FindAcl(const char* descriptor, uint32_t size, uint32_t field, bool isPrese
 
 }  // namespace
 
-int SplitSecurityDescriptor(const char* descriptor, uint32_t size, SecurityDescriptorParts_t& parts) {
+int FindDescriptorParts(const char* descriptor, uint32_t size, SecurityDescriptorParts_t& parts) {
     if (descriptor == nullptr || size < HeaderBytes)
         return InvalidDescriptorError();
 
