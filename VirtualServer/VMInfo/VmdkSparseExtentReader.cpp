@@ -37,15 +37,17 @@ uint64_t FirstSetEntry(const GrainTableRef_t& table, uint64_t first, uint64_t co
         std::find_if(entries + first, entries + count, [](uint32_t entry) { return entry != 0; }) - entries);
 }
 
-// A bitmap of `count` bits, the high bit of each byte first; `isSet(index)` tells each.
-template <typename IsSet> CZuError WriteBitmap(CZuFile& out, uint64_t count, CAutoMemory<char>& bitmap, IsSet isSet) {
+// A bitmap of `count` bits, the high bit of each byte first; `isSet(index)` tells each of the first `known`, and the others
+// are clear.
+template <typename IsSet>
+CZuError WriteBitmap(CZuFile& out, uint64_t count, uint64_t known, CAutoMemory<char>& bitmap, IsSet isSet) {
     const auto sizeBytes = static_cast<uint32_t>(DivideRoundingUp(count, 8));
     if (sizeBytes == 0)
         return CZuError();
     if (bitmap.Alloc(sizeBytes) == nullptr)
         return Refusal(OutOfMemory);
     std::fill_n(bitmap.GetPtr(), sizeBytes, '\0');
-    for (uint64_t index = 0; index < count; ++index) {
+    for (uint64_t index = 0; index < std::min(count, known); ++index) {
         if (isSet(index))
             SetBit(bitmap.GetPtr(), index);
     }
@@ -380,12 +382,11 @@ uint32_t CVmdkSparseExtentReader::HeaderBytes() const {
 CZuError CVmdkSparseExtentReader::WriteBitmaps(CZuFile& out) const {
     CAutoMemory<char> bitmap;
     const Tables_t& tables = ActiveGTs();
-    ZU_RETURN_IF_ERROR(WriteBitmap(out, m_NumGDEntries, bitmap, [&](uint64_t index) {
-        return index < tables.size() && tables[static_cast<size_t>(index)].sector != 0;
-    }));
+    ZU_RETURN_IF_ERROR(WriteBitmap(out, m_NumGDEntries, tables.size(), bitmap,
+                                   [&](uint64_t index) { return tables[static_cast<size_t>(index)].sector != 0; }));
     for (const GrainTableRef_t& table : tables) {
         if (table.sector != 0)
-            ZU_RETURN_IF_ERROR(WriteBitmap(out, m_NumGTEsPerGT, bitmap, [&](uint64_t index) {
+            ZU_RETURN_IF_ERROR(WriteBitmap(out, m_NumGTEsPerGT, m_NumGTEsPerGT, bitmap, [&](uint64_t index) {
                 return table.entries[static_cast<size_t>(index)] != 0;
             }));
     }
