@@ -52,7 +52,8 @@ function(diskstream_precompile target)
 endfunction()
 
 # Sources of the folders named, relative to the top. They are globbed, and the glob is looked at again in every build, so
-# that a new source needs no change here. Of posix/ and windows/ only the system's own is taken, at any depth.
+# that a new source needs no change here. Of posix/ and windows/ only the system's own is taken, at any depth, as of tests
+# whose names end in _posix_test and _windows_test.
 function(diskstream_sources result)
   set(sources "")
   foreach(folder IN LISTS ARGN)
@@ -60,9 +61,9 @@ function(diskstream_sources result)
     list(APPEND sources ${found})
   endforeach()
   if(WIN32)
-    list(FILTER sources EXCLUDE REGEX "/posix/")
+    list(FILTER sources EXCLUDE REGEX "/posix/|_posix_test\\.cpp$")
   else()
-    list(FILTER sources EXCLUDE REGEX "/windows/")
+    list(FILTER sources EXCLUDE REGEX "/windows/|_windows_test\\.cpp$")
   endif()
   set(${result} "${sources}" PARENT_SCOPE)
 endfunction()

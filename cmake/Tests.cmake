@@ -4,6 +4,13 @@ set(DISKSTREAM_TEST_DEFINITIONS
   DISKSTREAM_SAMPLES_DIR="${DISKSTREAM_SAMPLES_DIR}"
   DISKSTREAM_TESTS_DIR="${PROJECT_SOURCE_DIR}/tests")
 
+# Under the sanitizers, and on another machine's system, a process takes longer to begin than most tests do.
+set(processes 0)
+if(DISKSTREAM_SANITIZE OR CMAKE_CROSSCOMPILING)
+  set(processes 12)
+endif()
+set(DISKSTREAM_TEST_PROCESSES ${processes} CACHE STRING "Processes that share the tests of a program; 0: one for each test")
+
 # What a test under the sanitizers runs with: an allocation beyond the machine fails as it does without them, and every
 # report ends the test. Empty in other builds.
 set(DISKSTREAM_TEST_ENVIRONMENT "")
@@ -25,22 +32,22 @@ macro(diskstream_find_googletest)
   endif()
 endmacro()
 
-# Under the sanitizers a process takes longer to begin than most tests do, so each runs many of them. What each test did
-# lies in gtest/, one file for each process.
+# Each test in a process of its own is ctest's own test. With so many processes in all, each runs some of the tests, and
+# what each test did lies in gtest/, one file for each process.
 function(diskstream_discover_tests name timeout)
-  if(NOT DISKSTREAM_SANITIZE)
+  if(NOT DISKSTREAM_TEST_PROCESSES)
     # The list of tests is asked for when ctest runs, not at build time: a cross-built program can't run here.
     gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
       PROPERTIES TIMEOUT ${timeout} LABELS ${name} ENVIRONMENT "${DISKSTREAM_TEST_ENVIRONMENT}")
     return()
   endif()
-  set(shards 12)
-  math(EXPR lastShard "${shards} - 1")
+  math(EXPR lastShard "${DISKSTREAM_TEST_PROCESSES} - 1")
   foreach(shard RANGE ${lastShard})
-    add_test(NAME ${name}.${shard}
-      COMMAND ${name} --gtest_brief=1 "--gtest_output=xml:${PROJECT_BINARY_DIR}/gtest/${name}-${shard}.xml")
-    set_tests_properties(${name}.${shard} PROPERTIES TIMEOUT ${timeout} LABELS ${name}
-      ENVIRONMENT "GTEST_TOTAL_SHARDS=${shards};GTEST_SHARD_INDEX=${shard};${DISKSTREAM_TEST_ENVIRONMENT}")
+    # A path of this machine would be none to a program of another.
+    add_test(NAME ${name}.${shard} WORKING_DIRECTORY "${PROJECT_BINARY_DIR}"
+      COMMAND ${name} --gtest_brief=1 "--gtest_output=xml:gtest/${name}-${shard}.xml")
+    set_tests_properties(${name}.${shard} PROPERTIES TIMEOUT ${timeout} LABELS ${name} ENVIRONMENT
+      "GTEST_TOTAL_SHARDS=${DISKSTREAM_TEST_PROCESSES};GTEST_SHARD_INDEX=${shard};${DISKSTREAM_TEST_ENVIRONMENT}")
   endforeach()
 endfunction()
 

@@ -148,7 +148,7 @@ TEST_F(DRVolumeMetadata, AnExtensionRecordIsALineAndNoFile) {
                                .Record(60, FileRecord().BaseReference(NtfsReference(0xABCDEF)))));
     ASSERT_EQ(NtfsOk, Dump());
     ExpectTree("");
-    EXPECT_SAME_BYTES(Signature + "28 2b\nabcdef 3c\n", m_Dir.Read("associate"));
+    EXPECT_SAME_BYTES(Signature + "28 2b\nabcdef 3c\n", m_Dir.ReadText("associate"));
 }
 
 TEST_F(DRVolumeMetadata, AFreeRecordIsNothing) {

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <fstream>
 #include <utility>
 
@@ -37,6 +36,6 @@ std::string CImageFile::WriteTo(const CTempDir& dir, const std::string& name) co
     }
     file.close();
     EXPECT_TRUE(file.good()) << path;
-    std::filesystem::resize_file(path, Size());
+    ResizeFile(path, Size());
     return path;
 }

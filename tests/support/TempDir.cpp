@@ -9,6 +9,9 @@
 #include <random>
 #include <stdexcept>
 
+#include "platform/Files.h"
+#include "platform/SystemFiles.h"
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -46,12 +49,18 @@ std::string CTempDir::Write(const std::string& name, std::string_view bytes) con
 
 std::string CTempDir::WriteHole(const std::string& name, uint64_t sizeBytes) const {
     Write(name, {});
-    fs::resize_file(File(name), sizeBytes);
+    ResizeFile(File(name), sizeBytes);
     return File(name);
 }
 
 std::string CTempDir::Read(const std::string& name) const {
     return ReadFileBytes(File(name));
+}
+
+std::string CTempDir::ReadText(const std::string& name) const {
+    std::ifstream file(File(name));
+    EXPECT_TRUE(file.is_open()) << name;
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
 std::vector<std::string> CTempDir::Entries() const {
@@ -73,4 +82,13 @@ void WriteFileBytes(const std::string& path, std::string_view bytes) {
     file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
     file.flush();
     EXPECT_TRUE(file.good()) << path;
+}
+
+// The standard library wants room for what will be a hole.
+void ResizeFile(const std::string& path, uint64_t sizeBytes) {
+    IFiles& files = SystemFiles();
+    int fd = -1;
+    ASSERT_EQ(0, files.Open(path.c_str(), OpenAsBinary | OpenForBoth, 0, fd)) << path;
+    EXPECT_EQ(0, files.Truncate(fd, static_cast<int64_t>(sizeBytes))) << path << ": " << sizeBytes;
+    EXPECT_EQ(0, files.Close(fd)) << path;
 }

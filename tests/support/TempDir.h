@@ -27,6 +27,9 @@ public:
     // All bytes of the file `name`. A file that can't be read fails the test.
     std::string Read(const std::string& name) const;
 
+    // The same of text, whose lines end as this system ends them: each line feed stands alone.
+    std::string ReadText(const std::string& name) const;
+
     // The names of what lies in the directory, sorted.
     std::vector<std::string> Entries() const;
 
@@ -37,3 +40,6 @@ private:
 // The same for a path that isn't in such a directory.
 std::string ReadFileBytes(const std::string& path);
 void WriteFileBytes(const std::string& path, std::string_view bytes);
+
+// Cuts the file off, or adds a hole to its end.
+void ResizeFile(const std::string& path, uint64_t sizeBytes);

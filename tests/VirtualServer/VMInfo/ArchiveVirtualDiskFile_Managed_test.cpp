@@ -67,6 +67,7 @@ protected:
     std::string Block(uint64_t number) const { return m_Server.bytes.substr(number * 8 * Sector, 8 * Sector); }
 
     CFakeVMInfo m_Server;
+    CTempDir m_Dir;  // outlives the disk, whose end alone closes a local file
     CArchiveVirtualDiskFile m_Disk{VirtualProdType_VMware};
     uint64_t m_NumberAtTheEnd = 0;
 };
@@ -187,11 +188,10 @@ TEST_F(ArchiveVirtualDiskFileManaged, ADiskThatCannotBeWrittenIsAConditionOfTheF
 }
 
 TEST_F(ArchiveVirtualDiskFileManaged, AFullFileSystemIsAConditionOfTheFacade) {
-    const CTempDir dir;
     CAutoMemory<char> metadata = BufferOf(MetadataRecordText("VDVWVD10", 101, ""));
     Context_t context{};
     m_Disk.SetVMInfo(nullptr, "", "");
-    ASSERT_OK(m_Disk.Create((dir.Path() + "\\d.vmdk").c_str(), DiskType_VMInfoDisk, metadata, 8, context));
+    ASSERT_OK(m_Disk.Create((m_Dir.Path() + "\\d.vmdk").c_str(), DiskType_VMInfoDisk, metadata, 8, context));
     const CFaultyFiles faulty(Fault_t{FaultOp::Write, 0, 28});
     const CZuError noSpace = Write(context, 0, "x");
     EXPECT_CONDITION_TEXT(noSpace, 7, 5001, 4, "Write out of space");

@@ -6,9 +6,9 @@
 #include <vector>
 
 #include "VirtualServer/VMInfo/ArchiveVirtualDiskFile.h"
-#include "platform/DriveName.h"
 #include "tests/support/Bytes.h"
 #include "tests/support/CharBuffer.h"
+#include "tests/support/DriveOfFile.h"
 #include "tests/support/ErrorAssertions.h"
 #include "tests/support/FailureWalk.h"
 #include "tests/support/FakeXenHost.h"
@@ -31,10 +31,10 @@ protected:
         m_Host.onRecord = [](xen_vdi_record& record) { record = SoundXenRecord(); };
     }
 
-    // A device as this machine sees it, of known size where that is asked for.
-    std::string Device(uint64_t sectors, bool isDrive = false) {
+    // A device as this machine sees it, whose size is known where it is opened as a drive.
+    std::string Device(uint64_t sectors) {
         m_Bytes = PatternedBytes(sectors * 512);
-        return (isDrive ? DriveNamePrefix : "") + m_Dir.Write("device", m_Bytes);
+        return m_Dir.Write("device", m_Bytes);
     }
     CZuError Open(const std::string& device) { return m_Disk.Open(("vdi-1#" + device).c_str(), DiskType_XenVDI); }
     CZuError Create(const std::string& xml) {
@@ -61,7 +61,9 @@ protected:
 };
 
 TEST_F(ArchiveVirtualDiskFileXen, TheStreamHasTheServersRecordAndBlocksOf512Sectors) {
-    ASSERT_OK(Open(Device(1024, true)));
+    const std::string device = Device(1024);
+    SKIP_UNLESS_A_FILE_CAN_BE_A_DRIVE(device);
+    ASSERT_OK(Open(DriveOfFile(device)));
     for (const unsigned int blockSectors : {0U, 8U, 4096U}) {
         CAutoMemory<char> metadata = BufferOf("replaced");
         ASSERT_OK(m_Disk.GetFirstBlock(metadata, blockSectors, m_Context));
@@ -97,7 +99,9 @@ TEST_F(ArchiveVirtualDiskFileXen, WithoutTheServersRecordThereIsNoStream) {
 }
 
 TEST_F(ArchiveVirtualDiskFileXen, ReadsAnyBlock) {
-    ASSERT_OK(Open(Device(24, true)));
+    const std::string device = Device(24);
+    SKIP_UNLESS_A_FILE_CAN_BE_A_DRIVE(device);
+    ASSERT_OK(Open(DriveOfFile(device)));
     m_Context = {NoBlock, 8};
     ASSERT_OK(m_Disk.ReadBlock(m_Block, 2, m_Context));
     EXPECT_SAME_BYTES(m_Bytes.substr(16 * 512), BytesOf(m_Block));
@@ -172,7 +176,9 @@ TEST_F(ArchiveVirtualDiskFileXen, AnyFailureOfANewImageIsToldInTheSameWords) {
 
 TEST_F(ArchiveVirtualDiskFileXen, ASizeThatIsSetDoesNotReachTheImage) {
     EXPECT_REFUSED(m_Disk.SetDiskSize(1), NoFileIsOpen);
-    ASSERT_OK(Open(Device(24, true)));
+    const std::string device = Device(24);
+    SKIP_UNLESS_A_FILE_CAN_BE_A_DRIVE(device);
+    ASSERT_OK(Open(DriveOfFile(device)));
     EXPECT_OK(m_Disk.SetDiskSize(8 * 512));
     m_Context = {NoBlock, 8};
     EXPECT_OK(m_Disk.ReadBlock(m_Block, 2, m_Context));
@@ -193,7 +199,9 @@ TEST_F(ArchiveVirtualDiskFileXen, CloseLeavesTheDeviceOpenUntilTheObjectsEnd) {
 }
 
 TEST_F(ArchiveVirtualDiskFileXen, AStreamThatIsBackedUpComesBack) {
-    ASSERT_OK(Open(Device(1024, true)));
+    const std::string device = Device(1024);
+    SKIP_UNLESS_A_FILE_CAN_BE_A_DRIVE(device);
+    ASSERT_OK(Open(DriveOfFile(device)));
     CAutoMemory<char> metadata;
     ASSERT_OK(m_Disk.GetFirstBlock(metadata, 0, m_Context));
     m_Host.device = m_Dir.Write("target", std::string(m_Bytes.size(), '\0'));

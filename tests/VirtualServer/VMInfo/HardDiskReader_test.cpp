@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/DriveName.h"
 #include "tests/support/Bytes.h"
+#include "tests/support/DriveOfFile.h"
 #include "tests/support/ErrorAssertions.h"
 #include "tests/support/FailureWalk.h"
 #include "tests/support/HardDisks.h"
@@ -148,9 +148,17 @@ TEST_F(HardDiskReader, AnImageOfAXenHostIsOpenedByItsIdentifierAndItsDevice) {
     int isGpt = 1;
     EXPECT_OK(disk.GetDOSPartitions(partitions, isGpt));
     EXPECT_EQ(1U, partitions.size()) << "without a drive's name a volume alone";
-    disks[0].FileName = ("vdi-1#" + std::string(DriveNamePrefix) + device).c_str();
+}
+
+TEST_F(HardDiskReader, AnImageOfAXenHostWithADrivesNameHasPartitions) {
+    std::vector<Disk_t> disks = PlainFile(DiskType_XenVDI);
+    const std::string device = disks[0].FileName.c_str();
+    SKIP_UNLESS_A_FILE_CAN_BE_A_DRIVE(device);
+    disks[0].FileName = ("vdi-1#" + DriveOfFile(device)).c_str();
     CHardDiskReader drive(VirtualProdType_Physical);
     ASSERT_OK(drive.OpenHardDisk(disks));
+    std::vector<Partition_Entry_t> partitions;
+    int isGpt = 1;
     EXPECT_FAILURE(drive.GetDOSPartitions(partitions, isGpt)) << "a drive without partitions";
 }
 

@@ -7,6 +7,7 @@
 #include "VirtualServer/VMInfo/LVM.h"
 #include "VirtualServer/VMInfo/UtilityFunctions.h"
 #include "tests/support/CowdBuilder.h"
+#include "tests/support/DriveOfFile.h"
 #include "tests/support/ErrorAssertions.h"
 #include "tests/support/FailureWalk.h"
 #include "tests/support/HardDisks.h"
@@ -179,10 +180,23 @@ protected:
                          LinkOf(child.WriteTo(m_Dir, "child.vhd"), DiskType_VhdDifferencing, "differencing")});
     }
 
-    LVM_HardDisk_t RawDisk() {
-        const std::string path = m_Dir.Write("raw", SectorsOfDisk());
-        return HardDisk(VirtualProdType_Physical,
-                        {LinkOf("\\\\?\\PhysicalDrive" + path, DiskType_PhysicalDisk, "raw", 0x12345)});
+    LVM_HardDisk_t RawDisk(const std::string& path) {
+        return HardDisk(VirtualProdType_Physical, {LinkOf(DriveOfFile(path), DiskType_PhysicalDisk, "raw", 0x12345)});
+    }
+
+    // Dumps the disks, each of one partition, and compares what is read back with what they are.
+    void ExpectReadsBackEqual(const std::vector<LVM_HardDisk_t>& disks, SparseInfo_t& sparse) {
+        Dump(disks);
+        ASSERT_EQ(disks.size(), m_Lvm.GetVolumes().size()) << "each disk has its partition";
+        std::string expectedSparse;
+        for (const LVM_HardDisk_t& disk : disks)
+            expectedSparse += SparseTextOf(disk);
+
+        std::vector<LVM_Volume_t> volumes;
+        ASSERT_OK(CLVM::ReadVolumeInfoFromDump(Path().c_str(), volumes, &sparse));
+        EXPECT_EQ(TextOf(AsRead(m_Lvm.GetVolumes())), TextOf(volumes));
+        EXPECT_EQ(expectedSparse, TextOf(sparse));
+        ASSERT_EQ(disks.size(), sparse.size());
     }
 
     CTempDir m_Dir;
@@ -257,26 +271,22 @@ TEST_F(LvmDump, TheTypeOfAVolumeIsTwoUpperCaseCharacters) {
 }
 
 TEST_F(LvmDump, OfDisksOfEveryKindReadsBackEqual) {
-    const std::vector<LVM_HardDisk_t> disks = {FlatDisk(), SparseDisk(), SplitDisk(), Chain(),
-                                               FixedVhd(), VhdChain(),   RawDisk()};
-    Dump(disks);
-    ASSERT_EQ(disks.size(), m_Lvm.GetVolumes().size()) << "each disk has its partition";
-    std::string expectedSparse;
-    for (const LVM_HardDisk_t& disk : disks)
-        expectedSparse += SparseTextOf(disk);
-
-    std::vector<LVM_Volume_t> volumes;
     SparseInfo_t sparse;
-    ASSERT_OK(CLVM::ReadVolumeInfoFromDump(Path().c_str(), volumes, &sparse));
-    EXPECT_EQ(TextOf(AsRead(m_Lvm.GetVolumes())), TextOf(volumes));
-    EXPECT_EQ(expectedSparse, TextOf(sparse));
+    ASSERT_NO_FATAL_FAILURE(
+        ExpectReadsBackEqual({FlatDisk(), SparseDisk(), SplitDisk(), Chain(), FixedVhd(), VhdChain()}, sparse));
     // The kinds are what they were meant to be.
-    ASSERT_EQ(7U, sparse.size());
     EXPECT_EQ(2U, sparse[2][0].size());
     EXPECT_EQ(3U, sparse[3].size());
     EXPECT_EQ(DiskSectors / 128, sparse[5][0][0].Buckets.size());
     EXPECT_EQ(DiskSectors / 8, sparse[5][1][0].Buckets.size());
-    EXPECT_EQ(~uint64_t{0}, sparse[6][0][0].ExtentEndLBA);
+}
+
+TEST_F(LvmDump, OfADriveAmongOtherDisksReadsBackEqual) {
+    const std::string path = m_Dir.Write("raw", SectorsOfDisk());
+    SKIP_UNLESS_A_FILE_CAN_BE_A_DRIVE(path);
+    SparseInfo_t sparse;
+    ASSERT_NO_FATAL_FAILURE(ExpectReadsBackEqual({FlatDisk(), RawDisk(path), SparseDisk()}, sparse));
+    EXPECT_EQ(~uint64_t{0}, sparse[1][0][0].ExtentEndLBA);
 }
 
 // Its header is of another kind, and its tables are larger.

@@ -9,6 +9,7 @@
 
 #include "VirtualServer/VMInfo/ArchiveVirtualDiskFile.h"
 #include "VirtualServer/VMInfo/LVM.h"
+#include "tests/support/DriveOfFile.h"
 #include "tests/support/ErrorAssertions.h"
 #include "tests/support/HardDisks.h"
 #include "tests/support/LdmGroupBuilder.h"
@@ -143,7 +144,7 @@ protected:
         const std::string name = NextName();
         m_Dir.Write(name, bytes);
         LVM_HardDisk_t& disk = Add(VirtualProdType_Physical);
-        disk.Disks = {LinkOf("\\\\?\\PhysicalDrive" + m_Dir.File(name), DiskType_PhysicalDisk, name, FlatBlockSectors)};
+        disk.Disks = {LinkOf(DriveOfFile(m_Dir.File(name)), DiskType_PhysicalDisk, name, FlatBlockSectors)};
         BackUp(VirtualProdType_Physical, "", DiskType_PhysicalDisk, name);
     }
 
@@ -290,8 +291,14 @@ TEST_F(LvmMappingDisks, PartitionsOnFlatDisks) {
     AddFlat(PlainDisk());
     AddSplitFlat(PlainDisk());
     AddFixedVhd(PlainDisk());
+    ExpectBlocksHoldTheVolumes(3);
+    EXPECT_EQ(0, m_Holes);
+}
+
+TEST_F(LvmMappingDisks, APartitionOnADrive) {
+    SKIP_UNLESS_A_FILE_CAN_BE_A_DRIVE(m_Dir.Write("file", PlainDisk()));
     AddRaw(PlainDisk());
-    ExpectBlocksHoldTheVolumes(4);
+    ExpectBlocksHoldTheVolumes(1);
     EXPECT_EQ(0, m_Holes);
 }
 

@@ -23,7 +23,7 @@ extern "C" {
 __attribute__((visibility("default"))) void* tsImageTableOpen(const char* path) {
     if (EndsWith(path, "refused"))
         return nullptr;
-    return new Table_t{path, std::ofstream(path)};
+    return new Table_t{path, std::ofstream(path, std::ios::binary)};
 }
 
 __attribute__((visibility("default"))) int tsImageTableAdd(void* table, const MFTTreeEntry_t* entry) {
