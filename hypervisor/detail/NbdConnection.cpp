@@ -21,6 +21,8 @@ std::string WithoutCall(const char* words) {
     return end != std::string::npos ? text.substr(end + 2) : text;
 }
 
+constexpr nbd_completion_callback NoCallback{};  // the outcome is asked for
+
 struct StatusCall_t {
     const std::string& context;
     std::vector<NbdStatus_t>& pieces;
@@ -55,16 +57,16 @@ bool CNbdConnection::HasContext(const std::string& context) const {
 }
 
 bool CNbdConnection::Read(uint64_t offset, void* buffer, uint32_t size) {
-    return Run([&](nbd_handle* handle) { return nbd_aio_pread(handle, buffer, size, offset, NBD_NULL_COMPLETION, 0); });
+    return Run([&](nbd_handle* handle) { return nbd_aio_pread(handle, buffer, size, offset, NoCallback, 0); });
 }
 
 bool CNbdConnection::Write(uint64_t offset, const void* bytes, uint32_t size) {
-    return Run([&](nbd_handle* handle) { return nbd_aio_pwrite(handle, bytes, size, offset, NBD_NULL_COMPLETION, 0); });
+    return Run([&](nbd_handle* handle) { return nbd_aio_pwrite(handle, bytes, size, offset, NoCallback, 0); });
 }
 
 bool CNbdConnection::Zero(uint64_t offset, uint64_t size) {
     if (nbd_can_zero(m_Handle) == 1)
-        return Run([&](nbd_handle* handle) { return nbd_aio_zero(handle, size, offset, NBD_NULL_COMPLETION, 0); });
+        return Run([&](nbd_handle* handle) { return nbd_aio_zero(handle, size, offset, NoCallback, 0); });
     const std::vector<char> zeros(static_cast<size_t>(std::min<uint64_t>(size, MostBytes)), '\0');
     for (uint64_t done = 0; done < size; done += zeros.size()) {
         if (!Write(offset + done, zeros.data(), static_cast<uint32_t>(std::min<uint64_t>(size - done, zeros.size()))))
@@ -76,7 +78,7 @@ bool CNbdConnection::Zero(uint64_t offset, uint64_t size) {
 bool CNbdConnection::Flush() {
     if (nbd_can_flush(m_Handle) != 1)
         return true;
-    return Run([](nbd_handle* handle) { return nbd_aio_flush(handle, NBD_NULL_COMPLETION, 0); });
+    return Run([](nbd_handle* handle) { return nbd_aio_flush(handle, NoCallback, 0); });
 }
 
 bool CNbdConnection::BlockStatus(const std::string& context, uint64_t offset, uint64_t size,
@@ -87,13 +89,12 @@ bool CNbdConnection::BlockStatus(const std::string& context, uint64_t offset, ui
         nbd_extent_callback take{};
         take.callback = TakeStatus;
         take.user_data = &call;
-        return nbd_aio_block_status(handle, size, offset, take, NBD_NULL_COMPLETION, 0);
+        return nbd_aio_block_status(handle, size, offset, take, NoCallback, 0);
     });
 }
 
 void CNbdConnection::StartRead(uint64_t offset, void* buffer, uint32_t size, Request_t& request) {
-    request =
-        Start([&](nbd_handle* handle) { return nbd_aio_pread(handle, buffer, size, offset, NBD_NULL_COMPLETION, 0); });
+    request = Start([&](nbd_handle* handle) { return nbd_aio_pread(handle, buffer, size, offset, NoCallback, 0); });
 }
 
 CNbdConnection::Request_t CNbdConnection::Start(const Start_t& start) {
