@@ -110,6 +110,8 @@ inline std::vector<XmlText_t> BrokenXml() {
         {"a byte that doesn't begin", "<a>\x80</a>", ""},
         {"a byte that never is", "<a>\xFF</a>", ""},
         {"five bytes", "<a>\xF8\x88\x80\x80\x80</a>", ""},
+        {"the first of five bytes before three", "<a>\xF8\x90\x80\x80</a>", ""},
+        {"the first of six bytes before three", "<a>\xFC\x80\x80\x80</a>", ""},
         {"six bytes", "<a>\xFC\x84\x80\x80\x80\x80</a>", ""},
         {"a character behind the last", "<a>\xF4\x90\x80\x80</a>", ""},
         {"a longer form of two bytes", "<a>\xC0\xBC/a>", ""},

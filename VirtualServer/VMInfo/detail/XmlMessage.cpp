@@ -37,9 +37,8 @@ void WriteFieldElement(CXmlWriter& writer, const char* name, const Texts_t& text
     writer.End(name);
 }
 
+// An odd digit stands before the text's terminator, which is no digit.
 bool DecodeHexText(std::string& text) {
-    if (text.size() % 2 != 0)
-        return false;
     std::string bytes;
     for (size_t at = 0; at < text.size(); at += 2) {
         const int byte = HexPairToByte(&text[at]);

@@ -2,12 +2,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "VirtualServer/VMInfo/XenVDIDiskReader.h"
 #include "tests/support/CharBuffer.h"
 #include "tests/support/ErrorAssertions.h"
 #include "tests/support/FakeXenHost.h"
+#include "tests/support/FaultyFiles.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/XenRecordXml.h"
 
@@ -55,6 +59,32 @@ TEST_F(XenVDIFiles, FollowNoLink) {
     EXPECT_TRUE(S_ISREG(ModeOf("vdi.origConfig")));
     EXPECT_TRUE(S_ISREG(ModeOf("vdi.newConfig")));
     EXPECT_EQ(m_Xml, m_Dir.Read("vdi.origConfig"));
+}
+
+// Somebody else is quicker: the name was free, and is a link when it is opened.
+TEST_F(XenVDIFiles, FollowNoLinkThatAppearsInBetween) {
+    class CQuickerFiles final : public CFaultyFiles {
+    public:
+        explicit CQuickerFiles(std::string target) : m_Target(std::move(target)) {}
+        int Open(const char* name, int flags, int mode, int& fd) override {
+            std::string path = name;
+            std::replace(path.begin(), path.end(), '\\', '/');
+            if (path.ends_with("Config")) {
+                EXPECT_EQ(0, symlink(m_Target.c_str(), path.c_str()));
+            }
+            return CFaultyFiles::Open(name, flags, mode, fd);
+        }
+
+    private:
+        const std::string m_Target;
+    };
+    m_Dir.Write("precious", "precious");
+    {
+        CQuickerFiles files(m_Dir.File("precious"));
+        Create();
+    }
+    EXPECT_EQ("precious", m_Dir.Read("precious"));
+    EXPECT_TRUE(S_ISLNK(ModeOf("vdi.origConfig")));
 }
 
 TEST_F(XenVDIFiles, DoNotTouchTheOtherNamesOfAFile) {
