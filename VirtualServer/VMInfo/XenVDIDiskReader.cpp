@@ -40,7 +40,7 @@ using ListOfTexts_t = std::list<std::string>;
 ListOfTexts_t ListOf(const MapOfTexts_t& map) {
     ListOfTexts_t list;
     for (const auto& [key, value] : map)
-        list.push_back(key + MapSeparator + value);
+        list.emplace_back(key).append(MapSeparator).append(value);
     return list;
 }
 
