@@ -54,6 +54,8 @@ TEST_F(HardDiskManaged, AVmdkReaderAsksTheServer) {
     EXPECT_CONDITION_TEXT(reader.ReadSector(7, sector.data(), Sector), 7, 3001, 2, "Sector Not Found");
     EXPECT_CONDITION_TEXT(reader.ReadSector(100, sector.data(), Sector), 7, 3001, 1, "Sector Out of Range");
     EXPECT_REFUSED(reader.ReadSector(9, nullptr, Sector), "Data pointer is null");
+    SectorRun_t run;
+    EXPECT_CONDITION_TEXT(reader.FindRun(100, 1, run), 7, 3001, 1, "Sector Out of Range");
 
     SparseDumpText_t expected;
     expected.name = "name";

@@ -212,6 +212,14 @@ TEST_F(VmdkVcb4Create, EveryFailureWhileTheLocalDiskIsMadeReachesTheCallerAndClo
     }
 }
 
+TEST_F(VmdkVcb4Create, ADiskThatCouldNotBeMadeCanBeTriedAgain) {
+    {
+        const CFaultyFiles faulty(Fault_t{FaultOp::Truncate, 0, EIO});
+        EXPECT_SYSTEM_ERROR(Create(m_Dir.Path() + "\\disk.vmdk", RecordOf(100)), EIO);
+    }
+    EXPECT_OK(Create(m_Dir.Path() + "\\disk.vmdk", RecordOf(100)));
+}
+
 TEST_F(VmdkVcb4Create, TheSettingsOfARecordComeBack) {
     DiskGeometry_t geometry{};
     DiskProvisioningType_t provisioning = DiskProvisioning_Unknown;
@@ -221,7 +229,8 @@ TEST_F(VmdkVcb4Create, TheSettingsOfARecordComeBack) {
     CAutoMemory<char> metadata = BufferOf(RecordOf(
         100,
         "thinProvisioned = \"1\";ADAPTERTYPE = \"lsi=logic\"; geometry.Cylinders = \"1044\" ;geometry.heads = \"255\";"
-        "geometry.sectors = \"63\";uuid = \"60 00 \\\"C2\";virtualHWVersion=8;geometry.heads2 = \"9\";lonely;a=b=c"));
+        "geometry.sectors = \"63\";uuid = \"60 00 \\\"C2\";virtualHWVersion=8;geometry.heads2 = "
+        "\"9\";lonely;uuid=b=c"));
     ASSERT_OK(m_Reader.ParseDiskMetaData(metadata, geometry, provisioning, adapterType, uuid, version));
     EXPECT_EQ(1044U, geometry.cylinders);
     EXPECT_EQ(255U, geometry.heads);

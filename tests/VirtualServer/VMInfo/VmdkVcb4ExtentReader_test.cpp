@@ -208,7 +208,7 @@ TEST_F(VmdkVcb4ExtentReader, AReadThatTheServerFailsHasItsText) {
 }
 
 TEST_F(VmdkVcb4ExtentReader, ABlockPartlyAllocatedIsReadWholeInOneCall) {
-    OnlyIn("", {{15, 0}, {39, 3}});
+    OnlyIn("", {{15, 0}, {39, 3}, {64, 1}});
     ASSERT_OK(Open());
     ASSERT_OK(ReadBlock(1));
     EXPECT_SAME_BYTES(OnDisk(8, 8), m_Block);
@@ -217,7 +217,9 @@ TEST_F(VmdkVcb4ExtentReader, ABlockPartlyAllocatedIsReadWholeInOneCall) {
     EXPECT_NOT_ALLOCATED(ReadBlock(2));
     EXPECT_OK(ReadBlock(5)) << "the stretch goes on in it";
     EXPECT_NOT_ALLOCATED(ReadBlock(6));
-    EXPECT_EQ((Transfers_t{{8, 8}, {32, 8}, {40, 8}}), m_Server.reads);
+    EXPECT_NOT_ALLOCATED(ReadBlock(7)) << "the next one begins a stretch";
+    EXPECT_OK(ReadBlock(8));
+    EXPECT_EQ((Transfers_t{{8, 8}, {32, 8}, {40, 8}, {64, 8}}), m_Server.reads);
 }
 
 TEST_F(VmdkVcb4ExtentReader, TheLastBlockReadsWhatRemainsAndZerosBehindIt) {
@@ -298,12 +300,16 @@ TEST_F(VmdkVcb4ExtentReader, AClosedDiskHasNeitherSectorsNorABlockSize) {
 }
 
 TEST_F(VmdkVcb4ExtentReader, TheTablesOfAnOpeningReplaceThoseBefore) {
-    OnlyIn("", {{8, 1}});
+    OnlyIn("", {{8, 1}, {16, 1}, {24, 1}});
     ASSERT_OK(Open());
+    EXPECT_OK(ReadBlock(3));
     EXPECT_NOT_ALLOCATED(ReadBlock(5));
     m_Server.answers.clear();
+    m_Server.askedPositions.clear();
+    OnlyIn("", {{40, 1}});
     ASSERT_OK(Open());
     EXPECT_OK(ReadBlock(5));
+    EXPECT_NOT_ALLOCATED(ReadBlock(3));
 }
 
 TEST_F(VmdkVcb4ExtentReader, ACopyReadsByTablesOfItsOwn) {
