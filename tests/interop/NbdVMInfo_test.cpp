@@ -381,6 +381,23 @@ TEST_F(NbdVMInfo, TheDoorToAllDisksMakesADiskOnOneServerFromAnother) {
     EXPECT_EQ(uri, name);
 }
 
+TEST_F(NbdVMInfo, AnExportIsReadOverTls) {
+    SKIP_WITHOUT_PROGRAM("nbdkit");
+    const std::string bytes = PatternedBytes(MiB);
+    m_File = m_Dir.Write("disk.raw", bytes);
+    const std::string keys = m_Dir.Write("keys.psk", "reader:00112233445566778899aabbccddeeff\n");
+    m_Server.emplace(
+        std::vector<std::string>{"nbdkit", "-f", "--tls=require", "--tls-psk=" + keys, "-U", "SOCKET", "file", m_File});
+    ASSERT_TRUE(m_Server->Start());
+    EXPECT_EQ(0, m_Info.SetCurrVmdkFile("", "", m_Server->Uri(), m_Handle)) << "without TLS";
+    Open("nbds+unix://reader@/?socket=" + m_Server->Socket() + "&tls-psk-file=" + keys);
+    EXPECT_SAME_BYTES(bytes, Read(0, 2048));
+    const std::string others = m_Dir.Write("others.psk", "reader:ffeeddccbbaa99887766554433221100\n");
+    EXPECT_EQ(0, m_Info.SetCurrVmdkFile("", "",
+                                        "nbds+unix://reader@/?socket=" + m_Server->Socket() + "&tls-psk-file=" + others,
+                                        m_Handle));
+}
+
 TEST_F(NbdVMInfo, TheUriTellsTheExportsName) {
     const struct {
         const char* uri;
