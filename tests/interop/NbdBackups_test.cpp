@@ -20,18 +20,17 @@
 
 namespace {
 
-constexpr uint64_t NbdDiskBytes = 40 * MiB;
+constexpr uint64_t NbdDiskBytes = 16 * MiB;
 
 class NbdBackups : public testing::Test {
 protected:
     void SetUp() override {
         SKIP_WITHOUT_PROGRAM("qemu-storage-daemon");
-        ASSERT_TRUE(Runs("qemu-img create -q -f qcow2 " + Quoted(Image()) + " 40M"));
+        ASSERT_TRUE(Runs("qemu-img create -q -f qcow2 " + Quoted(Image()) + " 16M"));
         ASSERT_TRUE(RunsInQemuIo("qcow2", Image(),
-                                 {"write -P 1 0 1M", "write -P 2 10M 3M", "write -P 3 39M 1M", "write -z 20M 1M"}));
-        for (const char* const bitmap : {"monday", "tuesday"})
-            ASSERT_TRUE(Runs("qemu-img bitmap --add " + Quoted(Image()) + " " + bitmap));
-        m_Server.emplace(StorageDaemon(Image(), {"monday", "tuesday"}), "disk");
+                                 {"write -P 1 0 1M", "write -P 2 10M 3M", "write -P 3 15M 1M", "write -z 14M 1M"}));
+        ASSERT_TRUE(Runs("qemu-img bitmap --add " + Quoted(Image()) + " monday"));
+        m_Server.emplace(StorageDaemon(Image(), {"monday"}), "disk");
         ASSERT_TRUE(m_Server->Start());
     }
 
@@ -39,6 +38,16 @@ protected:
     std::string Uri() const { return m_Server->Uri(); }
 
     void Write(const std::vector<std::string>& commands) { ASSERT_TRUE(RunsInQemuIo("raw", Uri(), commands)); }
+
+    // A disk of which not all is on its way when the first blocks are in the set. It has no bitmaps: these don't survive
+    // that their server is killed.
+    void ServeLarge() {
+        m_Server->Kill();
+        ASSERT_TRUE(Runs("qemu-img create -q -f qcow2 " + Quoted(Image()) + " 40M"));
+        ASSERT_TRUE(RunsInQemuIo("qcow2", Image(), {"write -P 5 0 20M", "write -P 6 20M 20M"}));
+        m_Server.emplace(StorageDaemon(Image(), {}), "disk");
+        ASSERT_TRUE(m_Server->Start());
+    }
 
     // The export's bytes, as another program copies them.
     std::string State() {
@@ -98,10 +107,10 @@ TEST_F(NbdBackups, AWholeBackupHoldsWhatIsAllocated) {
 TEST_F(NbdBackups, ABackupOfChangesHoldsExactlyTheBlocksWritten) {
     const std::string before = State();
     ASSERT_OK(BackUpWhole("whole"));
-    Write({"write -P 9 1M 64k", "write -P 8 30M 100k", "write -P 7 36000k 1k", "discard 10M 1M"});
+    Write({"write -P 9 1M 64k", "write -P 8 5M 100k", "write -P 7 7000k 1k", "discard 10M 1M"});
     const std::string after = State();
     ASSERT_OK(BackUpChanges("changes", "monday", "whole"));
-    EXPECT_EQ((std::set<uint64_t>{16, 480, 481, 562}), OwnBlocks("changes"));
+    EXPECT_EQ((std::set<uint64_t>{16, 80, 81, 109}), OwnBlocks("changes"));
     EXPECT_EQ(4U, m_Result.blockCount);
     EXPECT_EQ(80U - 16U, m_Result.unchangedBlocks) << "what was discarded is neither";
     EXPECT_SAME_BYTES(after, Restored("changes"));
@@ -134,7 +143,7 @@ TEST_F(NbdBackups, AChainOfBackupsRestoresEachState) {
 TEST_F(NbdBackups, TheSetGoesBackIntoAnExport) {
     ASSERT_OK(BackUpWhole("whole"));
     const std::string before = State();
-    Write({"write -P 9 0 40M"});
+    Write({"write -P 9 0 16M"});
     RestoreOptions_t options;
     RestoreResult_t result;
     EXPECT_FAILS_SAYING(RestoreDisk(m_Dir.File("whole"), Uri(), options, result), Uri(), "--force");
@@ -152,7 +161,7 @@ TEST_F(NbdBackups, AnExportOfAnotherSizeIsNotRestoredTo) {
     options.force = true;
     RestoreResult_t result;
     EXPECT_FAILS_SAYING(RestoreDisk(m_Dir.File("whole"), small.Uri(), options, result), small.Uri(), "1048576",
-                        "41943040");
+                        "16777216");
     EXPECT_EQ(std::string(MiB, 'o'), m_Dir.Read("small.raw"));
 }
 
@@ -163,7 +172,7 @@ TEST_F(NbdBackups, AServerThatIsKilledIsAClearErrorAndLeavesNoSet) {
         m_Server->Kill();
         return true;
     };
-    Write({"write -P 5 0 40M"});
+    ServeLarge();
     const std::string uri = Uri();
     EXPECT_FAILS_SAYING(BackUpDisk(uri, m_Dir.File("set"), options, m_Result), uri, "the connection was lost",
                         "couldn't be made again in 1 s");
@@ -171,11 +180,8 @@ TEST_F(NbdBackups, AServerThatIsKilledIsAClearErrorAndLeavesNoSet) {
 }
 
 TEST_F(NbdBackups, AConnectionThatIsCutAndComesBackLetsTheBackupGoOn) {
-    Write({"write -P 5 0 20M", "write -P 6 20M 20M"});
+    ServeLarge();
     const std::string state = State();
-    m_Server->Kill();
-    m_Server.emplace(StorageDaemon(Image(), {}), "disk");  // bitmaps don't survive that
-    ASSERT_TRUE(m_Server->Start());
     BackupOptions_t options;
     std::thread later;
     options.progress = [&](const Progress_t& /*progress*/) {
@@ -213,13 +219,12 @@ TEST_F(NbdBackups, WhatDoesNotFitIsRefusedBeforeAnythingIsWritten) {
 TEST_F(NbdBackups, ADiskThatGrewNeedsAWholeBackup) {
     ASSERT_OK(BackUpWhole("whole"));
     m_Server->Kill();
-    for (const char* const bitmap : {"monday", "tuesday"})
-        ASSERT_TRUE(Runs("qemu-img bitmap --remove " + Quoted(Image()) + " " + bitmap));
-    ASSERT_TRUE(Runs("qemu-img resize -q -f qcow2 " + Quoted(Image()) + " 41M"));
+    ASSERT_TRUE(Runs("qemu-img bitmap --remove " + Quoted(Image()) + " monday"));
+    ASSERT_TRUE(Runs("qemu-img resize -q -f qcow2 " + Quoted(Image()) + " 17M"));
     ASSERT_TRUE(Runs("qemu-img bitmap --add " + Quoted(Image()) + " monday"));
     m_Server.emplace(StorageDaemon(Image(), {"monday"}), "disk");
     ASSERT_TRUE(m_Server->Start());
-    EXPECT_FAILS_SAYING(BackUpChanges("x", "monday", "whole"), "81920 sectors", "83968 now", "back it up whole");
+    EXPECT_FAILS_SAYING(BackUpChanges("x", "monday", "whole"), "32768 sectors", "34816 now", "back it up whole");
 }
 
 TEST_F(NbdBackups, TheCommandTellsOfBasesAndFindsThem) {
