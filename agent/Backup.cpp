@@ -175,6 +175,7 @@ private:
 
     // Disks that are in the set stay there, whatever is the matter with their volumes.
     CZuError WriteCatalog(const std::vector<std::string>& imageNames) {
+        m_Images.clear();  // a server may take one connection at a time
         CVolumeSet disks;
         const CZuError error = disks.Open(imageNames, m_Options.image);
         if (error.IsErrorSet()) {

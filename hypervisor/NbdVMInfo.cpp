@@ -261,6 +261,14 @@ CNbdVMInfo::Disk_t* CNbdVMInfo::Open(const std::string& uri, VmdkFileHandle_t& h
         Fail("isn't the URI of an NBD export, such as nbd://host/export", EINVAL);
         return nullptr;
     }
+    // Many servers take one connection at a time, so that who opens an export twice has it twice over the same.
+    const auto known = std::find_if(m_Disks.begin(), m_Disks.end(),
+                                    [&](const std::unique_ptr<Disk_t>& each) { return each->uri == uri; });
+    if (known != m_Disks.end()) {
+        handle.id = static_cast<uint64_t>(known - m_Disks.begin()) + 1;
+        handle.impl = known->get();
+        return known->get();
+    }
     auto disk = std::make_unique<Disk_t>(uri, m_Options);
     if (!disk->connection->Connect(disk->contexts)) {
         FailAs(*disk);

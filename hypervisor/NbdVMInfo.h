@@ -23,7 +23,8 @@ struct NbdOptions_t {
 // (`qemu:dirty-bitmap:NAME`). A server that tells nothing has everything allocated. A connection that breaks is made again,
 // to an export of the same size, and what was asked is asked again.
 //
-// Disks that were opened stay open until this goes, which so has to outlive the readers. One thread at a time.
+// Disks that were opened stay open until this goes, which so has to outlive the readers; one that is opened again has the
+// same connection. One thread at a time.
 class DISKSTREAM_EXPORT CNbdVMInfo final : public IVMInfo {
 public:
     explicit CNbdVMInfo(const NbdOptions_t& options = {});

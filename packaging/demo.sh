@@ -103,3 +103,35 @@ if diskstream volumes disk.vmdk | grep -q ntfs; then
     run ls -l "$first"
     mv elsewhere disk.vmdk
 fi
+
+# serve ARGUMENTS...: qemu-nbd in the background, until it is stopped.
+serve() {
+    rm -f socket
+    qemu-nbd -t -k "$directory/socket" "$@" &
+    server=$!
+    for _ in $(seq 100); do [ -S socket ] && break; sleep 0.1; done
+}
+
+stop_serving() {
+    kill "$server"
+    wait "$server" || true
+}
+
+say "A hypervisor serves a disk over NBD, with a bitmap of what changes from now on. First a backup of all that it holds."
+uri="nbd+unix:///?socket=$directory/socket"
+qemu-img convert -f vmdk -O qcow2 disk.vmdk live.qcow2
+qemu-img bitmap --add live.qcow2 wednesday
+serve -f qcow2 -B wednesday live.qcow2
+run diskstream backup "$uri" wednesday.dset
+stop_serving
+
+say "The machine writes 100 KiB. The next backup holds just the blocks that changed, and builds on the one before."
+run qemu-io -f qcow2 -c "write -P 7 1M 100k" live.qcow2
+serve -f qcow2 -B wednesday live.qcow2
+run diskstream backup --changed-since wednesday --base wednesday.dset "$uri" thursday.dset
+run diskstream verify thursday.dset --against "$uri"
+stop_serving
+
+say "Restored through both sets, it is the disk as it is now."
+run diskstream restore thursday.dset thursday.raw
+run qemu-img compare -f raw -F qcow2 thursday.raw live.qcow2

@@ -272,10 +272,13 @@ TEST_F(NbdBackups, FilesOfABackupOfChangesAreReadThroughItsBase) {
     const std::string image = m_Dir.File("ntfs.qcow2");
     ASSERT_TRUE(Runs("qemu-img convert -f raw -O qcow2 " + Quoted(raw) + " " + Quoted(image) +
                      " && qemu-img bitmap --add " + Quoted(image) + " b"));
+    m_Server.emplace(std::vector<std::string>{"qemu-nbd", "-r", "-t", "-k", "SOCKET", "-f", "qcow2", image});
+    ASSERT_TRUE(m_Server->Start());
+    ASSERT_TRUE(Runs(Command("backup -q --catalog " + Quoted(Uri()) + " " + m_Dir.File("whole"))))
+        << "over one connection at a time";
     m_Server.emplace(StorageDaemon(image, {"b"}), "disk");
     ASSERT_TRUE(m_Server->Start());
     const std::string uri = Quoted(Uri());
-    ASSERT_TRUE(Runs(Command("backup -q --catalog " + uri + " " + m_Dir.File("whole"))));
     ASSERT_TRUE(Runs("ntfscp -q " + Quoted(raw) + " " + Quoted(second) +
                      " /second.txt && qemu-img convert -n -f raw -O raw " + Quoted(raw) + " " + uri));
     ASSERT_TRUE(Runs(Command("backup -q --catalog --changed-since b --base " + m_Dir.File("whole") + " " + uri + " " +

@@ -35,7 +35,7 @@ protected:
     // A raw file that qemu-nbd exports; `switches` are its further ones.
     std::string ServeRaw(const std::string& bytes, const std::vector<std::string>& switches = {}) {
         m_File = m_Dir.Write("disk.raw", bytes);
-        std::vector<std::string> words{"qemu-nbd", "-t", "-k", "SOCKET", "-e", "4", "-f", "raw"};
+        std::vector<std::string> words{"qemu-nbd", "-t", "-k", "SOCKET", "-f", "raw"};
         words.insert(words.end(), switches.begin(), switches.end());
         words.push_back(m_File);
         m_Server.emplace(words);
@@ -140,6 +140,17 @@ TEST_F(NbdVMInfo, ReadsPastTheEndFail) {
     EXPECT_EQ(EINVAL, m_Info.GetLastErrorCode());
     EXPECT_EQ(0, m_Info.WriteCurrVmdkFile(m_Handle, 2047, 2, sector.data()));
     EXPECT_EQ(0, m_Info.ZeroCurrVmdkFile(m_Handle, 1, ~uint64_t{0}));
+}
+
+TEST_F(NbdVMInfo, OneConnectionDoesForADiskThatIsOpenedTwice) {
+    const std::string uri = ServeRaw(PatternedBytes(MiB));
+    Open(uri);
+    VmdkFileHandle_t second;
+    ASSERT_EQ(1, m_Info.SetCurrVmdkFile("", "", uri, second)) << m_Info.LastErrorText();
+    std::string sector(Sector, '?');
+    ASSERT_EQ(1, m_Info.ReadCurrVmdkFile(second, 7, 1, sector.data())) << m_Info.LastErrorText();
+    EXPECT_SAME_BYTES(PatternedBytes(MiB).substr(7 * Sector, Sector), sector);
+    EXPECT_SAME_BYTES(sector, Read(7, 1));
 }
 
 TEST_F(NbdVMInfo, TellsTheStretchesThatHoldData) {
