@@ -19,7 +19,6 @@ namespace {
 
 constexpr uint32_t StreamOrder[] = {AttrSecurityDescriptor, AttrData, AttrObjectId, AttrReparsePoint, AttrEa, 0};
 constexpr uint32_t StreamIdReparsePoint = 8;
-constexpr uint32_t ObjectIdStreamBytes = 64;
 constexpr uint64_t CompressedBytesOffset = 64;  // in an attribute
 
 uint32_t TypeAt(uint32_t tableIndex) {

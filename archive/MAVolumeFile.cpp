@@ -12,16 +12,9 @@
 
 namespace {
 
-constexpr uint32_t SmallestRecordBuffer = 64;  // holds a record's head, whatever the record size is said to be
 constexpr uint32_t DirectoryAttribute = 0x10;
 constexpr uint64_t NeededInformationBytes = 36;  // up to the attributes
 constexpr uint32_t LeaveSecurityOut = 1;         // the place in the stream order behind it
-
-NtfsFileRecord_t HeadOf(const char* record) {
-    NtfsFileRecord_t head{};
-    std::memcpy(&head, record, sizeof(head));
-    return head;
-}
 
 void ResetContext(MA_BACKUPREAD_CONTEXT& context, int withSecurity) {
     context = MA_BACKUPREAD_CONTEXT();

@@ -14,7 +14,7 @@
 
 namespace {
 
-constexpr uint64_t PieceBytes = uint64_t{1} << 20U;
+constexpr uint64_t AttributePieceBytes = uint64_t{1} << 20U;
 constexpr unsigned UnitShiftMask = 31;
 constexpr uint64_t LargestStoredUnit = uint64_t{1} << 24U;  // NTFS itself makes none above 64 KiB
 
@@ -340,7 +340,7 @@ int CDRVolume::ReadCompressedClusters(const Unit_t& unit) {
             break;
         const uint64_t runBytes = run.clusters * m_VolumeData.BytesPerCluster;
         for (uint64_t inRun = 0; inRun < runBytes;) {
-            const uint64_t piece = std::min(runBytes - inRun, PieceBytes);
+            const uint64_t piece = std::min(runBytes - inRun, AttributePieceBytes);
             if (done + piece > LargestStoredUnit || !GrowBuffer(m_CompressedBuffer, done + piece))
                 return NtfsOutOfMemory;
             NTFS_RETURN_IF_FAILED(
@@ -408,10 +408,11 @@ int CDRVolume::ReadValue(ATTR_RECORD_HEADER_t* attr, CAutoMemory<char>& extents,
     if (size > NtfsCeilingBytes)
         return NtfsOutOfMemory;
     const DATARUN_EXTENTS* const runs = ExtentsOf(extents);
-    const uint64_t room = size > PieceBytes && runs != nullptr ? StoredBytes(*runs) + PieceBytes : NtfsCeilingBytes;
+    const uint64_t room =
+        size > AttributePieceBytes && runs != nullptr ? StoredBytes(*runs) + AttributePieceBytes : NtfsCeilingBytes;
     int result = NtfsOk;
     for (uint64_t done = 0; done < size && result == NtfsOk;) {
-        const auto piece = static_cast<uint32_t>(std::min(size - done, PieceBytes));
+        const auto piece = static_cast<uint32_t>(std::min(size - done, AttributePieceBytes));
         if (done + piece > room || !GrowBuffer(value, done + piece))
             return NtfsOutOfMemory;
         uint32_t read = 0;

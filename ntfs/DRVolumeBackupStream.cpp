@@ -15,7 +15,6 @@ namespace {
 
 constexpr uint32_t Finished = 255;
 constexpr uint32_t ObjectIdBytes = 16;
-constexpr uint32_t ObjectIdStreamBytes = 64;
 
 bool HasHole(const DATARUN_EXTENTS* extents) {
     if (extents == nullptr)

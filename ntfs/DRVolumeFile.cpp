@@ -13,12 +13,6 @@ namespace {
 constexpr size_t MostRecordsOfFile = 10000;
 constexpr uint32_t NoSecurityStream = 1;  // the place in the stream order behind it
 
-NtfsFileRecord_t HeadOf(const char* record) {
-    NtfsFileRecord_t head{};
-    std::memcpy(&head, record, sizeof(head));
-    return head;
-}
-
 ATTR_RECORD_HEADER_t* FindUnnamedData(char* record) {
     ATTR_RECORD_HEADER_t* data = CDRFileRecord::FindFirstAttr(record, AttrData);
     while (data != nullptr && data->NameLength != 0)

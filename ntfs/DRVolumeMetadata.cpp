@@ -66,12 +66,6 @@ unsigned int UnixTime(uint64_t time) {
     return static_cast<unsigned int>((static_cast<int64_t>(time) - start) / ticksPerSecond);
 }
 
-NtfsFileRecord_t HeadOf(CAutoMemory<char>& record) {
-    NtfsFileRecord_t head{};
-    std::memcpy(&head, record.GetPtr(), sizeof(head));
-    return head;
-}
-
 NtfsFileName_t NameFieldsOf(const ATTR_RECORD_HEADER_t* attribute) {
     NtfsFileName_t fields{};
     return ResidentValueOf(attribute).Get(0, fields) ? fields : NtfsFileName_t{};
@@ -164,7 +158,7 @@ public:
             if (opened == NtfsOk)
                 result = TakeFile(frn);
             else if (opened == NtfsNotBaseRecord)
-                result = m_Associate.WriteAssociation(HeadOf(m_Record).baseReference & FrnMask, frn);
+                result = m_Associate.WriteAssociation(HeadOf(m_Record.GetPtr()).baseReference & FrnMask, frn);
             else if (opened != NtfsNotInUse)
                 result = opened;
             if (result != NtfsOk)
@@ -221,7 +215,7 @@ private:
         return frn == RootFrn ? 0 : NameFieldsOf(name).parent & FrnMask;
     }
 
-    bool IsDirectory() { return (HeadOf(m_Record).flags & RecordIsDirectory) != 0; }
+    bool IsDirectory() { return (HeadOf(m_Record.GetPtr()).flags & RecordIsDirectory) != 0; }
 
     static bool IsQuitAsked() {
         char isAsked = 0;

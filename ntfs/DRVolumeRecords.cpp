@@ -14,8 +14,7 @@
 
 namespace {
 
-constexpr uint32_t SmallestRecordBuffer = 64;  // holds a record's head, whatever the boot sector says of its size
-constexpr uint64_t PieceBytes = uint64_t{1} << 20U;
+constexpr uint64_t MftPieceBytes = uint64_t{1} << 20U;
 constexpr uint64_t WindowBytes = uint64_t{1} << 20U;
 constexpr uint64_t FarthestStep = 16;  // records; a scan leaves out some, and goes to extension records and back
 
@@ -60,7 +59,7 @@ int CDRVolume::ReadFirstMftRecord(CAutoMemory<char>& record) {
     std::memset(record.GetPtr(), 0, SmallestRecordBuffer);
     const auto start = static_cast<uint64_t>(m_VolumeData.MftStartLcn.QuadPart) * m_VolumeData.BytesPerCluster;
     for (uint64_t done = 0; done < RecordBytes();) {
-        const uint64_t piece = std::min(RecordBytes() - done, PieceBytes);
+        const uint64_t piece = std::min(RecordBytes() - done, MftPieceBytes);
         if (!GrowBuffer(record, std::max<uint64_t>(done + piece, SmallestRecordBuffer)))
             return NtfsOutOfMemory;
         NTFS_RETURN_IF_FAILED(ReadDisk(start + done, record.GetPtr() + done, static_cast<uint32_t>(piece)));

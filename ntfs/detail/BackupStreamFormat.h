@@ -21,6 +21,8 @@ constexpr uint32_t StreamContainsSecurity = 2;
 constexpr uint32_t StreamContainsProperties = 4;
 constexpr uint32_t StreamIsSparse = 8;
 
+constexpr uint32_t ObjectIdStreamBytes = 64;
+
 struct BackupStreamHead_t {
     Le32_t id;          //  0
     Le32_t attributes;  //  4

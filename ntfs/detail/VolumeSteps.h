@@ -11,6 +11,16 @@
 
 // What the readers of file records share.
 
+// Holds a record's head, whatever the size of records is said to be.
+constexpr uint32_t SmallestRecordBuffer = 64;
+
+// `record` is at least that large.
+inline NtfsFileRecord_t HeadOf(const char* record) {
+    NtfsFileRecord_t head{};
+    std::memcpy(&head, record, sizeof(head));
+    return head;
+}
+
 // Null for an empty block, as a resident attribute leaves it.
 inline DATARUN_EXTENTS* ExtentsOf(CAutoMemory<char>& block) {
     return reinterpret_cast<DATARUN_EXTENTS*>(block.GetPtr());
