@@ -43,7 +43,7 @@ x86: ## Run the core's tests as a 32-bit program
 
 windows: ## Cross-build the core and its tests for Windows
 	@$(PACKAGES) windows
-	cmake --preset windows
+	cmake --preset windows $(CONFIGURE)
 	cmake --build --preset windows -j $(JOBS)
 
 test-windows: windows ## Run the core's tests for Windows under Wine, where it can be installed
@@ -92,7 +92,7 @@ lint: ## Check includes, wording and what clang-tidy sees; LINT=quick without it
 	@$(PACKAGES) build test lint
 	.ci/check-includes
 	.ci/check-words
-	cmake --preset dev -B build/lint -DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON -DDISKSTREAM_UNITE=ON
+	cmake --preset dev -B build/lint -DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON -DDISKSTREAM_UNITE=ON -DDISKSTREAM_UNITE_TESTS=OFF
 	.ci/check-tidy build/lint $(JOBS) $(LINT)
 
 install: ## Install below PREFIX (/usr/local)

@@ -51,6 +51,32 @@ function(diskstream_discover_tests name timeout)
   endforeach()
 endfunction()
 
+# The sources of a test program as they are compiled. Where sources are united, ten tests are one source, made anew when one
+# of them changes; what helps them is compiled by itself.
+function(diskstream_test_sources result name)
+  if(NOT DISKSTREAM_UNITE_TESTS)
+    set(${result} ${ARGN} PARENT_SCOPE)
+    return()
+  endif()
+  set(united ${ARGN})
+  list(FILTER united EXCLUDE REGEX "_test\\.cpp$")
+  set(sources ${ARGN})
+  list(FILTER sources INCLUDE REGEX "_test\\.cpp$")
+  set(script "${PROJECT_SOURCE_DIR}/cmake/unite-tests.awk")
+  list(LENGTH sources count)
+  math(EXPR last "${count} - 1")
+  foreach(first RANGE 0 ${last} 10)
+    list(SUBLIST sources ${first} 10 batch)
+    list(TRANSFORM batch REPLACE "^([^/].*)$" "${CMAKE_CURRENT_SOURCE_DIR}/\\1")
+    set(file "${CMAKE_CURRENT_BINARY_DIR}/united/${name}-${first}.cpp")
+    add_custom_command(OUTPUT "${file}" COMMAND awk -f "${script}" ${batch} > "${file}" DEPENDS ${batch} "${script}"
+      COMMENT "Uniting ${file}" VERBATIM)
+    list(APPEND united "${file}")
+  endforeach()
+  file(MAKE_DIRECTORY "${CMAKE_CURRENT_BINARY_DIR}/united")
+  set(${result} ${united} PARENT_SCOPE)
+endfunction()
+
 # diskstream_add_tests(name TIMEOUT seconds [COMMAND_UNDER_TEST] LIBRARIES ... SOURCES ...)
 # Makes a test program, whose tests are ctest's under the program's name as their label. Nothing happens as
 # long as there are no sources. With COMMAND_UNDER_TEST the tests know where the built command lies.
@@ -59,8 +85,13 @@ function(diskstream_add_tests name)
   if(NOT ARG_SOURCES)
     return()
   endif()
-  add_executable(${name} ${ARG_SOURCES})
+  diskstream_test_sources(sources ${name} ${ARG_SOURCES})
+  add_executable(${name} ${sources})
   diskstream_own_target(${name})
+  if(DISKSTREAM_UNITE_TESTS)
+    # gcc takes the lines of another source for a header's, which shouldn't make classes of what is its own.
+    target_compile_options(${name} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-subobject-linkage>)
+  endif()
   target_compile_definitions(${name} PRIVATE ${DISKSTREAM_TEST_DEFINITIONS})
   target_link_libraries(${name} PRIVATE $<TARGET_NAME_IF_EXISTS:test_support> ${ARG_LIBRARIES}
     GTest::gmock_main GTest::gmock GTest::gtest)

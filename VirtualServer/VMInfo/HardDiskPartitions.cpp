@@ -16,7 +16,7 @@
 namespace {
 
 constexpr Condition_t NoBootRecord{ErrorType::LayerCondition, 6001, 1, "MBR signature does not match"};
-constexpr uint64_t Unknown = ~uint64_t{0};
+constexpr uint64_t UnknownLba = ~uint64_t{0};
 
 // Tables of other sizes come from disks that were made to fill the memory.
 constexpr size_t MostPartitions = TableCeilingBytes / sizeof(Partition_Entry_t);
@@ -54,8 +54,8 @@ Partition_Entry_t PrimaryEntry(const BootRecordSlot_t& slot) {
 Partition_Entry_t LogicalEntry(const BootRecordSlot_t& slot, uint64_t recordLBA) {
     Partition_Entry_t entry;
     entry.Type = slot.type;
-    entry.StartLBA = Unknown;
-    entry.EndLBA = Unknown;
+    entry.StartLBA = UnknownLba;
+    entry.EndLBA = UnknownLba;
     if (slot.type == PartitionType_NTFS || slot.type == PartitionType_Linux || slot.type == PartitionType_LinuxLvm) {
         entry.StartLBA = slot.firstLba + recordLBA;
         entry.EndLBA = entry.StartLBA + slot.sectorCount - 1;
@@ -292,7 +292,7 @@ CZuError CHardDiskReader::GetSingleVolume(std::vector<Partition_Entry_t>& partit
     ZU_RETURN_IF_ERROR(ReadHardDiskData(0, &sector, sizeof(sector)));
     Partition_Entry_t entry;
     entry.Type = IsNtfs(sector) ? PartitionType_NTFS : PartitionType_Empty;
-    entry.EndLBA = IsNtfs(sector) ? uint64_t{sector.totalSectors} : Unknown;
+    entry.EndLBA = IsNtfs(sector) ? uint64_t{sector.totalSectors} : UnknownLba;
     return Append(partitions, entry);
 }
 

@@ -39,7 +39,3 @@ std::vector<std::string> StorageDaemon(const std::string& image, const std::vect
 // Runs commands of qemu-io on a URI or an image.
 testing::AssertionResult RunsInQemuIo(const std::string& format, const std::string& target,
                                       const std::vector<std::string>& commands);
-
-#define SKIP_WITHOUT_PROGRAM(name) \
-    if (!HasProgram(name))         \
-    GTEST_SKIP() << name << " isn't installed"

@@ -39,6 +39,10 @@ inline bool HasProgram(const std::string& name) {
     return RunProgram("command -v " + name);
 }
 
+#define SKIP_WITHOUT_PROGRAM(name) \
+    if (!HasProgram(name))         \
+    GTEST_SKIP() << (name) << " isn't installed"
+
 // The first word that `command` prints.
 inline std::string FirstWordOf(const std::string& command) {
     std::string output;

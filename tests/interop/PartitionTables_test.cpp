@@ -121,10 +121,6 @@ protected:
     CTempDir m_Dir;
 };
 
-#define SKIP_WITHOUT_PROGRAM(name) \
-    if (!HasProgram(name))         \
-    GTEST_SKIP() << (name) << " isn't installed"
-
 TEST_F(PartitionTables, OfAnMbrAgreeWithSfdisk) {
     SKIP_WITHOUT_PROGRAM("sfdisk");
     const struct {
