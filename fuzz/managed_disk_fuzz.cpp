@@ -54,6 +54,9 @@ private:
 class CAnyServer final : public IVMInfo {
 public:
     explicit CAnyServer(CInput& input) : m_Sectors(input.Take<uint32_t>()), m_Input(input) {}
+    CAnyServer(const CAnyServer&) = delete;
+    CAnyServer& operator=(const CAnyServer&) = delete;
+    virtual ~CAnyServer() = default;
 
     int GetLastErrorCode() override { return m_Input.Take<uint16_t>(); }
     int SetCurrVmdkFile(const char* /*name1*/, const char* /*name2*/, const std::string& /*fileName*/,

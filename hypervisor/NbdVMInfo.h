@@ -30,7 +30,7 @@ public:
     explicit CNbdVMInfo(const NbdOptions_t& options = {});
     CNbdVMInfo(const CNbdVMInfo&) = delete;
     CNbdVMInfo& operator=(const CNbdVMInfo&) = delete;
-    ~CNbdVMInfo();
+    virtual ~CNbdVMInfo();
 
     // 303 for a write to an export that is read-only; else the system's error number, or 0 where there is none.
     int GetLastErrorCode() override;
