@@ -14,7 +14,6 @@ namespace {
 
 constexpr uint64_t LargestDescriptor = 1U << 20U;  // its own lengths have 16 bits
 constexpr size_t ObjectIdBytes = 16;
-constexpr size_t ObjectIdStreamBytes = 64;
 
 CZuError ReadSmallValue(CNtfsStream& stream, const std::string& where, std::string& value) {
     if (stream.Bytes() > LargestDescriptor)
@@ -96,7 +95,7 @@ CZuError CNtfsBackupStream::WriteAttribute(const NtfsAttribute_t& attribute) {
 CZuError CNtfsBackupStream::WriteObjectId(CNtfsStream& stream) {
     std::string id;
     ZU_RETURN_IF_ERROR(ReadSmallValue(stream, m_Where, id));
-    const size_t known = std::min(id.size(), ObjectIdStreamBytes);
+    const size_t known = std::min<size_t>(id.size(), ObjectIdStreamBytes);
     id.resize(ObjectIdStreamBytes, '\0');
     if (known == ObjectIdBytes) {
         std::string volumeId;
