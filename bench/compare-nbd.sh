@@ -24,7 +24,7 @@ cd "$dir"
 
 make_disk() {
     local third=$((mib / 3))
-    { head -c "${third}M" /dev/urandom; seq 1 999999999 | head -c "${third}M"; } >disk.raw
+    { head -c "${third}M" /dev/urandom; (seq 1 999999999 || true) | head -c "${third}M"; } >disk.raw
     truncate -s "${mib}M" disk.raw
     qemu-img convert -f raw -O qcow2 disk.raw disk.qcow2
     rm disk.raw
