@@ -43,6 +43,12 @@ uint64_t NumberIn(const char (&field)[16]) {
     return std::strtoull(std::string(field, sizeof(field)).c_str(), nullptr, 16);
 }
 
+CZuError ReadVolumeData(INtfsVolumeControl& control, NTFS_VOLUME_DATA_BUFFER& data) {
+    uint32_t got = 0;
+    ZU_RETURN_IF_ERROR(SystemFailure(control.ReadVolumeData(data, got)));
+    return SystemFailure(got < sizeof(data) || data.BytesPerSector == 0 ? BadVolumeReplyError() : 0);
+}
+
 }  // namespace
 
 CZuError CNTFSVolumeReader::OpenVolume(const char* name) {
@@ -63,7 +69,7 @@ CZuError CNTFSVolumeReader::OpenDevice(const char* name) {
     ZU_RETURN_IF_ERROR(m_VolumeFile.Open(name, OpenAsBinary | OpenNotInherited, 0));
     m_Control = NtfsVolumeControlOf(m_VolumeFile);
     ZU_RETURN_IF_ERROR(SystemFailure(m_Control->AllowExtendedAccess()));
-    ZU_RETURN_IF_ERROR(ReadVolumeData(data));
+    ZU_RETURN_IF_ERROR(ReadVolumeData(*m_Control, data));
     return ComputeGeometry(static_cast<uint64_t>(data.NumberSectors.QuadPart),
                            static_cast<uint64_t>(data.TotalClusters.QuadPart), data.BytesPerCluster,
                            data.BytesPerSector);
@@ -152,7 +158,7 @@ CZuError CNTFSVolumeReader::CreateOnDevice(const char* name, const CAutoMemory<c
         return Refusal(MetadataIsCorrupted);
     ZU_RETURN_IF_ERROR(m_VolumeFile.Open(name, OpenAsBinary | OpenNotInherited | OpenForBoth, 0));
     m_Control = NtfsVolumeControlOf(m_VolumeFile);
-    ZU_RETURN_IF_ERROR(ReadVolumeData(data));
+    ZU_RETURN_IF_ERROR(ReadVolumeData(*m_Control, data));
     ZU_RETURN_IF_ERROR(SystemFailure(m_Control->AllowExtendedAccess()));
 
     const uint64_t totalSectors = MetadataTotalSectors(metadata);
@@ -168,12 +174,6 @@ CZuError CNTFSVolumeReader::CreateOnDevice(const char* name, const CAutoMemory<c
         return Refusal(CZuString::Format("Block size {1} sectors does not match the computed block size {2} sectors",
                                          NumberIn(body.blockSectors), m_BlockSize));
     return SystemFailure(m_Control->Lock());
-}
-
-CZuError CNTFSVolumeReader::ReadVolumeData(NTFS_VOLUME_DATA_BUFFER& data) {
-    uint32_t got = 0;
-    ZU_RETURN_IF_ERROR(SystemFailure(m_Control->ReadVolumeData(data, got)));
-    return SystemFailure(got < sizeof(data) || data.BytesPerSector == 0 ? BadVolumeReplyError() : 0);
 }
 
 // `bytesPerSector` isn't 0.

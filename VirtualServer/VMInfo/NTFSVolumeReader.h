@@ -7,7 +7,6 @@
 #include "foundation/ZuError.h"
 #include "foundation/ZuFile.h"
 #include "platform/Export.h"
-#include "platform/NtfsVolumeRecord.h"
 
 class INtfsVolumeControl;
 
@@ -58,7 +57,6 @@ public:
 private:
     CZuError OpenDevice(const char* name);
     CZuError CreateOnDevice(const char* name, const CAutoMemory<char>& metadata);
-    CZuError ReadVolumeData(NTFS_VOLUME_DATA_BUFFER& data);
     CZuError ComputeGeometry(uint64_t totalSectors, uint64_t clusters, uint64_t bytesPerCluster,
                              uint64_t bytesPerSector);
     CZuError ReadHeldBlock(uint64_t block, char* buffer, uint32_t& sectors);

@@ -35,6 +35,10 @@ protected:
     CZuError BackUpVolume(const std::string& volume) {
         m_Options.image.type = DiskType_NTFSVolume;
         m_Options.force = true;
+        m_Options.progress = [this](const Progress_t& progress) {
+            m_Progress = progress;
+            return true;
+        };
         return BackUpDisk(volume, Set(), m_Options, m_Result);
     }
 
@@ -78,6 +82,7 @@ protected:
     CTempDir m_Sets;
     BackupOptions_t m_Options;
     BackupResult_t m_Result;
+    Progress_t m_Progress;  // as it was told last
 };
 
 TEST_F(NtfsVolumeSet, HoldsThePiecesInUseAndBringsThemBack) {
@@ -101,6 +106,8 @@ TEST_F(NtfsVolumeSet, HoldsThePiecesInUseAndBringsThemBack) {
         EXPECT_EQ(expected.size(), m_Result.blockCount);
         EXPECT_EQ(volume.VolumeBytes(), m_Result.diskBytes);
         EXPECT_TRUE(m_Result.warnings.empty());
+        EXPECT_EQ(m_Result.readBytes, m_Progress.doneBytes);
+        EXPECT_EQ(expected.size() * PieceBytes, m_Progress.totalBytes) << "the last one as if it were whole";
         ASSERT_OK(Verify(Set()));
         Differences_t differences;
         ASSERT_OK(VerifyAgainst(Set(), path, differences));

@@ -70,3 +70,22 @@ struct NtfsNonResidentForm_t {
 };
 static_assert(sizeof(NtfsNonResidentForm_t) == 48);
 constexpr uint32_t NonResidentFormOffset = 16;
+
+struct NtfsFileName_t {
+    Le64_t parent;          //  0  reference
+    Le64_t creation;        //  8  times in units of 100 ns since 1601
+    Le64_t modification;    // 16
+    Le64_t mftChange;       // 24
+    Le64_t access;          // 32
+    Le64_t allocatedBytes;  // 40
+    Le64_t dataBytes;       // 48
+    Le32_t attributes;      // 56
+    Le32_t reparseTag;      // 60
+    U8_t nameLength;        // 64  16-bit characters
+    U8_t nameKind;          // 65
+};
+static_assert(sizeof(NtfsFileName_t) == 66);
+
+constexpr uint8_t NameKindPosix = 0;
+constexpr uint8_t NameKindLong = 1;
+constexpr uint8_t NameKindShort = 2;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 
 #include "VirtualServer/VMInfo/UtilityFunctions.h"
 #include "VirtualServer/VMInfo/detail/NtfsRecordFormat.h"
@@ -41,6 +42,23 @@ void TakeLargeClusters(const NtfsBootSector_t& sector, uint32_t sectorsPerCluste
 
 CZuError RecordIsDamaged(const char* name) {
     return Refusal(CZuString::Format("the file record of {1} is damaged", name));
+}
+
+// True when the record has a name, and that isn't the bitmap's: what another file has in use says nothing of clusters.
+bool IsOfAnotherFile(CByteView record) {
+    constexpr char16_t name[] = u"$Bitmap";
+    const CByteView attribute = FindUnnamedAttribute(record, AttrFileName);
+    NtfsResidentForm_t form{};
+    NtfsFileName_t head{};
+    Le16_t character{};
+    if (attribute.Size() == 0)
+        return false;
+    if (!attribute.Get(ResidentFormOffset, form) || !attribute.Get(form.valueOffset, head))
+        return true;
+    bool isSame = head.nameLength == std::size(name) - 1;
+    for (uint64_t index = 0; isSame && index < head.nameLength; ++index)
+        isSame = attribute.Get(form.valueOffset + sizeof(head) + 2 * index, character) && character == name[index];
+    return !isSame;
 }
 
 }  // namespace
@@ -114,11 +132,27 @@ CZuError CNtfsVolumeOnDisk::FindBitmap() {
 }
 
 CZuError CNtfsVolumeOnDisk::ReadBitmapRecord(CAutoMemory<char>& record) {
+    ZU_RETURN_IF_ERROR(CheckMftPlace());
     std::vector<NtfsDataRun_t> mftRuns;
-    ZU_RETURN_IF_ERROR(ReadMftRuns(mftRuns));
+    const CZuError mftError = ReadMftRuns(mftRuns);
+    if (mftError.GetErrorType() == ErrorType::System)
+        return mftError;
+    if (mftError.IsErrorSet())
+        mftRuns = {FirstRecords()};
     const uint32_t recordBytes = m_Data.BytesPerFileRecordSegment;
     ZU_RETURN_IF_ERROR(ReadFromRuns(mftRuns, BitmapFrn * recordBytes, record.Alloc(recordBytes), recordBytes));
-    return CheckRecord(record, BitmapName);
+    CZuError error = CheckRecord(record, BitmapName);
+    if (!error.IsErrorSet() && IsOfAnotherFile(CByteView(record.GetPtr(), record.GetSize())))
+        error = RecordIsDamaged(BitmapName);
+    return error.IsErrorSet() && mftError.IsErrorSet() ? mftError : error;
+}
+
+// Where they are on every volume that was just made: a first record that is damaged doesn't hide the
+// others.
+NtfsDataRun_t CNtfsVolumeOnDisk::FirstRecords() const {
+    const uint64_t bytes = (BitmapFrn + 1) * m_Data.BytesPerFileRecordSegment;
+    return {0, DivideRoundingUp(bytes, m_Data.BytesPerCluster), static_cast<uint64_t>(m_Data.MftStartLcn.QuadPart),
+            false};
 }
 
 CZuError CNtfsVolumeOnDisk::ReadMftRuns(std::vector<NtfsDataRun_t>& runs) {
@@ -127,13 +161,19 @@ CZuError CNtfsVolumeOnDisk::ReadMftRuns(std::vector<NtfsDataRun_t>& runs) {
     return TakeRuns(FindUnnamedAttribute(CByteView(record.GetPtr(), record.GetSize()), AttrData), MftName, runs);
 }
 
-CZuError CNtfsVolumeOnDisk::ReadFirstRecord(CAutoMemory<char>& record) {
+CZuError CNtfsVolumeOnDisk::CheckMftPlace() const {
     const uint32_t recordBytes = m_Data.BytesPerFileRecordSegment;
     if (recordBytes < SmallestRecordBytes || recordBytes > LargestRecordBytes)
         return Refusal(CZuString::Format("its boot sector claims file records of {1} bytes", recordBytes));
-    const auto lcn = static_cast<uint64_t>(m_Data.MftStartLcn.QuadPart);
-    if (lcn >= ClusterCount())
+    if (static_cast<uint64_t>(m_Data.MftStartLcn.QuadPart) >= ClusterCount())
         return Refusal("its boot sector has the MFT behind the volume's end");
+    return CZuError();
+}
+
+// The place was checked.
+CZuError CNtfsVolumeOnDisk::ReadFirstRecord(CAutoMemory<char>& record) {
+    const uint32_t recordBytes = m_Data.BytesPerFileRecordSegment;
+    const auto lcn = static_cast<uint64_t>(m_Data.MftStartLcn.QuadPart);
     if (record.Alloc(recordBytes) == nullptr)
         return Refusal("Out Of memory");
     ZU_RETURN_IF_ERROR(ReadFileAt(m_Volume, lcn * m_Data.BytesPerCluster, 0, record.GetPtr(), recordBytes, nullptr));
@@ -223,5 +263,5 @@ CZuError CNtfsVolumeOnDisk::ReadFromRuns(const std::vector<NtfsDataRun_t>& runs,
         ZU_RETURN_IF_ERROR(ReadFileAt(m_Volume, place, 0, buffer + done, piece, nullptr));
         done += piece;
     }
-    return done == size ? CZuError() : Refusal("its MFT ends in front of the file record that tells of the clusters");
+    return done == size ? CZuError() : Refusal("its MFT ends in front of the file record that tells of its clusters");
 }

@@ -31,7 +31,9 @@ public:
 private:
     CZuError CheckGeometry() const;
     CZuError FindBitmap();
+    CZuError CheckMftPlace() const;
     CZuError ReadMftRuns(std::vector<NtfsDataRun_t>& runs);
+    NtfsDataRun_t FirstRecords() const;
     CZuError ReadFirstRecord(CAutoMemory<char>& record);
     CZuError ReadBitmapRecord(CAutoMemory<char>& record);
     CZuError CheckRecord(CAutoMemory<char>& record, const char* name) const;

@@ -109,7 +109,7 @@ TEST_F(NtfsVolumeOnDisk, FollowsTheRunsOfTheMft) {
     ASSERT_OK(Open(volume));
     EXPECT_SAME_BYTES(ExpectedBits(volume, 1000), BitsFrom(0));
     EXPECT_REFUSED(OpenAndRead(volume.MftRuns({{16, 13}})),
-                   "its MFT ends in front of the file record that tells of the clusters");
+                   "its MFT ends in front of the file record that tells of its clusters");
 }
 
 TEST_F(NtfsVolumeOnDisk, ReadsLargePiecesAtOnce) {
@@ -243,8 +243,20 @@ TEST_F(NtfsVolumeOnDisk, ADamagedRecordOfTheMftIsRefused) {
         {"runs of no clusters",
          CNtfsFileRecordBuilder().Add(DataIn({}, 8192).RunList(NtfsRunBytes(1, 0, 1, 16) + std::string(1, '\0')))},
     };
-    for (const auto& row : rows)
-        EXPECT_REFUSED(OpenAndRead(CNtfsBitmapVolume(1000).Record(0, row.record)), DamagedMft) << row.name;
+    for (const auto& row : rows) {
+        CNtfsBitmapVolume volume(1000);
+        volume.MftRuns({{16, 4}, {300, 12}}).Record(0, row.record);  // the others lie elsewhere
+        EXPECT_REFUSED(OpenAndRead(volume), DamagedMft) << row.name;
+    }
+}
+
+TEST_F(NtfsVolumeOnDisk, ADamagedFirstRecordDoesNotHideTheBitmapWhereTheFirstRecordsLieTogether) {
+    for (const uint32_t sectorsPerCluster : {1U, 4U, 64U}) {
+        CNtfsBitmapVolume volume(1000, sectorsPerCluster);
+        volume.Record(0, CNtfsFileRecordBuilder().Signature("BAAD")).Use(900);
+        ASSERT_OK(Open(volume));
+        EXPECT_SAME_BYTES(ExpectedBits(volume, 1000), BitsFrom(0)) << sectorsPerCluster;
+    }
 }
 
 TEST_F(NtfsVolumeOnDisk, ADamagedRecordOfTheBitmapIsRefused) {
@@ -273,6 +285,23 @@ TEST_F(NtfsVolumeOnDisk, ADamagedRecordOfTheBitmapIsRefused) {
     };
     for (const auto& row : rows)
         EXPECT_REFUSED(OpenAndRead(CNtfsBitmapVolume(1000).Record(6, row.record)), row.text) << row.name;
+}
+
+// What another file has in its clusters says nothing of clusters in use.
+TEST_F(NtfsVolumeOnDisk, ARecordWithANameIsTheBitmapsOrRefused) {
+    const auto named = [](const std::u16string& name) {
+        NtfsFileNameFields_t fields;
+        fields.name = name;
+        return CNtfsFileRecordBuilder()
+            .Add(CNtfsAttributeBuilder::Resident(NtfsFileNameType, NtfsFileNameValue(fields)))
+            .Add(DataIn({{CNtfsBitmapVolume::BitmapLcn, 1}}, 136));
+    };
+    CNtfsBitmapVolume volume(1000);
+    ASSERT_OK(OpenAndRead(volume.Record(6, named(u"$Bitmap"))));
+    EXPECT_SAME_BYTES(ExpectedBits(volume, 1000), BitsFrom(0));
+    for (const std::u16string& name : {std::u16string(u"$Boot"), std::u16string(u"$Bitmaq"), std::u16string(u"$Bitma"),
+                                       std::u16string(u"$Bitmap."), std::u16string()})
+        EXPECT_REFUSED(OpenAndRead(volume.Record(6, named(name))), DamagedBitmap);
 }
 
 TEST_F(NtfsVolumeOnDisk, AFileThatIsCutShortFailsWhereItEnds) {
