@@ -89,8 +89,8 @@ struct SetPart_t {
     int64_t id = 0;          // the writer's
 };
 
-// The numbers of a stream's blocks are a part, too, and those of the blocks that it has in the base: their names are these
-// and the stream's id.
+// The numbers of a stream's blocks are a part, too, and those of the blocks that it has in the base: their names are
+// these and the stream's id.
 constexpr char BlocksPartPrefix[] = "blocks-";
 constexpr char InheritedPartPrefix[] = "inherited-";
 inline bool IsListOfBlocks(const SetPart_t& part) {

@@ -16,9 +16,10 @@ using ReadPart_t = std::function<CZuError(char* buffer, uint32_t room, uint32_t&
 // Writes one backup set. It grows under a temporary name beside its place and gets its own name in
 // `Commit`, whole and on the medium; until then, whatever happens, nothing stands or changes there.
 //
-//   Create; BuildOn for a set with a base; AddDisk for each disk; for each stream: BeginStream, AddBlock for each of its blocks,
-//   EndStream; AddFile for each file; AddPart for each part; for each volume: AddVolume, AddEntry for
-//   each of its entries; Commit
+//   Create; BuildOn for a set with a base; AddDisk for each disk;
+//   for each stream: BeginStream, AddBlock for each of its blocks, EndStream;
+//   AddFile for each file; AddPart for each part;
+//   for each volume: AddVolume, AddEntry for each of its entries; Commit
 class DISKSTREAM_EXPORT CBackupSetWriter {
 public:
     CBackupSetWriter();

@@ -7,18 +7,12 @@
 #include "agent/detail/CatalogListing.h"
 #include "agent/detail/CatalogRecords.h"
 #include "agent/detail/NtfsNames.h"
+#include "agent/detail/OutOfMemory.h"
 #include "agent/detail/SetSchema.h"
 #include "foundation/ByteOrder.h"
 #include "foundation/ZuFile.h"
 #include "foundation/detail/ErrorHandling.h"
 #include "ntfs/detail/NtfsFormat.h"
-
-namespace {
-
-constexpr char OutOfMemory[] = "Out of memory";
-constexpr char Separators[] = "/\\";
-
-}  // namespace
 
 bool IsBackupSet(const std::string& path) {
     static constexpr char beginning[] = "SQLite format 3";
@@ -65,12 +59,7 @@ CZuError CCatalogVolume::FindEntry(const std::string& path, SetEntry_t& current)
         current.frn = RootFrn;
         current.isDirectory = true;
         std::string reached;
-        for (size_t at = 0; at < path.size();) {
-            const size_t end = std::min(path.find_first_of(Separators, at), path.size());
-            const std::string part = path.substr(at, end - at);
-            at = end + 1;
-            if (part.empty() || part == ".")
-                continue;
+        for (const std::string& part : NamesOfPath(path)) {
             const std::string parent = reached.empty() ? "/" : reached;
             if (!current.isDirectory)
                 return Refusal(m_Info->name + ": " + parent + " is no directory");

@@ -15,9 +15,9 @@ class CCatalogRecords;
 // True for a file that is a backup set, whatever its version.
 DISKSTREAM_EXPORT bool IsBackupSet(const std::string& path);
 
-// The files of a volume out of a backup set with a catalogue, without the disks. Names come from the directory tree in the
-// set; what their records tell, and their bytes, is read when it is asked for. The files that make the volume itself aren't
-// in the tree.
+// The files of a volume out of a backup set with a catalogue, without the disks. Names come from the directory tree in
+// the set; what their records tell, and their bytes, is read when it is asked for. The files that make the volume
+// itself aren't in the tree.
 class DISKSTREAM_EXPORT CCatalogVolume final : public INtfsFiles {
 public:
     CCatalogVolume();

@@ -5,6 +5,7 @@
 #include "agent/BackupSetReader.h"
 #include "agent/BackupSetWriter.h"
 #include "agent/Version.h"
+#include "agent/detail/OutOfMemory.h"
 #include "agent/detail/SetBlocks.h"
 #include "agent/detail/StagedFile.h"
 #include "foundation/detail/ErrorHandling.h"
@@ -114,7 +115,7 @@ private:
 
 CZuError ConsolidateSet(const std::string& set, const std::string& target, const ConsolidateOptions_t& options,
                         ConsolidateResult_t& result) {
-    return WithinMemory("Out of memory", [&] {
+    return WithinMemory(OutOfMemory, [&] {
         result = ConsolidateResult_t();
         return CConsolidation(options, result).Run(set, target);
     });

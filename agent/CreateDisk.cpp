@@ -4,6 +4,7 @@
 
 #include "VirtualServer/VMInfo/HardDiskReader.h"
 #include "agent/ErrorText.h"
+#include "agent/detail/OutOfMemory.h"
 #include "agent/detail/StagedFile.h"
 #include "foundation/detail/ErrorHandling.h"
 #include "foundation/detail/ScopeGuard.h"
@@ -76,7 +77,7 @@ private:
 
 CZuError CreateEmptyDisk(const std::string& target, uint64_t volumeSectors, ProductType_t product, bool replacing,
                          std::vector<std::string>& files) {
-    return WithinMemory("Out of memory", [&]() -> CZuError {
+    return WithinMemory(OutOfMemory, [&]() -> CZuError {
         files.clear();
         if (volumeSectors > MostSectors)
             return Refusal(CZuString::Format("{1}: a partition of {2} sectors is larger than its table can tell; {3}, "

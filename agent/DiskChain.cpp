@@ -9,11 +9,6 @@
 
 namespace {
 
-std::string DirectoryOf(const std::string& path) {
-    const std::string directory = std::filesystem::path(path).parent_path().string();
-    return directory.empty() ? "." : directory;
-}
-
 std::string WithSlashes(std::string name) {
     std::replace(name.begin(), name.end(), '\\', '/');
     return name;
@@ -69,7 +64,7 @@ private:
             names.push_back(std::filesystem::path(WithSlashes(name)).filename().string());
         CZuError refused;
         for (const std::string& name : names) {
-            CZuError error = ResolveExtentName(DirectoryOf(child.Path()), name, m_Options.allowOutside, path);
+            CZuError error = ResolveExtentName(DirectoryOf(child.Path()).string(), name, m_Options.allowOutside, path);
             if (!error.IsErrorSet() && Exists(path))
                 return CZuError();
             if (error.IsErrorSet())

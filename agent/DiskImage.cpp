@@ -7,6 +7,7 @@
 #include "VirtualServer/VMInfo/UtilityFunctions.h"
 #include "VirtualServer/VMInfo/VHDFormat.h"
 #include "VirtualServer/VMInfo/VmdkSparseFormat.h"
+#include "VirtualServer/VMInfo/detail/VmdkDescriptorText.h"
 #include "agent/ErrorText.h"
 #include "agent/WholeDisk.h"
 #include "agent/detail/NtfsUsedPieces.h"
@@ -21,8 +22,6 @@
 #include "platform/DriveSize.h"
 
 namespace {
-
-constexpr uint64_t LargestDescriptorBytes = 0x5000;
 
 enum class Content_t { SparseExtent, Descriptor, Vhd, Unknown };
 

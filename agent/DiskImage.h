@@ -49,8 +49,8 @@ struct ImageParent_t {
     std::string identity;            // what the older link has for its own
 };
 
-// A disk image on files, or a disk that a server exports: what kind it is, which files belong to it, and in which order the disk
-// runs through them. Opening looks at headers and descriptors alone.
+// A disk image on files, or a disk that a server exports: what kind it is, which files belong to it, and in which order
+// the disk runs through them. Opening looks at headers and descriptors alone.
 //
 // What the readers of the core would take for something else is refused here, by name: compressed
 // extents, flags that nobody knows, files shorter than what their disk needs. Descriptors may have

@@ -3,6 +3,7 @@
 #include "agent/ErrorText.h"
 #include "agent/ExtentStream.h"
 #include "agent/detail/NtfsUsedPieces.h"
+#include "agent/detail/OutOfMemory.h"
 #include "agent/detail/SparseRecord.h"
 #include "agent/detail/VhdFacts.h"
 #include "agent/detail/VhdRecord.h"
@@ -76,7 +77,7 @@ CZuError Describe(const std::string& name, const ImageOptions_t& options, ImageI
 }  // namespace
 
 CZuError DescribeImage(const std::string& image, const ImageOptions_t& options, ImageInfo_t& info) {
-    return WithinMemory("Out of memory", [&] {
+    return WithinMemory(OutOfMemory, [&] {
         info = ImageInfo_t();
         return Describe(image, options, info);
     });

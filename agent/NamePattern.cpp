@@ -19,8 +19,8 @@ std::u16string Folded(const std::string& text) {
 
 CNamePattern::CNamePattern(const std::string& pattern) : m_Pattern(Folded(pattern)) {}
 
-// Where the characters behind a star don't fit, it takes one more. Only the last star ever has to, so that no name takes
-// longer than its length times the pattern's.
+// Where the characters behind a star don't fit, it takes one more. Only the last star ever has to, so that no name
+// takes longer than its length times the pattern's.
 bool CNamePattern::Matches(const std::string& name) const {
     const std::u16string text = Folded(name);
     size_t at = 0;

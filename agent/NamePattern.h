@@ -4,8 +4,8 @@
 
 #include "platform/Export.h"
 
-// A pattern for names of files: `*` stands for any characters, `?` for one, everything else for itself, whatever its case.
-// Text is UTF-8.
+// A pattern for names of files: `*` stands for any characters, `?` for one, everything else for itself, whatever its
+// case. Text is UTF-8.
 class DISKSTREAM_EXPORT CNamePattern {
 public:
     explicit CNamePattern(const std::string& pattern);

@@ -7,6 +7,7 @@
 #include <filesystem>
 
 #include "agent/ErrorText.h"
+#include "agent/detail/OutOfMemory.h"
 #include "agent/detail/StagedDirectory.h"
 #include "agent/detail/StagedFile.h"
 #include "foundation/detail/ErrorHandling.h"
@@ -21,14 +22,14 @@ CZuError SystemRefusal(const std::string& where) {
 }
 
 // A file or directory that is written: where it lies as yet, and where people will find it.
-struct Place_t {
+struct CopyPlace_t {
     std::string name;
     std::string finalName;
 
-    Place_t Below(const std::string& path) const { return {name + "/" + path, finalName + "/" + path}; }
+    CopyPlace_t Below(const std::string& path) const { return {name + "/" + path, finalName + "/" + path}; }
 };
 
-void KeepTimes(const Place_t& place, const NtfsFileInfo_t& file, std::vector<std::string>& problems) {
+void KeepTimes(const CopyPlace_t& place, const NtfsFileInfo_t& file, std::vector<std::string>& problems) {
     const int error = SetFileTimes(place.name, file.creation, file.access, file.modification);
     if (error != 0)
         problems.push_back(DescribeError(ErrorAt(place.finalName + ": its times", SystemFailure(error))));
@@ -75,7 +76,7 @@ public:
     CCopier(INtfsFiles& volume, NtfsCopy_t& copy) : m_Volume(volume), m_Copy(copy) {}
 
     // A name that stands already is refused: a damaged directory may hold one twice.
-    CZuError CopyFile(const NtfsFileInfo_t& file, const Place_t& place) {
+    CZuError CopyFile(const NtfsFileInfo_t& file, const CopyPlace_t& place) {
         errno = 0;
         std::FILE* const output = std::fopen(place.name.c_str(), "wbx");
         if (output == nullptr)
@@ -101,12 +102,12 @@ public:
     }
 
     // Fills a directory. Times of directories are set last: each file in one changes them.
-    CZuError CopyTree(const NtfsFileInfo_t& directory, const Place_t& place) {
+    CZuError CopyTree(const NtfsFileInfo_t& directory, const CopyPlace_t& place) {
         NtfsListing_t listing;
         listing.isRecursive = true;
         listing.withMetadata = m_Copy.withMetadata;
         listing.withStreams = true;
-        std::vector<std::pair<Place_t, NtfsFileInfo_t>> directories = {{place, directory}};
+        std::vector<std::pair<CopyPlace_t, NtfsFileInfo_t>> directories = {{place, directory}};
         ZU_RETURN_IF_ERROR(m_Volume.List(directory.frn, listing, [&](const NtfsEntry_t& entry) {
             CopyEntry(entry, place.Below(entry.path), directories);
             return !IsEnded();
@@ -125,7 +126,7 @@ private:
     bool IsEnded() const { return m_IsCancelled || m_WriteFailure.IsErrorSet(); }
 
     // A target that can't be written to ends the whole copy: the next file would fare no better.
-    CZuError WriteFailure(const Place_t& place, int error) {
+    CZuError WriteFailure(const CopyPlace_t& place, int error) {
         m_WriteFailure = ErrorAt(place.finalName, SystemFailure(error != 0 ? error : EIO));
         return m_WriteFailure;
     }
@@ -139,8 +140,8 @@ private:
     }
 
     // What lies in a directory follows right behind it, so that its name may come again.
-    void CopyEntry(const NtfsEntry_t& entry, const Place_t& place,
-                   std::vector<std::pair<Place_t, NtfsFileInfo_t>>& directories) {
+    void CopyEntry(const NtfsEntry_t& entry, const CopyPlace_t& place,
+                   std::vector<std::pair<CopyPlace_t, NtfsFileInfo_t>>& directories) {
         if (!m_LeftOut.empty() && entry.path.compare(0, m_LeftOut.size(), m_LeftOut) == 0)
             return;
         m_LeftOut.clear();
@@ -209,7 +210,7 @@ std::string FinalTarget(const std::string& path, const std::string& target) {
 CZuError CopyOneFile(INtfsFiles& volume, const NtfsFileInfo_t& file, const std::string& target, NtfsCopy_t& copy) {
     CStagedFile staged;
     ZU_RETURN_IF_ERROR(staged.Begin(target, copy.isReplacing));
-    const Place_t place{staged.TemporaryName(), target};
+    const CopyPlace_t place{staged.TemporaryName(), target};
     ZU_RETURN_IF_ERROR(CCopier(volume, copy).CopyFile(file, place));
     KeepTimes(place, file, copy.problems);
     return staged.Commit();
@@ -226,7 +227,7 @@ CZuError CopyDirectory(INtfsFiles& volume, const NtfsFileInfo_t& directory, cons
 }  // namespace
 
 CZuError CopyFromNtfs(INtfsFiles& volume, const std::string& path, const std::string& target, NtfsCopy_t& copy) {
-    return WithinMemory("Out of memory", [&]() -> CZuError {
+    return WithinMemory(OutOfMemory, [&]() -> CZuError {
         uint64_t frn = 0;
         NtfsFileInfo_t file;
         ZU_RETURN_IF_ERROR(volume.Find(path, frn));

@@ -7,12 +7,11 @@
 #include "agent/detail/NtfsMappedVolume.h"
 #include "agent/detail/NtfsNames.h"
 #include "agent/detail/NtfsRecordFacts.h"
+#include "agent/detail/OutOfMemory.h"
 #include "foundation/detail/ErrorHandling.h"
 
 namespace {
 
-constexpr char OutOfMemory[] = "Out of memory";
-constexpr char Separators[] = "/\\";
 CZuError NoSuchFile(const std::string& volume, const std::string& path) {
     return Refusal(volume + ": there is no " + path + "; `diskstream ls` lists what there is");
 }
@@ -42,12 +41,7 @@ CZuError CNtfsVolume::Find(const std::string& path, uint64_t& frn) {
     return WithinMemory(OutOfMemory, [&]() -> CZuError {
         uint64_t current = RootFrn;
         std::string reached;
-        for (size_t at = 0; at < path.size();) {
-            const size_t end = std::min(path.find_first_of(Separators, at), path.size());
-            const std::string part = path.substr(at, end - at);
-            at = end + 1;
-            if (part.empty() || part == ".")
-                continue;
+        for (const std::string& part : NamesOfPath(path)) {
             const std::string parent = reached.empty() ? "/" : reached;
             reached += "/" + part;
             ZU_RETURN_IF_ERROR(FindInDirectory(current, parent, NtfsNameOfText(part), current));

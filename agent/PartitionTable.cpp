@@ -5,6 +5,7 @@
 
 #include "VirtualServer/VMInfo/PartitionTables.h"
 #include "agent/detail/FileSystems.h"
+#include "agent/detail/OutOfMemory.h"
 #include "agent/detail/PartitionReaders.h"
 #include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
@@ -78,7 +79,7 @@ CZuError AddPartition(const CWholeDisk& disk, const PartitionInfo_t& partition, 
 
 CZuError ReadPartitionTable(CWholeDisk& disk, PartitionTable_t& table) {
     table = PartitionTable_t();
-    return WithinMemory("Out of memory", [&]() -> CZuError {
+    return WithinMemory(OutOfMemory, [&]() -> CZuError {
         ZU_RETURN_IF_ERROR(ReadTables(disk, table));
         RecognizeFileSystems(disk, table);
         return CZuError();

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "agent/VolumeSet.h"
+#include "agent/detail/OutOfMemory.h"
 #include "agent/detail/Pieces.h"
 #include "foundation/AutoMemory.h"
 #include "foundation/detail/CheckedMath.h"
@@ -56,7 +57,7 @@ CZuError ReadAll(CVolumeSet& set, const VolumeInfo_t& volume, const ReadRange_t&
     ZU_RETURN_IF_ERROR(CheckRange(volume, range, progress.totalBytes));
     CAutoMemory<char> buffer;
     if (buffer.Alloc(PieceBytes) == nullptr)
-        return Refusal("Out of memory");
+        return Refusal(OutOfMemory);
     while (progress.doneBytes < progress.totalBytes) {
         const uint64_t offset = range.offset + progress.doneBytes;
         // Pieces end at multiples of their size, where those of most layouts do too.
@@ -76,7 +77,7 @@ CZuError ReadAll(CVolumeSet& set, const VolumeInfo_t& volume, const ReadRange_t&
 
 CZuError ReadDiskRange(const std::vector<std::string>& disks, const ImageOptions_t& options, const ReadRange_t& range,
                        const TakeBytes_t& take) {
-    return WithinMemory("Out of memory", [&]() -> CZuError {
+    return WithinMemory(OutOfMemory, [&]() -> CZuError {
         CVolumeSet set;
         VolumeInfo_t volume;
         ZU_RETURN_IF_ERROR(set.Open(disks, options));

@@ -7,6 +7,7 @@
 #include "agent/ExtentStream.h"
 #include "agent/detail/BlockRuns.h"
 #include "agent/detail/ChooseDisk.h"
+#include "agent/detail/OutOfMemory.h"
 #include "agent/detail/SetBlocks.h"
 #include "agent/detail/SetLists.h"
 #include "agent/detail/VhdRecord.h"
@@ -243,7 +244,7 @@ private:
 }  // namespace
 
 CZuError VerifySet(const std::string& set, const VerifyOptions_t& options, VerifyResult_t& result) {
-    return WithinMemory("Out of memory", [&] {
+    return WithinMemory(OutOfMemory, [&] {
         result = VerifyResult_t();
         return CVerifyRun(options, result).Run(set);
     });

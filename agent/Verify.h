@@ -25,8 +25,8 @@ struct VerifyResult_t {
     std::vector<std::string> differences;  // the first of them
 };
 
-// Proves every byte of the backup set `set`, and of the sets on which it builds those that it has from them, and that the image holds the same as a disk of it where
-// one is given.
-// Differences are a result and no error: the set itself is sound.
+// Proves every byte of the backup set `set`, and of the sets on which it builds those that it has from them, and that
+// the image holds the same as a disk of it where one is given. Differences are a result and no error: the set itself is
+// sound.
 [[nodiscard]] DISKSTREAM_EXPORT CZuError VerifySet(const std::string& set, const VerifyOptions_t& options,
                                                    VerifyResult_t& result);

@@ -22,14 +22,14 @@ uint64_t SegmentSectors(const LVM_Volume_t& volume, const LVM_Segment_t& segment
     return sectors;
 }
 
-struct Place_t {
+struct SegmentPlace_t {
     size_t column = 0;         // of the component
     uint64_t inComponent = 0;  // bytes
     uint64_t bytes = 0;        // that lie there together
 };
 
 // `offset` counts from the segment's start.
-bool FindInSpan(const LVM_Segment_t& segment, uint64_t offset, Place_t& place) {
+bool FindInSpan(const LVM_Segment_t& segment, uint64_t offset, SegmentPlace_t& place) {
     uint64_t start = 0;
     for (size_t index = 0; index < segment.Components.size(); ++index) {
         const uint64_t spanBytes = SpanSectors(segment.Components[index]) << SectorShift;
@@ -42,7 +42,7 @@ bool FindInSpan(const LVM_Segment_t& segment, uint64_t offset, Place_t& place) {
     return false;
 }
 
-bool FindInStripes(bool isRaid5, const LVM_Segment_t& segment, uint64_t offset, Place_t& place) {
+bool FindInStripes(bool isRaid5, const LVM_Segment_t& segment, uint64_t offset, SegmentPlace_t& place) {
     const uint64_t columns = segment.Components.size();
     const uint64_t dataColumns = isRaid5 ? columns - 1 : columns;
     uint64_t stripeBytes = 0;
@@ -89,7 +89,7 @@ bool FindVolumePiece(const LVM_Volume_t& volume, uint64_t offset, uint64_t mostB
     const uint64_t segmentBytes = SegmentSectors(volume, *segment) << SectorShift;
     if (inSegment >= segmentBytes)
         return false;
-    Place_t place;
+    SegmentPlace_t place;
     const bool isRaid5 = volume.IsRaid5 != 0;
     const bool isFound = isRaid5 || segment->StripeSize != 0 ? FindInStripes(isRaid5, *segment, inSegment, place)
                                                              : FindInSpan(*segment, inSegment, place);

@@ -13,12 +13,11 @@
 
 namespace {
 
-constexpr char NtfsName[] = "ntfs";
-
 // Which volumes the core sees: of an MBR by the type, whatever lies there.
 bool IsNamedByCore(PartitionScheme_t scheme, const PartitionInfo_t& partition) {
-    return scheme == PartitionScheme_t::Mbr ? partition.typeId == PartitionType_NTFS
-                                            : partition.fileSystem == NtfsName && partition.typeName == "Basic data";
+    return scheme == PartitionScheme_t::Mbr
+               ? partition.typeId == PartitionType_NTFS
+               : partition.fileSystem == NtfsFileSystem && partition.typeName == "Basic data";
 }
 
 // The partitions in which a dynamic disk keeps its volumes and its database.
@@ -179,7 +178,7 @@ void CVolumeSet::AddWholeDisk(uint32_t diskIndex) {
         return;
     VolumeInfo_t volume = WholeDiskVolume(*m_Disks[diskIndex], diskIndex);
     volume.fileSystem = table.fileSystem;
-    AddPlainVolume(std::move(volume), diskIndex, table.fileSystem == NtfsName);
+    AddPlainVolume(std::move(volume), diskIndex, table.fileSystem == NtfsFileSystem);
 }
 
 void CVolumeSet::AddPartition(uint32_t diskIndex, const PartitionInfo_t& partition) {

@@ -20,8 +20,8 @@ struct MFTTreeEntry_t {
 };
 static_assert(sizeof(MFTTreeEntry_t) == 1088 && offsetof(MFTTreeEntry_t, name) == 41);
 
-// Hands the files of a volume to the library that keeps directory trees, which is loaded when it is needed: who makes no
-// trees does without it. See docs/treestore.md for the calls that the library has to offer.
+// Hands the files of a volume to the library that keeps directory trees, which is loaded when it is needed: who makes
+// no trees does without it. See docs/treestore.md for the calls that the library has to offer.
 //
 // `Init`, `Open`, `Add` for each file, `Close`. One table at a time, one thread.
 class DISKSTREAM_EXPORT CCreateMFTTree {

@@ -23,17 +23,17 @@ struct MA_BACKUPREAD_CONTEXT {
     CAutoMemory<char> header;  // with the stream's name behind it
     uint32_t needLoad = 1;     // 1: the next stream has to be loaded
     uint64_t position = 0;     // bytes delivered of header and data
-    // Of an attribute: the last one that `BackupReadRA` gave, the next one that `BackupReadNRA` looks for. It may be one
-    // beyond what a record can hold.
+    // Of an attribute: the last one that `BackupReadRA` gave, the next one that `BackupReadNRA` looks for. It may be
+    // one beyond what a record can hold.
     uint32_t instance = 0;
 };
 
 // The files of an NTFS volume without its disk, from what a backup collected: the files that
 // `CDRVolume::DumpMetadataInformation` leaves (docs/formats/ntfs-metadata.md) and a raw copy of the MFT.
 //
-// What the metadata holds of a file comes as bytes (`BackupReadRA`), what lies elsewhere on the volume as a description of
-// where its clusters were (`BackupReadNRA`). Results are 0, those of ntfs/NtfsResults.h, or the system's error numbers,
-// which are positive. Each failure leaves a text; success clears it. Not for use by two threads at once.
+// What the metadata holds of a file comes as bytes (`BackupReadRA`), what lies elsewhere on the volume as a description
+// of where its clusters were (`BackupReadNRA`). Results are 0, those of ntfs/NtfsResults.h, or the system's error
+// numbers, which are positive. Each failure leaves a text; success clears it. Not for use by two threads at once.
 class DISKSTREAM_EXPORT CMAVolume {
 public:
     CMAVolume() = default;
@@ -50,8 +50,8 @@ public:
     // The directory structure file, which needs no open volume.
     int OpenDirFile(const char* path);
     int CloseDirFile();
-    // The next record of it, as it stands. `name` has room for `MostDirFileNameBytes`, and gets no terminator. NtfsEndOfRun,
-    // without a text, behind the last one.
+    // The next record of it, as it stands. `name` has room for `MostDirFileNameBytes`, and gets no terminator.
+    // NtfsEndOfRun, without a text, behind the last one.
     int ReadDirFileRecord(unsigned char* kind, uint64_t* a, uint64_t* b, uint64_t* c, unsigned int* d, char* name);
 
     // Of the last operation; empty after a success. Valid until the next one.
@@ -62,7 +62,8 @@ public:
     int OpenFile(uint64_t frn, CAutoMemory<char>* record, int withSecurity, MA_BACKUPREAD_CONTEXT* ctx);
     int CloseFile(CAutoMemory<char>* record, MA_BACKUPREAD_CONTEXT* ctx);
 
-    // 16-bit characters without an end; `kind` is 1 long, 2 short, 0 POSIX. NtfsIndexNotFound when there is no such name.
+    // 16-bit characters without an end; `kind` is 1 long, 2 short, 0 POSIX. NtfsIndexNotFound when there is no such
+    // name.
     int GetFileName(CAutoMemory<char>* record, CAutoMemory<char>* name, uint32_t kind);
     // Of Windows, 0x10 for a directory included.
     int GetFileAttribute(CAutoMemory<char>* record, uint32_t* attributes);
@@ -77,14 +78,14 @@ public:
     //
     // A file that was opened gives what its record holds of a closed volume too.
     //
-    // Callers rely on a reparse point's going out under id 8 from here, on half of the name of a reparse point or an EA,
-    // and on the attribute of instance 0 being left out.
+    // Callers rely on a reparse point's going out under id 8 from here, on half of the name of a reparse point or an
+    // EA, and on the attribute of instance 0 being left out.
     int BackupReadRA(CAutoMemory<char>* record, char* buffer, uint32_t size, uint32_t* read,
                      MA_BACKUPREAD_CONTEXT* ctx);
 
-    // Describes the next attribute that isn't resident: its name in 16-bit characters, its sizes in bytes, its extents as
-    // `DATARUN_EXTENTS`. NtfsEndOfRun, without a text, behind the last one, and at one that takes no room on the disk.
-    // Callers rely on later segments being joined for an attribute without a name only.
+    // Describes the next attribute that isn't resident: its name in 16-bit characters, its sizes in bytes, its extents
+    // as `DATARUN_EXTENTS`. NtfsEndOfRun, without a text, behind the last one, and at one that takes no room on the
+    // disk. Callers rely on later segments being joined for an attribute without a name only.
     int BackupReadNRA(CAutoMemory<char>* record, CAutoMemory<char>* name, uint64_t* size, uint64_t* sizeOnDisk,
                       uint32_t* type, uint16_t* compressionUnit, CAutoMemory<char>* extents,
                       MA_BACKUPREAD_CONTEXT* ctx);

@@ -51,8 +51,8 @@ int CopyHalfName(const ATTR_RECORD_HEADER_t* attribute, CAutoMemory<char>& name)
     return NtfsOk;
 }
 
-// The first part of an attribute that lies outside of the record, of the lowest instance from `instance` on; the last one
-// of those of the same instance.
+// The first part of an attribute that lies outside of the record, of the lowest instance from `instance` on; the last
+// one of those of the same instance.
 ATTR_RECORD_HEADER_t* FindNonResident(char* record, uint32_t instance) {
     ATTR_RECORD_HEADER_t* found = nullptr;
     for (ATTR_RECORD_HEADER_t* each = CDRFileRecord::GetFirstAttr(record); each != nullptr;
@@ -139,7 +139,8 @@ int CMAVolume::ReadSecurityData(uint32_t bytes, CAutoMemory<char>* data) {
     return NtfsOk;
 }
 
-// Callers rely on this form, which isn't the one that a live volume gives: the id at the end, the volume's own in front.
+// Callers rely on this form, which isn't the one that a live volume gives: the id at the end, the volume's own in
+// front.
 int CMAVolume::ReadObjectIdStream(CAutoMemory<char>* record, CAutoMemory<char>* data) {
     data->Alloc(0);
     const ATTR_RECORD_HEADER_t* const attribute = CDRFileRecord::FindFirstAttr(record->GetPtr(), AttrObjectId);

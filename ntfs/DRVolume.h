@@ -102,9 +102,9 @@ public:
 
     // Collects what lets a later machine, without the disk, list the volume's files and restore them: a file of the
     // volume's facts, a directory tree, a file of which records extend which, and one of all security descriptors. The
-    // tree's root gets `rootName`; `value` is kept for the caller. Files that are there are written over; after a failure
-    // the caller discards what was written. NtfsQuit when the quit callback asked for the stop: there is no security file
-    // then. Besides the results of ntfs/NtfsResults.h the system's error numbers, which are positive.
+    // tree's root gets `rootName`; `value` is kept for the caller. Files that are there are written over; after a
+    // failure the caller discards what was written. NtfsQuit when the quit callback asked for the stop: there is no
+    // security file then. Besides the results of ntfs/NtfsResults.h the system's error numbers, which are positive.
     int DumpMetadataInformation(char* rootName, char* volumeInfoPath, char* treeTablePath, char* associatePath,
                                 char* securityPath, uint32_t value);
 

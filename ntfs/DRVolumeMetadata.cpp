@@ -15,9 +15,6 @@
 
 namespace {
 
-constexpr uint64_t FirstSystemFrn = 6;  // the files from here to the first of the users make the volume itself
-constexpr uint64_t FirstUserFrn = 16;
-
 // An open file of the C library. Its operations answer 0 or the system's error number.
 class CMetadataFile {
 public:

@@ -4,8 +4,8 @@
 
 #include "platform/Export.h"
 
-// Upper and lower case of 16-bit characters as NTFS sees them: by the table that Windows writes into each volume that it
-// formats, and so the same on every machine and in every language. Each half of a surrogate pair stands for itself.
+// Upper and lower case of 16-bit characters as NTFS sees them: by the table that Windows writes into each volume that
+// it formats, and so the same on every machine and in every language. Each half of a surrogate pair stands for itself.
 
 // The character's upper case; the character itself where it has none.
 DISKSTREAM_EXPORT char16_t FoldCase(char16_t character);

@@ -19,8 +19,8 @@ enum OpenFlag_t : int {
 };
 
 // The files of the machine. Names are 8-bit text (UTF-8), and a backslash in them separates
-// folders on every system; for those of whole drives see `platform/DriveName.h`. Only regular files and block devices open: anything else could block
-// the caller or never end.
+// folders on every system; for those of whole drives see `platform/DriveName.h`. Only regular files and block devices
+// open: anything else could block the caller or never end.
 //
 // Every operation answers 0 or the system's own error number, and retries interrupted calls.
 class DISKSTREAM_EXPORT IFiles {

@@ -20,6 +20,6 @@ struct SecurityDescriptorParts_t {
     SecurityDescriptorPart_t dacl;
 };
 
-// Finds the parts of a self-relative descriptor of `size` bytes. Answers 0, or the system's number for a descriptor that
-// isn't valid when a part leaves it; `parts` stays as it was then. Parts may overlap and stand in any order.
+// Finds the parts of a self-relative descriptor of `size` bytes. Answers 0, or the system's number for a descriptor
+// that isn't valid when a part leaves it; `parts` stays as it was then. Parts may overlap and stand in any order.
 DISKSTREAM_EXPORT int SplitSecurityDescriptor(const char* descriptor, uint32_t size, SecurityDescriptorParts_t& parts);

@@ -9,8 +9,8 @@
 #include "tool/Commands.h"
 #include "tool/Output.h"
 
-// What the commands for the files of a volume have in common: `DISK... --volume NAME` or `SET`, which may do without the
-// volume's name, and what they take behind it.
+// What the commands for the files of a volume have in common: `DISK... --volume NAME` or `SET`, which may do without
+// the volume's name, and what they take behind it.
 
 struct FileArguments_t {
     std::vector<std::string> words;  // disks or a set, and the rest behind them

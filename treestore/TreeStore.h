@@ -2,9 +2,9 @@
 
 #include <stdint.h>
 
-// The directory tree library: keeps the files of one volume in a table, here an SQLite database. It is loaded at run time
-// by who makes such tables, so that another library with the same three calls can take its place. Plain C, so that it
-// can be written in anything. See docs/treestore.md.
+// The directory tree library: keeps the files of one volume in a table, here an SQLite database. It is loaded at run
+// time by who makes such tables, so that another library with the same three calls can take its place. Plain C, so that
+// it can be written in anything. See docs/treestore.md.
 
 #ifdef __cplusplus
 extern "C" {

@@ -222,8 +222,8 @@ CZuError CArchiveVirtualDiskFile::WriteBlock(CAutoMemory<char>& data, uint64_t b
     return CZuError();
 }
 
-// Callers rely on the size of a Xen image staying that of its record: what is set here goes to the reader of drives, which
-// has nothing open then.
+// Callers rely on the size of a Xen image staying that of its record: what is set here goes to the reader of drives,
+// which has nothing open then.
 CZuError CArchiveVirtualDiskFile::SetDiskSize(uint64_t size) {
     if (m_DiskType == NoDiskType)
         return Refusal(NoFileIsOpen);

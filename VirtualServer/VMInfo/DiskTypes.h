@@ -62,8 +62,8 @@ struct DiskGeometry_t {
     uint32_t sectors;
 };
 
-// A stretch of a disk behind a hypervisor, in sectors. Callers rely on the end counting as inside: a stretch takes in one
-// sector more than its length has, which keeps a last sector that it holds in part.
+// A stretch of a disk behind a hypervisor, in sectors. Callers rely on the end counting as inside: a stretch takes in
+// one sector more than its length has, which keeps a last sector that it holds in part.
 struct ExtentTableEntry_t {
     uint64_t firstSector;
     uint64_t endSector;

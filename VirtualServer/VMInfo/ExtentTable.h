@@ -17,7 +17,8 @@ public:
     // The sector from `sector` on, itself included, that is the first in the table; `NoSector` for none.
     uint64_t FindSector(uint64_t sector);
 
-    // How many sectors from `sector` on, at least 1 and at most `mostSectors`, are in the table, or out of it, as it is.
+    // How many sectors from `sector` on, at least 1 and at most `mostSectors`, are in the table, or out of it, as it
+    // is.
     uint64_t CountAlike(uint64_t sector, uint64_t mostSectors, bool& isInside);
 
     static constexpr uint64_t NoSector = ~uint64_t{0};

@@ -32,12 +32,12 @@ struct VmdkFileExtents_t {
     std::vector<VmdkFileStretch_t> stretches;
 };
 
-// A server of virtual disks: what the readers of disks behind a hypervisor ask. Classes that implement it lie outside of
-// the core. Names and texts are in UTF-8, sectors have 512 bytes, and `handle` is what `SetCurrVmdkFile` or
+// A server of virtual disks: what the readers of disks behind a hypervisor ask. Classes that implement it lie outside
+// of the core. Names and texts are in UTF-8, sectors have 512 bytes, and `handle` is what `SetCurrVmdkFile` or
 // `CreateVmdkFile` filled.
 //
-// Each operation returns 0 for failure, but `GetLastErrorCode`, which returns the error itself, and the three at the end,
-// which return 0 for success. The order of the operations is part of the contract.
+// Each operation returns 0 for failure, but `GetLastErrorCode`, which returns the error itself, and the three at the
+// end, which return 0 for success. The order of the operations is part of the contract.
 class IVMInfo {
 public:
     // The error of the operation that failed last.

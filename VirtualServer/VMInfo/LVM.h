@@ -118,8 +118,8 @@ public:
     static CZuError ReadVolumeInfoFromDump(const char* path, std::vector<LVM_Volume_t>& volumes,
                                            SparseInfo_t* sparseInfo);
 
-    // Appends to `runs` where the bytes of a volume lie in the backup blocks of its disks, from a dump alone. Bytes that
-    // no file of a disk holds are a failure, where a read of the disk gives zeros. `runs` keeps what came before a
+    // Appends to `runs` where the bytes of a volume lie in the backup blocks of its disks, from a dump alone. Bytes
+    // that no file of a disk holds are a failure, where a read of the disk gives zeros. `runs` keeps what came before a
     // failure. Whether all disks were found isn't looked at.
     static CZuError ConvertVolumeOffsetToDiskExtents(uint64_t offset, uint64_t length, const LVM_Volume_t& volume,
                                                      const SparseInfo_t& sparseInfo,

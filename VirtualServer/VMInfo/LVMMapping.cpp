@@ -163,8 +163,8 @@ CZuError FindRun(const std::vector<std::vector<ExtentSparseInfo_t>>& links, uint
     return CZuError();
 }
 
-// Makes room for the runs of the `leftBytes` to come, by what those of the `doneBytes` so far, from `first` on, were like:
-// a list that only doubles is copied over and over.
+// Makes room for the runs of the `leftBytes` to come, by what those of the `doneBytes` so far, from `first` on, were
+// like: a list that only doubles is copied over and over.
 void MakeRoom(std::vector<LVM_Disk_Offset_Len_t>& runs, size_t first, uint64_t doneBytes, uint64_t leftBytes) {
     constexpr uint64_t fewestRuns = 1024;
     constexpr uint64_t mostAhead = uint64_t{1} << 20U;

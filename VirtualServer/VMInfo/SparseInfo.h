@@ -10,8 +10,8 @@
 // holds. docs/formats/volume-dump.md describes the dump.
 //
 // An extent is cut into grains, and a number of grains make a bucket with a bitmap of its own. The top bitmap has a bit
-// for each bucket; a bucket whose bit is clear holds nothing and has no bitmap. In all bitmaps the high bit of each byte
-// comes first.
+// for each bucket; a bucket whose bit is clear holds nothing and has no bitmap. In all bitmaps the high bit of each
+// byte comes first.
 struct ExtentSparseInfo_t {
     CZuString ExtentName;           // by which the archive knows it
     uint64_t ExtentStartLBA = 0;    // sectors of the disk

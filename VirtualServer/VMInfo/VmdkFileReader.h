@@ -44,8 +44,8 @@ struct VmdkDescriptorFile_t {
 class DISKSTREAM_EXPORT CVmdkFileReader {
 public:
     // Opens the sparse file `name` (types 1 and 2), or the descriptor `name` with all its extents
-    // (types 3, 5 and 6), or the hypervisor's disk `name` (type 18). Anything else is "Not a supported disk type". After a failure nothing is
-    // open.
+    // (types 3, 5 and 6), or the hypervisor's disk `name` (type 18). Anything else is "Not a supported disk type".
+    // After a failure nothing is open.
     CZuError OpenDisk(const char* name, DiskType_t type);
 
     CZuError CloseDisk();

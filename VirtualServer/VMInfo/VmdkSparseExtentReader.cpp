@@ -37,8 +37,8 @@ uint64_t FirstSetEntry(const GrainTableRef_t& table, uint64_t first, uint64_t co
         std::find_if(entries + first, entries + count, [](uint32_t entry) { return entry != 0; }) - entries);
 }
 
-// A bitmap of `count` bits, the high bit of each byte first; `isSet(index)` tells each of the first `known`, and the others
-// are clear.
+// A bitmap of `count` bits, the high bit of each byte first; `isSet(index)` tells each of the first `known`, and the
+// others are clear.
 template <typename IsSet>
 CZuError WriteBitmap(CZuFile& out, uint64_t count, uint64_t known, CAutoMemory<char>& bitmap, IsSet isSet) {
     const auto sizeBytes = static_cast<uint32_t>(DivideRoundingUp(count, 8));

@@ -11,8 +11,8 @@
 
 namespace {
 
-// A dump has bits for every sector or grain of its disks. One of many takes longer to read than the files that are asked
-// for, and the layout leads to the same bytes.
+// A dump has bits for every sector or grain of its disks. One of many takes longer to read than the files that are
+// asked for, and the layout leads to the same bytes.
 constexpr uint64_t LargestDump = uint64_t{4} << 20U;
 
 }  // namespace

@@ -12,8 +12,8 @@
 #include "agent/detail/VolumeReader.h"
 #include "foundation/ZuError.h"
 
-// The bytes of a volume out of the blocks of a backup set. Where the volume dump in the set leads to the same bytes as the
-// layout that is kept beside it, the dump tells which blocks they are in; the layout tells it for every volume, for
+// The bytes of a volume out of the blocks of a backup set. Where the volume dump in the set leads to the same bytes as
+// the layout that is kept beside it, the dump tells which blocks they are in; the layout tells it for every volume, for
 // missing disks, and for bytes that no image held, which are zeros.
 class CCatalogClusters {
 public:

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
+#include "agent/detail/OutOfMemory.h"
 #include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
 
@@ -115,7 +116,7 @@ std::string CatalogFactsText(const CatalogFacts_t& facts) {
 }
 
 CZuError ReadCatalogFacts(const std::string& text, uint32_t diskCount, CatalogFacts_t& facts) {
-    return WithinMemory("Out of memory", [&]() -> CZuError {
+    return WithinMemory(OutOfMemory, [&]() -> CZuError {
         constexpr int mostDepth = 16;
         try {
             const auto tooDeep = [](int depth, Json_t::parse_event_t /*event*/, Json_t& /*parsed*/) {

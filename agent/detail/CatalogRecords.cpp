@@ -7,6 +7,7 @@
 #include "agent/detail/CatalogParts.h"
 #include "agent/detail/NtfsNames.h"
 #include "agent/detail/NtfsStream.h"
+#include "agent/detail/OutOfMemory.h"
 #include "agent/detail/PartFile.h"
 #include "foundation/detail/ByteView.h"
 #include "foundation/detail/CheckedMath.h"
@@ -177,7 +178,7 @@ CZuError CCatalogRecords::ReadSharedDescriptor(uint64_t frn, CAutoMemory<char>& 
         MA_BACKUPREAD_CONTEXT context;  // from the descriptor on
         uint32_t read = 0;
         if (buffer.Alloc(static_cast<uint32_t>(room)) == nullptr)
-            return Refusal("Out of memory");
+            return Refusal(OutOfMemory);
         const int result = m_Collection.BackupReadRA(&record, buffer.GetPtr(), buffer.GetSize(), &read, &context);
         if (result == NtfsIndexNotFound)
             return CZuError();  // the volume has none for this id
@@ -193,7 +194,7 @@ CZuError CCatalogRecords::ReadSharedDescriptor(uint64_t frn, CAutoMemory<char>& 
         if (!TakeStream(rest, head, name, data) || head.id != StreamIdSecurity || data.Size() == 0)
             return CZuError();
         if (descriptor.Alloc(static_cast<uint32_t>(data.Size())) == nullptr)
-            return Refusal("Out of memory");
+            return Refusal(OutOfMemory);
         std::memcpy(descriptor.GetPtr(), data.Data(), static_cast<size_t>(data.Size()));
         return CZuError();
     }

@@ -10,8 +10,8 @@
 #include "agent/detail/PrivateDirectoryGuard.h"
 #include "archive/MAVolume.h"
 
-// The core's reader of a metadata collection over the parts of a backup set. Its small files are put into a directory of
-// this process; of the copy of the MFT, which may be large, only the pieces that are asked for are read.
+// The core's reader of a metadata collection over the parts of a backup set. Its small files are put into a directory
+// of this process; of the copy of the MFT, which may be large, only the pieces that are asked for are read.
 class CCatalogCollection final : public CMAVolume {
 public:
     CZuError Open(CBackupSetReader& set, int64_t volume);

@@ -18,9 +18,6 @@
 
 namespace {
 
-constexpr uint64_t FirstSystemFrn = 6;  // the files from here to the first of the users make the volume itself
-constexpr uint64_t FirstUserFrn = 16;
-constexpr unsigned ReuseCountShift = 48;
 constexpr size_t MostProblems = 100;
 
 uint64_t KnownTime(uint64_t time) {

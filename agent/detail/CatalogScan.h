@@ -27,8 +27,8 @@ struct CatalogFile_t {
     SetEntry_t EntryWith(uint64_t parent, std::string name, bool isFurtherName) const;
 };
 
-// One pass over the file records of a volume, in their order, for what a catalogue has beyond the core's collection: every
-// name of each file, as it is to the letter, and what the records tell of the files.
+// One pass over the file records of a volume, in their order, for what a catalogue has beyond the core's collection:
+// every name of each file, as it is to the letter, and what the records tell of the files.
 class CCatalogScan {
 public:
     // `reuseCounts` has, for each record of the MFT, how often it was used: a name that leads to a directory of another

@@ -9,8 +9,10 @@
 #include "agent/detail/CatalogParts.h"
 #include "agent/detail/CatalogScan.h"
 #include "agent/detail/CatalogTree.h"
+#include "agent/detail/FileSystems.h"
 #include "agent/detail/NtfsMappedVolume.h"
 #include "agent/detail/NtfsStream.h"
+#include "agent/detail/OutOfMemory.h"
 #include "agent/detail/PartFile.h"
 #include "agent/detail/PrivateDirectoryGuard.h"
 #include "foundation/detail/ByteView.h"
@@ -19,7 +21,6 @@
 
 namespace {
 
-constexpr char NtfsName[] = "ntfs";
 constexpr char NoCatalog[] = ": its files aren't in the catalogue: ";
 
 // The records of the MFT as they lie on the disk, and how often each of them was used.
@@ -67,7 +68,7 @@ public:
                 "No temporary directory can be made for the catalogue; set TMPDIR to one that can be written to");
         ZU_RETURN_IF_ERROR(AddDump());
         for (const VolumeInfo_t& volume : m_Disks.Volumes()) {
-            if (volume.fileSystem == NtfsName)
+            if (volume.fileSystem == NtfsFileSystem)
                 ZU_RETURN_IF_ERROR(AddVolume(volume));
             else if (!volume.problem.empty() && !volume.isInternal)
                 m_Result.warnings.push_back(volume.name + ": " + volume.problem +
@@ -130,8 +131,8 @@ private:
         return CZuError();
     }
 
-    // The core's collection and the directory structure file. A record that the core stops at costs the tree, whose names
-    // the scan has then, and not the volume.
+    // The core's collection and the directory structure file. A record that the core stops at costs the tree, whose
+    // names the scan has then, and not the volume.
     CZuError CollectMetadata(CNtfsMappedVolume& ntfs, CCatalogScan& scan, const CatalogParts_t& parts) {
         std::string rootName;
         std::string information = NewFile("information");
@@ -219,5 +220,5 @@ private:
 
 CZuError CollectCatalog(CVolumeSet& disks, CBackupSetWriter& set, const CatalogOptions_t& options,
                         CatalogResult_t& result) {
-    return WithinMemory("Out of memory", [&] { return CCatalogWriter(disks, set, options, result).Run(); });
+    return WithinMemory(OutOfMemory, [&] { return CCatalogWriter(disks, set, options, result).Run(); });
 }

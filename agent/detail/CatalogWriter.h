@@ -21,7 +21,7 @@ struct CatalogResult_t {
     std::vector<std::string> warnings;
 };
 
-// Collects into a backup set what lets a machine without the disks list and restore the files of the NTFS volumes on them.
-// What of a volume can't be read is told of in the result. `disks` are those of the set, in its order.
+// Collects into a backup set what lets a machine without the disks list and restore the files of the NTFS volumes on
+// them. What of a volume can't be read is told of in the result. `disks` are those of the set, in its order.
 CZuError CollectCatalog(CVolumeSet& disks, CBackupSetWriter& set, const CatalogOptions_t& options,
                         CatalogResult_t& result);

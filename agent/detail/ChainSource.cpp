@@ -2,6 +2,7 @@
 
 #include "agent/WholeDisk.h"
 #include "agent/detail/BlockSource.h"
+#include "agent/detail/OutOfMemory.h"
 #include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
 
@@ -25,7 +26,7 @@ public:
             return CZuError();
         const auto sizeBytes = static_cast<uint32_t>(std::min(m_SizeBytes - m_Offset, blockBytes));
         if (bytes.Alloc(sizeBytes) == nullptr)
-            return Refusal("Out of memory");
+            return Refusal(OutOfMemory);
         ZU_RETURN_IF_ERROR(m_Disk->Reader().ReadHardDiskData(m_Offset, bytes.GetPtr(), sizeBytes));
         place = BlockPlace_t{m_Offset / blockBytes, sizeBytes >> SectorShift};
         m_Offset += sizeBytes;

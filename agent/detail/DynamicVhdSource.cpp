@@ -1,6 +1,7 @@
 #include "VirtualServer/VMInfo/ArchiveVirtualDiskFile.h"
 #include "VirtualServer/VMInfo/UtilityFunctions.h"
 #include "agent/detail/BlockSource.h"
+#include "agent/detail/OutOfMemory.h"
 #include "agent/detail/VhdRecord.h"
 #include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
@@ -60,7 +61,7 @@ private:
             ZU_RETURN_IF_ERROR(m_File.Open(m_Extent.path.c_str(), OpenAsBinary | OpenNotInherited, 0));
         const LeftOut_t& block = m_LeftOut[m_NextLeftOut++];
         if (bytes.Alloc(BlockSectors() << SectorShift) == nullptr)
-            return Refusal("Out of memory");
+            return Refusal(OutOfMemory);
         ZU_RETURN_IF_ERROR(
             ReadFileAt(m_File, FileOffsetOfSector(block.sector), 0, bytes.GetPtr(), bytes.GetSize(), nullptr));
         place = BlockPlace_t{block.number, BlockSectors()};

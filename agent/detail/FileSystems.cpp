@@ -21,7 +21,7 @@ struct Mark_t {
 };
 
 constexpr Mark_t Marks[] = {
-    {3, "NTFS    ", 8, "ntfs"},          {3, "EXFAT   ", 8, "exfat"},
+    {3, "NTFS    ", 8, NtfsFileSystem},  {3, "EXFAT   ", 8, "exfat"},
     {3, "ReFS\0\0\0\0", 8, "refs"},      {3, "-FVE-FS-", 8, "bitlocker"},
     {82, "FAT32   ", 8, "fat32"},        {54, "FAT16   ", 8, "fat16"},
     {54, "FAT12   ", 8, "fat12"},        {0, "XFSB", 4, "xfs"},

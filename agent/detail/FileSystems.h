@@ -7,6 +7,9 @@
 #include "agent/WholeDisk.h"
 #include "foundation/ZuError.h"
 
+// The name of the one file system whose files the agent reads itself.
+constexpr char NtfsFileSystem[] = "ntfs";
+
 // Makes `name` the name of the file system or volume manager whose marks stand at the start of
 // `sectors` sectors from `startSector` on; empty for none that is known. Sectors that can't be read
 // have no marks.

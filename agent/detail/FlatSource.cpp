@@ -4,6 +4,7 @@
 #include "VirtualServer/VMInfo/ArchiveVirtualDiskFile.h"
 #include "VirtualServer/VMInfo/VHDFileReader.h"
 #include "agent/detail/BlockSource.h"
+#include "agent/detail/OutOfMemory.h"
 #include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
 
@@ -59,7 +60,7 @@ class CFlatSource final : public CWholeBlocks {
 
     CZuError ReadTail(uint64_t firstSector, uint32_t sectors, CAutoMemory<char>& bytes) override {
         if (bytes.Alloc(sectors << SectorShift) == nullptr)
-            return Refusal("Out of memory");
+            return Refusal(OutOfMemory);
         CAutoMemory<char> piece;
         uint32_t done = 0;
         for (uint32_t pieceSectors = FlatBlockSectors / 2; pieceSectors != 0; pieceSectors /= 2) {
@@ -83,7 +84,7 @@ class CFixedVhdSource final : public CWholeBlocks {
         CVHDFileReader reader;
         ZU_RETURN_IF_ERROR(reader.OpenDisk(m_Extent.path.c_str(), m_Extent.diskType));
         if (bytes.Alloc(sectors << SectorShift) == nullptr)
-            return Refusal("Out of memory");
+            return Refusal(OutOfMemory);
         for (uint32_t index = 0; index < sectors; ++index)
             ZU_RETURN_IF_ERROR(
                 reader.ReadSector(firstSector + index, bytes.GetPtr() + (index << SectorShift), SectorSize));

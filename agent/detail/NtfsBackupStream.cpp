@@ -4,6 +4,7 @@
 
 #include "agent/ErrorText.h"
 #include "agent/detail/NtfsNames.h"
+#include "agent/detail/OutOfMemory.h"
 #include "agent/detail/Pieces.h"
 #include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
@@ -50,7 +51,7 @@ CZuError CNtfsBackupStream::Write(uint64_t frn) {
     m_Frn = frn;
     m_Where = CZuString::Format("{1}: file record {2}", m_Volume.Name(), frn).c_str();
     if (m_Buffer.Alloc(PieceBytes) == nullptr)
-        return Refusal("Out of memory");
+        return Refusal(OutOfMemory);
     ZU_RETURN_IF_ERROR(m_Volume.ReadRecord(frn, m_Record));
     const std::vector<NtfsAttribute_t> attributes = ListNtfsAttributes(m_Record);
     for (const NtfsAttribute_t& attribute : attributes)

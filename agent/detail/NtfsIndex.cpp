@@ -10,7 +10,6 @@ namespace {
 constexpr char16_t IndexOfNames[] = u"$I30";
 constexpr uint32_t LargestBlockBytes = 1U << 20U;  // Windows makes blocks of 4 KiB, other tools up to a cluster
 constexpr uint32_t SectorOfBlockNumbers = 512;     // what they count where a cluster is larger than a block
-constexpr unsigned ReuseCountShift = 48;
 constexpr size_t KeptNodes = 16;  // of a path; sound trees are less deep, and what a damaged one asks for stays small
 
 }  // namespace
@@ -43,8 +42,8 @@ CZuError CNtfsDirectory::OpenIndex(CAutoMemory<char>& record) {
     return CZuError();
 }
 
-// Takes one entry, or goes into the block in front of it, or leaves a node that is through. Each entry is taken once and
-// each block entered once, so the walk ends.
+// Takes one entry, or goes into the block in front of it, or leaves a node that is through. Each entry is taken once
+// and each block entered once, so the walk ends.
 bool CNtfsDirectory::Step(const TakeNtfsName_t& take) {
     Node_t& node = m_Path.back();
     NtfsIndexEntryHead_t head{};

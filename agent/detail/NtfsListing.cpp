@@ -7,6 +7,7 @@
 #include "agent/detail/NtfsNames.h"
 #include "agent/detail/NtfsRecordFacts.h"
 #include "foundation/detail/ErrorHandling.h"
+#include "ntfs/detail/NtfsFormat.h"
 
 namespace {
 
@@ -15,7 +16,6 @@ constexpr size_t BatchBytes = size_t{1} << 24U;   // of paths; those of a damage
 constexpr size_t HeldStreams = size_t{1} << 17U;  // of all files of a batch; many names may stand for one large record
 constexpr uint64_t SmallestNameBytes = 96;        // on disk, in a file's record; each entry of an index has one there
 constexpr uint32_t AttributeIsDirectory = 0x10000000;  // in a name's copy of the attributes alone
-constexpr uint64_t FirstUserFrn = 16;                  // the records before it make the volume itself
 constexpr uint16_t AnyReuseCount = 0;
 
 }  // namespace

@@ -60,6 +60,18 @@ std::u16string NtfsNameAt(const char* bytes, uint32_t characters) {
     return name;
 }
 
+std::vector<std::string> NamesOfPath(const std::string& path) {
+    std::vector<std::string> names;
+    for (size_t at = 0; at < path.size();) {
+        const size_t end = std::min(path.find_first_of("/\\", at), path.size());
+        std::string name = path.substr(at, end - at);
+        at = end + 1;
+        if (!name.empty() && name != ".")
+            names.push_back(std::move(name));
+    }
+    return names;
+}
+
 bool IsSameNtfsName(const std::u16string& left, const std::u16string& right) {
     return left.size() == right.size() && EqualIgnoringCase(left.data(), right.data(), left.size());
 }

@@ -7,13 +7,12 @@
 #include "agent/detail/NtfsNames.h"
 #include "agent/detail/NtfsRecordFacts.h"
 #include "agent/detail/NtfsStream.h"
+#include "agent/detail/OutOfMemory.h"
 #include "agent/detail/Pieces.h"
 #include "foundation/detail/ErrorHandling.h"
 #include "ntfs/detail/NtfsFormat.h"
 
 namespace {
-
-constexpr char OutOfMemory[] = "Out of memory";
 
 CZuError DeliverStream(CNtfsStream& stream, const TakeBytes_t& take) {
     CAutoMemory<char> buffer;

@@ -6,6 +6,7 @@
 
 #include "agent/ErrorText.h"
 #include "agent/detail/NtfsNames.h"
+#include "agent/detail/OutOfMemory.h"
 #include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
 #include "ntfs/detail/Lznt1.h"
@@ -231,7 +232,7 @@ CZuError CNtfsStream::LoadUnit(uint64_t unit) {
         return CZuError();
     m_UnitNumber = NoUnit;
     if (m_Unit.Alloc(m_UnitBytes) == nullptr)
-        return Refusal("Out of memory");
+        return Refusal(OutOfMemory);
     ZU_RETURN_IF_ERROR(ReadUnit(unit, m_Unit.GetPtr()));
     m_UnitNumber = unit;
     return CZuError();
@@ -244,7 +245,7 @@ CZuError CNtfsStream::ReadUnit(uint64_t unit, char* target) {
     const uint64_t firstVcn = unit * (m_UnitBytes / clusterBytes);
     const uint64_t endVcn = firstVcn + m_UnitBytes / clusterBytes;
     if (m_StoredUnit.Alloc(m_UnitBytes) == nullptr)
-        return Refusal("Out of memory");
+        return Refusal(OutOfMemory);
     if (FindRun(firstVcn) == m_Runs.size())
         return Unplaced(firstVcn * clusterBytes);
     uint64_t vcn = firstVcn;

@@ -39,8 +39,8 @@ public:
     CZuError Open(IClusterSource& volume, CAutoMemory<char>& record, uint32_t type, const std::u16string& name,
                   const std::string& where);
 
-    // The same for an attribute whose bytes, or whose extents of all segments, others have told. Extents that end in front
-    // of its data, and an attribute that the record hasn't, are refused.
+    // The same for an attribute whose bytes, or whose extents of all segments, others have told. Extents that end in
+    // front of its data, and an attribute that the record hasn't, are refused.
     CZuError OpenValue(CAutoMemory<char>& record, uint32_t type, const std::u16string& name, std::string value,
                        const std::string& where);
     CZuError OpenExtents(IClusterSource& volume, CAutoMemory<char>& record, uint32_t type, const std::u16string& name,

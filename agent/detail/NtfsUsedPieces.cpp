@@ -5,6 +5,7 @@
 #include "VirtualServer/VMInfo/detail/NtfsVolumeControlOf.h"
 #include "VirtualServer/VMInfo/detail/NtfsVolumeOnDisk.h"
 #include "agent/ErrorText.h"
+#include "agent/detail/OutOfMemory.h"
 #include "foundation/ByteOrder.h"
 #include "foundation/detail/Bitmap.h"
 #include "foundation/detail/CheckedMath.h"
@@ -14,7 +15,7 @@ namespace {
 
 constexpr uint32_t BitmapReplyBytes = NtfsBitmapHeadBytes + (1U << 20U);
 constexpr char AllBytesAdvice[] = "; as --type raw all of its bytes can be kept";
-constexpr uint64_t MostHeldBytes = uint64_t{1} << 30U;  // what the tables of an object may take: pieces of 512 TiB
+constexpr uint64_t LargestTablesBytes = uint64_t{1} << 30U;  // what the tables of an object may take: pieces of 512 TiB
 
 bool IsInUse(const char* bitmap, uint64_t index) {
     return (static_cast<uint8_t>(bitmap[index / 8]) >> index % 8 & 1U) != 0;
@@ -68,8 +69,8 @@ CZuError CNtfsUsedPieces::FindPieces(uint32_t pieceBytes) {
     m_PieceCount = DivideRoundingUp(m_DiskBytes, pieceBytes);
     m_HeldPieces = 0;
     m_UsedClusters = 0;
-    if (m_PieceCount / 8 >= MostHeldBytes)
-        return Refusal("Out of memory");
+    if (m_PieceCount / 8 >= LargestTablesBytes)
+        return Refusal(OutOfMemory);
     m_Held.assign(static_cast<size_t>(m_PieceCount / 8 + 1), '\0');
     std::vector<char> reply(BitmapReplyBytes);
     // Each reply has at least a byte, so that it ends.

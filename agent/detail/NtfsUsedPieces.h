@@ -9,11 +9,11 @@
 #include "foundation/ZuFile.h"
 #include "platform/NtfsVolumeControl.h"
 
-// Which pieces of an NTFS volume, all of one size, hold something: clusters in use, and what belongs to the volume behind
-// its last whole cluster, the copy of its boot sector among it.
+// Which pieces of an NTFS volume, all of one size, hold something: clusters in use, and what belongs to the volume
+// behind its last whole cluster, the copy of its boot sector among it.
 //
-// Open, tell the size, find the pieces, go through them. Errors say what is wrong with the volume; its name goes in front
-// of them.
+// Open, tell the size, find the pieces, go through them. Errors say what is wrong with the volume; its name goes in
+// front of them.
 class CNtfsUsedPieces {
 public:
     // Reads the boot sector alone. A volume that isn't whole in its file or device is refused.

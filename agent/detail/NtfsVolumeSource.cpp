@@ -3,6 +3,7 @@
 #include "VirtualServer/VMInfo/NTFSVolumeReader.h"
 #include "agent/detail/BlockSource.h"
 #include "agent/detail/NtfsUsedPieces.h"
+#include "agent/detail/OutOfMemory.h"
 #include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
 
@@ -31,7 +32,7 @@ public:
             return CZuError();
         const auto sectors = static_cast<uint32_t>(std::min<uint64_t>(m_Sectors - firstSector, FlatBlockSectors));
         if (bytes.Alloc(sectors << SectorShift) == nullptr)
-            return Refusal("Out of memory");
+            return Refusal(OutOfMemory);
         ZU_RETURN_IF_ERROR(m_Core.ReadData(firstSector << SectorShift, bytes.GetPtr(), bytes.GetSize()));
         place = BlockPlace_t{number, sectors};
         m_NextNumber = number + 1;

@@ -4,6 +4,7 @@
 
 #include "VirtualServer/VMInfo/UtilityFunctions.h"
 #include "agent/ErrorText.h"
+#include "agent/detail/OutOfMemory.h"
 #include "agent/detail/Pieces.h"
 #include "foundation/AutoMemory.h"
 #include "foundation/ZuFile.h"
@@ -22,7 +23,7 @@ CZuError CopyPartToFile(CBackupSetReader& set, const SetPart_t& part, const std:
                         OwnerReadsAndWrites)));
     CAutoMemory<char> buffer;
     if (buffer.Alloc(static_cast<uint32_t>(std::clamp<uint64_t>(part.bytes, 1, PieceBytes))) == nullptr)
-        return Refusal("Out of memory");
+        return Refusal(OutOfMemory);
     for (uint64_t done = 0; done < part.bytes;) {
         const auto piece = static_cast<uint32_t>(std::min<uint64_t>(part.bytes - done, PieceBytes));
         ZU_RETURN_IF_ERROR(set.ReadPart(part, done, buffer.GetPtr(), piece));

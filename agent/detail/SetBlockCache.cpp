@@ -6,7 +6,7 @@
 
 namespace {
 
-constexpr uint64_t MostHeldBytes = uint64_t{32} << 20U;
+constexpr uint64_t MostCachedBytes = uint64_t{32} << 20U;
 constexpr size_t MostBlocks = 4096;  // the set's holes cost no bytes, but a place
 
 }  // namespace
@@ -33,7 +33,7 @@ CZuError CSetBlockCache::Get(const SetStream_t& stream, uint64_t number, const C
 CSetBlockCache::Block_t& CSetBlockCache::PlaceFor(const SetStream_t& stream) {
     const uint64_t blockBytes = FileOffsetOfSector(stream.blockSectors);
     CAutoMemory<char> buffer;
-    while (!m_Blocks.empty() && (m_Blocks.size() >= MostBlocks || m_HeldBytes + blockBytes > MostHeldBytes)) {
+    while (!m_Blocks.empty() && (m_Blocks.size() >= MostBlocks || m_HeldBytes + blockBytes > MostCachedBytes)) {
         m_HeldBytes -= m_Blocks.back().bytes.GetSize();
         buffer = std::move(m_Blocks.back().bytes);
         m_Places.erase(m_Blocks.back().key);

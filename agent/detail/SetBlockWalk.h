@@ -7,8 +7,8 @@
 #include "agent/BackupSet.h"
 #include "agent/detail/SetDatabase.h"
 
-// Walks the blocks that a set has of a stream, in the order of their numbers, and proves at the end that they are all that
-// were written.
+// Walks the blocks that a set has of a stream, in the order of their numbers, and proves at the end that they are all
+// that were written.
 class CSetBlockWalk {
 public:
     explicit CSetBlockWalk(CSetDatabase& database) : m_Database(database) {}

@@ -19,8 +19,8 @@ public:
 
     CZuError Find(int64_t volume, uint64_t parent, const std::string& name, std::optional<SetEntry_t>& entry);
 
-    // All of a volume, by directory, name and number, until `take` wants no more. At their end it is proved that they are
-    // those that the volume was written with.
+    // All of a volume, by directory, name and number, until `take` wants no more. At their end it is proved that they
+    // are those that the volume was written with.
     CZuError ForEachOf(const SetVolume_t& volume, const std::function<bool(SetEntry_t&)>& take);
 
 private:

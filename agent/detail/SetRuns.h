@@ -8,8 +8,8 @@
 #include "agent/detail/SetLists.h"
 #include "agent/detail/SetPartReader.h"
 
-// Tells which blocks a list of a stream's has: those of the set, or those that its base has. A stream's list is proved when
-// it is first used.
+// Tells which blocks a list of a stream's has: those of the set, or those that its base has. A stream's list is proved
+// when it is first used.
 class CSetRuns {
 public:
     // `prefix` is that of the parts' names.

@@ -3,6 +3,7 @@
 #include "VirtualServer/VMInfo/ArchiveVirtualDiskFile.h"
 #include "VirtualServer/VMInfo/VmdkFileReader.h"
 #include "agent/detail/BlockSource.h"
+#include "agent/detail/OutOfMemory.h"
 #include "agent/detail/SparseRecord.h"
 #include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
@@ -57,7 +58,7 @@ private:
         CVmdkFileReader reader;
         ZU_RETURN_IF_ERROR(reader.OpenDisk(m_Extent.path.c_str(), DiskType_MonolithicSparse));
         if (bytes.Alloc(sectors << SectorShift) == nullptr)
-            return Refusal("Out of memory");
+            return Refusal(OutOfMemory);
         for (uint32_t index = 0; index < sectors; ++index) {
             if (reader.ReadSector(firstSector + index, bytes.GetPtr() + (index << SectorShift), SectorSize)
                     .IsErrorSet())

@@ -1,7 +1,6 @@
 #include "agent/detail/StagedFile.h"
 
 #include <atomic>
-#include <filesystem>
 #include <system_error>
 #include <utility>
 
@@ -11,11 +10,6 @@
 #include "platform/FileSystem.h"
 
 namespace {
-
-std::filesystem::path DirectoryOf(const std::string& target) {
-    const std::filesystem::path directory = std::filesystem::path(target).parent_path();
-    return directory.empty() ? "." : directory;
-}
 
 CZuError RefuseExisting(const std::string& target, bool replacing) {
     std::error_code failed;  // what can't be looked at shows itself when the file is made, but for its name
@@ -39,6 +33,11 @@ CZuError SyncFile(const std::string& name) {
 }
 
 }  // namespace
+
+std::filesystem::path DirectoryOf(const std::string& name) {
+    const std::filesystem::path directory = std::filesystem::path(name).parent_path();
+    return directory.empty() ? "." : directory;
+}
 
 // Hidden, and told apart from those of other processes and of other files of this one. Process numbers
 // come again, so a killed process may have left a file of the same name. A long target leaves no

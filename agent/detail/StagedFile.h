@@ -1,9 +1,13 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
 #include <string>
 
 #include "foundation/ZuError.h"
+
+// Where the file of that name lies; "." where the name doesn't tell.
+std::filesystem::path DirectoryOf(const std::string& name);
 
 // True when both names lead to one file that is there.
 bool IsSameFile(const std::string& left, const std::string& right);

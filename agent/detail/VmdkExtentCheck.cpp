@@ -5,13 +5,13 @@
 
 #include "VirtualServer/VMInfo/UtilityFunctions.h"
 #include "VirtualServer/VMInfo/VmdkSparseFormat.h"
+#include "VirtualServer/VMInfo/detail/VmdkDescriptorText.h"
 #include "agent/ErrorText.h"
 #include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
 
 namespace {
 
-constexpr uint64_t LargestDescriptorBytes = 0x5000;
 constexpr uint32_t KnownFlags = VmdkSparseNewLinesAreValid | VmdkSparseRedundantIsActive;
 
 std::string HexText(uint32_t value) {

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "agent/VolumeMap.h"
+#include "agent/detail/OutOfMemory.h"
 #include "foundation/detail/ErrorHandling.h"
 
 namespace {
@@ -71,7 +72,7 @@ CZuError CVolumeReader::ReadComponent(const std::string& name, const LVM_Compone
 CZuError CVolumeReader::RebuildPiece(const std::string& name, const VolumePiece_t& piece, char* target) {
     const auto bytes = static_cast<uint32_t>(piece.bytes);
     if (m_Scratch.Alloc(bytes) == nullptr)
-        return Refusal("Out of memory");
+        return Refusal(OutOfMemory);
     std::memset(target, 0, bytes);
     for (size_t column = 0; column < piece.segment->Components.size(); ++column) {
         if (column == piece.column)

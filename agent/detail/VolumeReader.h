@@ -23,8 +23,8 @@ public:
     virtual CZuError ReadDisk(uint32_t diskIndex, uint64_t offset, char* buffer, uint32_t length) = 0;
 };
 
-// Reads volumes across every boundary of their layout. What a disk doesn't give comes from a mirror's other half, or from
-// the other disks of a RAID-5 volume.
+// Reads volumes across every boundary of their layout. What a disk doesn't give comes from a mirror's other half, or
+// from the other disks of a RAID-5 volume.
 class CVolumeReader {
 public:
     // `disks` stays the caller's and outlives this.

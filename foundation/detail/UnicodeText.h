@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <string>
 
-// Between the 16-bit characters of disks and the UTF-8 of our texts. Callers decide what half a surrogate pair, which is
-// no character, becomes.
+// Between the 16-bit characters of disks and the UTF-8 of our texts. Callers decide what half a surrogate pair, which
+// is no character, becomes.
 
 inline bool IsHighSurrogate(uint32_t unit) {
     return unit >= 0xD800 && unit < 0xDC00;

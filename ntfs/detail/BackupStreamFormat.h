@@ -46,8 +46,8 @@ constexpr char StreamNameEnd[] = {':', 0, '$', 0, 'D', 0, 'A', 0, 'T', 0, 'A', 0
 constexpr uint32_t BackupStreamOrder[] = {AttrSecurityDescriptor, AttrData, AttrObjectId, AttrReparsePoint, AttrEa,
                                           AttrPropertySet,        0};
 
-// Fills id and attributes of the head; false for an attribute that has no stream. Callers rely on a reparse point's going
-// out as a link, which is its id from a live volume only.
+// Fills id and attributes of the head; false for an attribute that has no stream. Callers rely on a reparse point's
+// going out as a link, which is its id from a live volume only.
 inline bool DescribeBackupStream(uint32_t attributeType, bool hasName, BackupStreamHead_t& head) {
     switch (attributeType) {
     case AttrStandardInformation:

@@ -32,8 +32,8 @@ private:
     uint32_t m_Threshold = 16;
 };
 
-// Writes `length` bytes at `target`, each the one that lies `displacement` bytes before it: a match may repeat what it has
-// just written. There is room for `room` bytes.
+// Writes `length` bytes at `target`, each the one that lies `displacement` bytes before it: a match may repeat what it
+// has just written. There is room for `room` bytes.
 void Repeat(char* target, uint32_t displacement, uint32_t length, uint32_t room) {
     constexpr uint32_t word = 8;
     const char* const from = target - displacement;

@@ -18,7 +18,7 @@ struct Lznt1Chunk_t {
 // What the head at `source` says. Fewer than two bytes are the end, as a head of zero is.
 DISKSTREAM_EXPORT Lznt1Chunk_t DescribeLznt1Chunk(CByteView source);
 
-// Decodes the compressed chunk that `source` begins with, head included, into `target` of 4096 bytes. NtfsBadCompression
-// for a reference in front of the output's start, for a chunk that leaves the source, and for one that gives more than
-// 4096 bytes.
+// Decodes the compressed chunk that `source` begins with, head included, into `target` of 4096 bytes.
+// NtfsBadCompression for a reference in front of the output's start, for a chunk that leaves the source, and for one
+// that gives more than 4096 bytes.
 DISKSTREAM_EXPORT int DecodeLznt1Chunk(CByteView source, char* target, uint32_t& size);

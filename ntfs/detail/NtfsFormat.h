@@ -8,11 +8,15 @@
 
 // The structures of NTFS on disk. See docs/formats/ntfs.md.
 
-constexpr uint64_t FrnMask = 0xFFFFFFFFFFFFULL;  // the upper 16 bits of a reference count how often a record was reused
+// Of a reference; the bits above count how often the record was used again.
+constexpr unsigned ReuseCountShift = 48;
+constexpr uint64_t FrnMask = 0xFFFFFFFFFFFFULL;
 
 constexpr uint64_t MftFrn = 0;
 constexpr uint64_t VolumeFrn = 3;
 constexpr uint64_t RootFrn = 5;
+constexpr uint64_t FirstSystemFrn = 6;  // the files from here to the first of the users make the volume itself
+constexpr uint64_t FirstUserFrn = 16;
 
 constexpr uint32_t IndexSignature = 0x58444E49;  // "INDX"
 

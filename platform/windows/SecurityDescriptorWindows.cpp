@@ -51,7 +51,8 @@ int SplitSecurityDescriptor(const char* descriptor, uint32_t size, SecurityDescr
     if (const int error = FindDescriptorParts(descriptor, size, found); error != 0)
         return error;
 
-    // The system takes no descriptor whose control word doesn't say that it is one of these, which its place says already.
+    // The system takes no descriptor whose control word doesn't say that it is one of these, which its place says
+    // already.
     std::vector<char> copy(descriptor, descriptor + size);
     auto* const selfRelative = reinterpret_cast<SECURITY_DESCRIPTOR*>(copy.data());
     selfRelative->Control |= SE_SELF_RELATIVE;

@@ -10,8 +10,8 @@
 #include "tests/support/NtfsTestVolume.h"
 #include "tests/support/SameBytes.h"
 
-// A volume is collected by `CDRVolume` and its MFT is copied. `CMAVolume`, which has only that, has to tell of each file
-// what the live volume tells.
+// A volume is collected by `CDRVolume` and its MFT is copied. `CMAVolume`, which has only that, has to tell of each
+// file what the live volume tells.
 
 namespace {
 

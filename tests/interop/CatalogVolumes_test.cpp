@@ -20,8 +20,8 @@
 #include "tests/support/SameBytes.h"
 #include "tests/support/VmdkDescriptorBuilder.h"
 
-// Volumes whose disks are gone: a backup set with a catalogue answers as the disks did, and gives the bytes that another
-// driver shows of the files.
+// Volumes whose disks are gone: a backup set with a catalogue answers as the disks did, and gives the bytes that
+// another driver shows of the files.
 
 namespace {
 
@@ -141,8 +141,8 @@ void ExpectSame(const std::vector<std::string>& expected, const std::vector<std:
 
 class CatalogVolumes : public testing::Test {
 protected:
-    // Backs the disks up, whose files lie in their directory alone, and moves that away: from here on nothing but the set
-    // is where it was. A catalogue that isn't whole makes the command fail.
+    // Backs the disks up, whose files lie in their directory alone, and moves that away: from here on nothing but the
+    // set is where it was. A catalogue that isn't whole makes the command fail.
     void BackUp(bool isWhole = true, const std::string& options = "") {
         std::string command = std::string(DISKSTREAM_COMMAND) + " backup -q --catalog " + options;
         if (m_Disk.type)
@@ -577,8 +577,8 @@ void PutOnStripes(const std::string& volume, const std::vector<std::string>& dis
 
 class CatalogOfLvm2 : public CatalogVolumes {
 protected:
-    // Moves the volume that was made to a logical volume on so many disks. False, and the test skipped, where there are no
-    // devices for them.
+    // Moves the volume that was made to a logical volume on so many disks. False, and the test skipped, where there are
+    // no devices for them.
     bool MoveTo(size_t disks, const std::string& options, uint64_t stripeBytes) {
         std::vector<std::unique_ptr<CLosetup>> devices;
         std::vector<std::string> paths;

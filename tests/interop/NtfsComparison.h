@@ -149,7 +149,8 @@ inline Names_t NamesOfLs(const VolumeAt_t& at, const std::string& options) {
 }
 
 // The paths that `fls` finds in the indexes: not what was deleted (behind an asterisk), nor what it makes up of records
-// that no name leads to (a dash in front, or below a name of its own). It tells of each stream; one name is left of them.
+// that no name leads to (a dash in front, or below a name of its own). It tells of each stream; one name is left of
+// them.
 inline Names_t NamesOfFls(const std::string& image, uint64_t firstSector) {
     Names_t names;
     for (const std::string& line : LinesOf(OutputOf("fls -r -p -o " + std::to_string(firstSector) + " " + image))) {

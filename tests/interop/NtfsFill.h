@@ -30,8 +30,8 @@ void AddNames(const CNtfsMount& mount);
 // All of these as far as volumes with such clusters have them.
 void AddFilesOfAllKinds(const CNtfsMount& mount, uint32_t clusterBytes);
 
-// Makes files until none fits, and takes every second of the large ones away again: the table of file records grows into
-// the gaps, and so do files.
+// Makes files until none fits, and takes every second of the large ones away again: the table of file records grows
+// into the gaps, and so do files.
 void FillWithGaps(const CNtfsMount& mount);
 
 Names_t NamesOfMount(const CNtfsMount& mount);

@@ -17,8 +17,8 @@
 #include "tests/support/SameBytes.h"
 #include "tests/support/posix/LoopDevice.h"
 
-// NTFS volumes of others, backed up by what is in use: what comes back is what their driver and their programs know, and
-// what is kept is what other programs say is in use.
+// NTFS volumes of others, backed up by what is in use: what comes back is what their driver and their programs know,
+// and what is kept is what other programs say is in use.
 
 namespace {
 

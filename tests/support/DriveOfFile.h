@@ -7,8 +7,8 @@
 #include "platform/DriveName.h"
 #include "platform/DriveSize.h"
 
-// The name of a whole drive whose bytes are those of the file. Where a drive's name takes a number and no path there is no
-// such drive.
+// The name of a whole drive whose bytes are those of the file. Where a drive's name takes a number and no path there is
+// no such drive.
 inline std::string DriveOfFile(const std::string& path) {
     return DriveNamePrefix + path;
 }

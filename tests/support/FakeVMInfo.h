@@ -10,7 +10,8 @@
 
 #include "VirtualServer/VMInfo/IVMInfo.h"
 
-// A hypervisor that serves one disk from memory. Each answer is sound until a test sets it otherwise; what was asked is kept.
+// A hypervisor that serves one disk from memory. Each answer is sound until a test sets it otherwise; what was asked is
+// kept.
 class CFakeVMInfo : public IVMInfo {
 public:
     // A disk of `sectors` sectors, of which all bytes are set.

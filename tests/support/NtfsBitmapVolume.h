@@ -11,8 +11,8 @@
 #include "tests/support/NtfsRecordBuilder.h"
 #include "tests/support/PartitionTableBuilder.h"
 
-// An NTFS volume with nothing on it but what tells which of its clusters are in use: the boot sector and its copy behind
-// the volume's end, the file records of $MFT and $Bitmap, and the bitmap.
+// An NTFS volume with nothing on it but what tells which of its clusters are in use: the boot sector and its copy
+// behind the volume's end, the file records of $MFT and $Bitmap, and the bitmap.
 //
 // Without a word a cluster is a sector of 512 bytes, the clusters up to the bitmap's last one are in use, and three
 // sectors are left behind the last whole cluster where a cluster has more than that.

@@ -9,8 +9,8 @@
 
 #include "VirtualServer/VMInfo/XenVDIRecord.h"
 
-// The record of a virtual disk image as text, element by element. Sound by default, with a value of its own in each field;
-// a test replaces what it wants to break.
+// The record of a virtual disk image as text, element by element. Sound by default, with a value of its own in each
+// field; a test replaces what it wants to break.
 class CXenRecordXml {
 public:
     CXenRecordXml() {

@@ -10,8 +10,8 @@
 #include "foundation/ZuFile.h"
 #include "platform/Export.h"
 
-// The geometry of an NTFS volume and the bitmap of its clusters, read from the volume's own bytes, and held to the bytes
-// that are there: the boot sector, the file records of $MFT and $Bitmap, and what the latter's runs name.
+// The geometry of an NTFS volume and the bitmap of its clusters, read from the volume's own bytes, and held to the
+// bytes that are there: the boot sector, the file records of $MFT and $Bitmap, and what the latter's runs name.
 //
 // Open, and read the bitmap in any order. Texts say what is the matter with the volume; its name goes in front of them.
 class DISKSTREAM_EXPORT CNtfsVolumeOnDisk {

@@ -11,7 +11,6 @@
 
 namespace {
 
-constexpr uint64_t LargestDescriptorBytes = 0x5000;
 constexpr size_t MostTokens = 5;
 
 template <typename Value> struct Word_t {

@@ -6,8 +6,8 @@
 #include "VirtualServer/VMInfo/LVM.h"
 #include "foundation/detail/CheckedMath.h"
 
-// From a byte of a volume to a byte of one of its disks. Places are worked out in 64 bits that wrap; whether they lie on
-// the disk shows when they are looked up there.
+// From a byte of a volume to a byte of one of its disks. Places are worked out in 64 bits that wrap; whether they lie
+// on the disk shows when they are looked up there.
 
 struct VolumePlace_t {
     const LVM_Component_t* component = nullptr;
@@ -26,8 +26,8 @@ inline bool IsStriped(const LVM_Volume_t& volume) {
 
 // The place of byte `offset` of the volume. False for a segment that can't have stripes.
 //
-// Parity of RAID-5 begins on the last column and moves one to the left with each row; the row's data begins on the column
-// behind it and wraps (left-symmetric).
+// Parity of RAID-5 begins on the last column and moves one to the left with each row; the row's data begins on the
+// column behind it and wraps (left-symmetric).
 inline bool FindPlaceInStripes(bool isRaid5, const LVM_Segment_t& segment, uint64_t offset, VolumePlace_t& place) {
     const uint64_t columns = segment.Components.size();
     uint64_t stripeBytes = 0;

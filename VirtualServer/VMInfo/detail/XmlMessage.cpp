@@ -96,7 +96,8 @@ private:
 
     template <typename Value> static void Give(FieldValue_t& from, Value& to) { to = std::move(std::get<Value>(from)); }
 
-    // Up to the end of the element that is open; `read` reads an inner one that has just begun. Each turn takes a token.
+    // Up to the end of the element that is open; `read` reads an inner one that has just begun. Each turn takes a
+    // token.
     template <typename Read> eXmlMsgRet ReadChildren(Read read) {
         for (;;) {
             switch (m_Reader.Next()) {

@@ -20,8 +20,8 @@ enum class XmlToken_t {
 // references to characters and the five names that XML itself has are resolved; a document type, with which a few bytes
 // could stand for any number of others, is refused.
 //
-// Each token moves forward in the text, and the memory taken is below a small multiple of it. The text stays the caller's
-// and has to live as long as the reader.
+// Each token moves forward in the text, and the memory taken is below a small multiple of it. The text stays the
+// caller's and has to live as long as the reader.
 class CXmlReader {
 public:
     explicit CXmlReader(std::string_view text);

@@ -7,8 +7,8 @@
 #include "tests/support/FakeVMInfo.h"
 #include "tests/support/posix/ChildProcess.h"
 
-// What the opening of a disk behind a hypervisor tells the log, which is settled once per process: a child works, and we
-// read.
+// What the opening of a disk behind a hypervisor tells the log, which is settled once per process: a child works, and
+// we read.
 
 namespace {
 
