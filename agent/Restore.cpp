@@ -2,6 +2,7 @@
 
 #include "agent/BackupSetReader.h"
 #include "agent/detail/ChooseDisk.h"
+#include "agent/detail/OutOfMemory.h"
 #include "agent/detail/RestoreTarget.h"
 #include "agent/detail/SetBlocks.h"
 #include "foundation/detail/ErrorHandling.h"
@@ -31,7 +32,7 @@ public:
         }
         for (const SetStream_t& stream : m_Set.StreamsOf(m_Disk.id))
             ZU_RETURN_IF_ERROR(RestoreStream(stream));
-        return m_Target->Commit(m_Result.files);
+        return m_Target->Commit(m_Result);
     }
 
 private:
@@ -73,7 +74,7 @@ private:
 
 CZuError RestoreDisk(const std::string& set, const std::string& target, const RestoreOptions_t& options,
                      RestoreResult_t& result) {
-    return WithinMemory("Out of memory", [&] {
+    return WithinMemory(OutOfMemory, [&] {
         result = RestoreResult_t();
         return CRestoreRun(options, result).Run(set, target);
     });

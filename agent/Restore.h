@@ -33,7 +33,8 @@ struct RestoreResult_t {
 // written. The files get their names when all are whole and on the medium; until then nothing
 // stands or changes at the target.
 //
-// A raw image may go to a block device, or to an export of the disk's size, named by its URI, as well, if `force` is set:
-// those are overwritten in place, so a failure leaves them half written. A disk that a server exported is a raw image.
+// A raw image may go to a block device, or to an export of the disk's size, named by its URI, as well, if `force` is
+// set: those are overwritten in place, so a failure leaves them half written. A disk that a server exported is a raw
+// image.
 [[nodiscard]] DISKSTREAM_EXPORT CZuError RestoreDisk(const std::string& set, const std::string& target,
                                                      const RestoreOptions_t& options, RestoreResult_t& result);

@@ -12,6 +12,7 @@
 #include "foundation/detail/CheckedMath.h"
 #include "hypervisor/detail/NbdConnection.h"
 #include "hypervisor/detail/NbdReadAhead.h"
+#include "hypervisor/detail/NbdWriteBehind.h"
 
 namespace {
 
@@ -43,19 +44,29 @@ void AddRange(std::vector<NbdRange_t>& ranges, uint64_t start, uint64_t end) {
 
 struct CNbdVMInfo::Disk_t {
     Disk_t(const std::string& name, const NbdOptions_t& options)
-        : uri(name), connection(std::make_unique<CNbdConnection>(name, options)), readAhead(*connection) {}
+        : uri(name), connection(std::make_unique<CNbdConnection>(name, options)), readAhead(*connection),
+          writeBehind(*connection) {}
     Disk_t(const Disk_t&) = delete;
     Disk_t& operator=(const Disk_t&) = delete;
-    ~Disk_t() { connection.reset(); }  // its requests write into buffers of the other
+    ~Disk_t() { connection.reset(); }  // its requests use buffers of the others
 
     bool ReadBytes(uint64_t offset, char* buffer, uint64_t size);
     bool ReadPiece(uint64_t offset, char* buffer, uint32_t size);
+
+    bool WriteBytes(uint64_t offset, const char* bytes, uint64_t size);
+
+    // How many of the bytes of these sectors the export has.
+    uint64_t BytesThere(uint64_t firstSector, uint64_t sectors) const {
+        const uint64_t end = connection->SizeBytes();
+        return std::min(sectors << SectorShift, end - std::min(firstSector << SectorShift, end));
+    }
 
     uint64_t Sectors() const { return DivideRoundingUp(connection->SizeBytes(), SectorSize); }
 
     const std::string uri;
     std::unique_ptr<CNbdConnection> connection;
     CNbdReadAhead readAhead;
+    CNbdWriteBehind writeBehind;
     std::vector<std::string> contexts{AllocationContext};
     std::vector<NbdRange_t> told;  // the stretches of the table that was asked for last
     CAutoMemory<char> aligned;     // kept for its room
@@ -82,6 +93,16 @@ bool CNbdVMInfo::Disk_t::ReadPiece(uint64_t offset, char* buffer, uint32_t size)
     if (aligned.Alloc(wholeBytes) == nullptr || !readAhead.Read(start, aligned.GetPtr(), wholeBytes))
         return false;
     std::copy_n(aligned.GetPtr() + (offset - start), size, buffer);
+    return true;
+}
+
+bool CNbdVMInfo::Disk_t::WriteBytes(uint64_t offset, const char* bytes, uint64_t size) {
+    for (uint64_t done = 0; done < size;) {
+        const auto step = static_cast<uint32_t>(std::min<uint64_t>(size - done, CNbdConnection::MostBytes));
+        if (!connection->Write(offset + done, bytes + done, step))
+            return false;
+        done += step;
+    }
     return true;
 }
 
@@ -191,27 +212,27 @@ int CNbdVMInfo::ReadCurrVmdkFile(VmdkFileHandle_t& handle, uint64_t firstSector,
         return Fail("ends in front of sector " + Number(firstSector + sectors), EINVAL);
     const uint64_t offset = firstSector << SectorShift;
     const uint64_t wanted = uint64_t{sectors} << SectorShift;
-    const uint64_t there =
-        std::min(wanted, disk->connection->SizeBytes() - std::min(offset, disk->connection->SizeBytes()));
+    const uint64_t there = disk->BytesThere(firstSector, sectors);
     std::memset(buffer + there, 0, static_cast<size_t>(wanted - there));
     return Outcome(*disk, disk->ReadBytes(offset, buffer, there));
 }
 
 int CNbdVMInfo::WriteCurrVmdkFile(VmdkFileHandle_t& handle, uint64_t firstSector, uint32_t sectors, const char* data) {
-    Disk_t* const disk = Find(handle);
-    if (disk == nullptr || !MayWrite(*disk))
+    Disk_t* const disk = FindForWriting(handle, firstSector, sectors);
+    if (disk == nullptr)
         return 0;
-    if (firstSector > disk->Sectors() || sectors > disk->Sectors() - firstSector)
-        return Fail("ends in front of sector " + Number(firstSector + sectors), EINVAL);
-    const uint64_t offset = firstSector << SectorShift;
-    const uint64_t size = std::min(uint64_t{sectors} << SectorShift, disk->connection->SizeBytes() - offset);
-    for (uint64_t done = 0; done < size;) {
-        const auto step = static_cast<uint32_t>(std::min<uint64_t>(size - done, CNbdConnection::MostBytes));
-        if (!disk->connection->Write(offset + done, data + done, step))
-            return FailAs(*disk);
-        done += step;
-    }
-    return 1;
+    return Outcome(*disk, disk->WriteBytes(firstSector << SectorShift, data, disk->BytesThere(firstSector, sectors)));
+}
+
+int CNbdVMInfo::QueueWriteCurrVmdkFile(VmdkFileHandle_t& handle, uint64_t firstSector, uint32_t sectors,
+                                       const char* data) {
+    Disk_t* const disk = FindForWriting(handle, firstSector, sectors);
+    uint32_t size = 0;
+    if (disk == nullptr)
+        return 0;
+    if (!NarrowTo32(disk->BytesThere(firstSector, sectors), size))
+        return Fail("can't take more than 4 GiB at once", EINVAL);
+    return Outcome(*disk, disk->writeBehind.Write(firstSector << SectorShift, data, size));
 }
 
 int CNbdVMInfo::PrepareVDI(xen_vdi_record& /*record*/) {
@@ -228,13 +249,11 @@ int CNbdVMInfo::CreateVDI(xen_vdi_record& record, const std::string& /*text*/, s
 }
 
 int CNbdVMInfo::ZeroCurrVmdkFile(VmdkFileHandle_t& handle, uint64_t firstSector, uint64_t sectors) {
-    Disk_t* const disk = Find(handle);
-    if (disk == nullptr || !MayWrite(*disk))
+    Disk_t* const disk = FindForWriting(handle, firstSector, sectors);
+    if (disk == nullptr)
         return 0;
-    if (firstSector > disk->Sectors() || sectors > disk->Sectors() - firstSector)
-        return Fail("ends in front of sector " + Number(firstSector + sectors), EINVAL);
-    const uint64_t end = std::min((firstSector + sectors) << SectorShift, disk->connection->SizeBytes());
-    for (uint64_t at = firstSector << SectorShift; at < end;) {
+    uint64_t at = firstSector << SectorShift;
+    for (const uint64_t end = at + disk->BytesThere(firstSector, sectors); at < end;) {
         const uint64_t step = std::min(end - at, MostStatusBytes);
         if (!disk->connection->Zero(at, step))
             return FailAs(*disk);
@@ -245,7 +264,12 @@ int CNbdVMInfo::ZeroCurrVmdkFile(VmdkFileHandle_t& handle, uint64_t firstSector,
 
 int CNbdVMInfo::FlushCurrVmdkFile(VmdkFileHandle_t& handle) {
     Disk_t* const disk = Find(handle);
-    return disk != nullptr ? Outcome(*disk, disk->connection->Flush()) : 0;
+    return disk != nullptr ? Outcome(*disk, disk->writeBehind.Finish() && disk->connection->Flush()) : 0;
+}
+
+bool CNbdVMInfo::WasConnectionLost(const VmdkFileHandle_t& handle) {
+    const Disk_t* const disk = Find(handle);
+    return disk != nullptr && disk->connection->Reconnections() != 0;
 }
 
 CNbdVMInfo::Disk_t* CNbdVMInfo::Find(const VmdkFileHandle_t& handle) {
@@ -301,6 +325,16 @@ bool CNbdVMInfo::MayWrite(const Disk_t& disk) {
     if (disk.connection->IsReadOnly())
         Fail("is exported read-only", ReadOnlyDisk);
     return !disk.connection->IsReadOnly();
+}
+
+CNbdVMInfo::Disk_t* CNbdVMInfo::FindForWriting(const VmdkFileHandle_t& handle, uint64_t firstSector, uint64_t sectors) {
+    Disk_t* const disk = Find(handle);
+    if (disk == nullptr || !MayWrite(*disk))
+        return nullptr;
+    if (firstSector <= disk->Sectors() && sectors <= disk->Sectors() - firstSector)
+        return disk;
+    Fail("ends in front of sector " + Number(firstSector + sectors), EINVAL);
+    return nullptr;
 }
 
 int CNbdVMInfo::Fail(const std::string& text, int code) {

@@ -33,7 +33,7 @@ public:
     CZuError Write(uint64_t offset, const char* bytes, uint32_t size) override {
         ZU_RETURN_IF_ERROR(FinishUpTo(offset));
         ZU_RETURN_IF_ERROR(
-            Outcome(m_Server->WriteCurrVmdkFile(m_Handle, offset >> SectorShift, size >> SectorShift, bytes)));
+            Outcome(m_Server->QueueWriteCurrVmdkFile(m_Handle, offset >> SectorShift, size >> SectorShift, bytes)));
         m_DoneBytes = std::max(m_DoneBytes, offset + size);
         return CZuError();
     }
@@ -47,10 +47,14 @@ public:
         return CZuError();
     }
 
-    CZuError Commit(std::vector<std::string>& files) override {
+    CZuError Commit(RestoreResult_t& result) override {
         ZU_RETURN_IF_ERROR(FinishUpTo(m_DiskBytes));
         ZU_RETURN_IF_ERROR(Outcome(m_Server->FlushCurrVmdkFile(m_Handle)));
-        files.push_back(m_Target);
+        result.files.push_back(m_Target);
+        if (m_Server->WasConnectionLost(m_Handle))
+            result.warnings.push_back(
+                m_Target + ": the connection was lost and made again; a server that failed meanwhile may have "
+                           "lost some of what it had taken, which `diskstream verify --against` finds out");
         return CZuError();
     }
 

@@ -5,6 +5,7 @@
 
 #include "VirtualServer/VMInfo/UtilityFunctions.h"
 #include "agent/ErrorText.h"
+#include "agent/detail/OutOfMemory.h"
 #include "agent/detail/RestoreTarget.h"
 #include "foundation/detail/ErrorHandling.h"
 #include "platform/DriveSize.h"
@@ -54,7 +55,7 @@ CZuError CRawOutput::FinishUpTo(uint64_t offset) {
         return CZuError();
     if (m_Zeros.GetSize() == 0) {
         if (m_Zeros.Alloc(zerosBytes) == nullptr)
-            return Refusal("Out of memory");
+            return Refusal(OutOfMemory);
         std::memset(m_Zeros.GetPtr(), 0, zerosBytes);
     }
     while (m_DoneBytes < offset) {
@@ -65,13 +66,13 @@ CZuError CRawOutput::FinishUpTo(uint64_t offset) {
     return CZuError();
 }
 
-CZuError CRawOutput::Commit(std::vector<std::string>& files) {
+CZuError CRawOutput::Commit(RestoreResult_t& result) {
     ZU_RETURN_IF_ERROR(FinishUpTo(m_DiskBytes));
     if (m_IsDevice)
         ZU_RETURN_IF_ERROR(ErrorAt(m_Target, m_File.Sync()));
     ZU_RETURN_IF_ERROR(ErrorAt(m_Target, m_File.Close()));
     if (!m_IsDevice)
         ZU_RETURN_IF_ERROR(m_Staged.Commit());
-    files.push_back(m_Target);
+    result.files.push_back(m_Target);
     return CZuError();
 }

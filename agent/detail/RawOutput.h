@@ -34,13 +34,13 @@ public:
     // Nothing more comes in front of byte `offset`.
     virtual CZuError FinishUpTo(uint64_t offset) = 0;
 
-    virtual CZuError Commit(std::vector<std::string>& files) = 0;
+    virtual CZuError Commit(RestoreResult_t& result) = 0;
 };
 
 std::unique_ptr<IRawOutput> MakeNbdOutput();  // an export, which holds what was on it before, as a device does
 
-// A new file with holes, or a block device. A device holds what was on it before, so what is not written is zeroed, and it
-// can't be taken back.
+// A new file with holes, or a block device. A device holds what was on it before, so what is not written is zeroed, and
+// it can't be taken back.
 class CRawOutput final : public IRawOutput {
 public:
     CZuError Prepare(const CBackupSetReader& set, const std::string& target, uint64_t diskBytes,
@@ -49,7 +49,7 @@ public:
     bool HasBegun() const override { return m_File.IsValid(); }
     CZuError Write(uint64_t offset, const char* bytes, uint32_t size) override;
     CZuError FinishUpTo(uint64_t offset) override;
-    CZuError Commit(std::vector<std::string>& files) override;
+    CZuError Commit(RestoreResult_t& result) override;
 
 private:
     CZuError PrepareDevice(const std::string& target, const RestoreOptions_t& options);

@@ -50,10 +50,10 @@ public:
 
     CZuError EndStream() override { return m_Output->FinishUpTo(m_NextFirstSector << SectorShift); }
 
-    CZuError Commit(std::vector<std::string>& files) override {
+    CZuError Commit(RestoreResult_t& result) override {
         if (!m_Output->HasBegun())
             ZU_RETURN_IF_ERROR(m_Output->Begin());
-        return m_Output->Commit(files);
+        return m_Output->Commit(result);
     }
 
 private:

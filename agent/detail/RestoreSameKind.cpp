@@ -6,6 +6,7 @@
 #include "VirtualServer/VMInfo/ArchiveVirtualDiskFile.h"
 #include "VirtualServer/VMInfo/UtilityFunctions.h"
 #include "agent/ErrorText.h"
+#include "agent/detail/OutOfMemory.h"
 #include "agent/detail/RestoreTarget.h"
 #include "agent/detail/SmallFileWrite.h"
 #include "agent/detail/SparseRecord.h"
@@ -74,7 +75,7 @@ public:
     }
 
     // Extents first: a descriptor never stands there without what it names.
-    CZuError Commit(std::vector<std::string>& files) override {
+    CZuError Commit(RestoreResult_t& result) override {
         for (size_t index = 0; index < m_SmallFiles.size(); ++index)
             ZU_RETURN_IF_ERROR(ErrorAt(m_SmallFiles[index].Target(), WriteSmallFile(m_SmallFiles[index].TemporaryName(),
                                                                                     m_SmallFileContents[index].bytes)));
@@ -85,7 +86,7 @@ public:
         for (std::vector<CStagedFile>* group : {&m_ExtentFiles, &m_SmallFiles}) {
             for (CStagedFile& file : *group) {
                 ZU_RETURN_IF_ERROR(file.Commit());
-                files.push_back(file.Target());
+                result.files.push_back(file.Target());
             }
         }
         return CZuError();
@@ -179,7 +180,7 @@ private:
         const uint32_t got = plain.GetSize();
         const uint32_t whole = m_Stream.blockSectors << SectorShift;
         if (plain.ReAlloc(whole) == nullptr)
-            return Refusal("Out of memory");
+            return Refusal(OutOfMemory);
         std::memset(plain.GetPtr() + got, 0, whole - got);
         return CZuError();
     }

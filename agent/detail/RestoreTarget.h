@@ -27,8 +27,8 @@ public:
     virtual CZuError WriteBlock(const SetBlock_t& block, CAutoMemory<char>& plain) = 0;
     virtual CZuError EndStream() = 0;
 
-    // Gives all files their names, and tells them.
-    virtual CZuError Commit(std::vector<std::string>& files) = 0;
+    // Gives all files their names, and tells them and what else there is to know.
+    virtual CZuError Commit(RestoreResult_t& result) = 0;
 };
 
 std::unique_ptr<IRestoreTarget> MakeSameKindTarget();

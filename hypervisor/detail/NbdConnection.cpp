@@ -97,6 +97,10 @@ void CNbdConnection::StartRead(uint64_t offset, void* buffer, uint32_t size, Req
     request = Start([&](nbd_handle* handle) { return nbd_aio_pread(handle, buffer, size, offset, NoCallback, 0); });
 }
 
+void CNbdConnection::StartWrite(uint64_t offset, const void* bytes, uint32_t size, Request_t& request) {
+    request = Start([&](nbd_handle* handle) { return nbd_aio_pwrite(handle, bytes, size, offset, NoCallback, 0); });
+}
+
 CNbdConnection::Request_t CNbdConnection::Start(const Start_t& start) {
     Request_t request{m_Handle != nullptr ? start(m_Handle) : -1, m_Generation};
     if (request.cookie < 0 && m_Handle != nullptr)
@@ -130,16 +134,31 @@ CNbdConnection::Outcome_t CNbdConnection::Wait(const Request_t& request) {
     }
 }
 
-bool CNbdConnection::Run(const Start_t& start) {
+bool CNbdConnection::Finish(Request_t& request, const std::function<void()>& startAgain) {
     for (;;) {
-        switch (Wait(Start(start))) {
+        switch (Wait(request)) {
         case Outcome_t::Done: return true;
         case Outcome_t::Failed: return false;
         case Outcome_t::Lost: break;
         }
-        if (!Reconnect())
+        if (IsCurrent(request) && !Reconnect())
             return false;
+        startAgain();
     }
+}
+
+bool CNbdConnection::LetGo(const Request_t& request) {
+    return Wait(request) != Outcome_t::Lost || !IsCurrent(request) || Reconnect();
+}
+
+bool CNbdConnection::FailForMemory() {
+    NoteError("out of memory", ENOMEM);
+    return false;
+}
+
+bool CNbdConnection::Run(const Start_t& start) {
+    Request_t request = Start(start);
+    return Finish(request, [&] { request = Start(start); });
 }
 
 bool CNbdConnection::Reconnect() {
@@ -167,6 +186,7 @@ bool CNbdConnection::Reconnect() {
         }
         std::this_thread::sleep_for(pause);
     }
+    ++m_Reconnections;
     if (m_SizeBytes == sizeBytes)
         return true;
     NoteError("the export has " + std::to_string(m_SizeBytes) + " bytes after the connection was lost (" + cause +

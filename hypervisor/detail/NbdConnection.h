@@ -17,8 +17,9 @@ struct NbdStatus_t {
     uint32_t flags = 0;  // of the context that was asked
 };
 
-// One export. A connection that breaks is made again and the request repeated, for as long as the options say; the export
-// then has to be of the same size. Operations answer false for a failure, which `ErrorText` and `ErrorCode` tell.
+// One export. A connection that breaks is made again and the request repeated, for as long as the options say; the
+// export then has to be of the same size. Operations answer false for a failure, which `ErrorText` and `ErrorCode`
+// tell.
 class CNbdConnection {
 public:
     CNbdConnection(std::string uri, const NbdOptions_t& options) : m_Uri(std::move(uri)), m_Options(options) {}
@@ -52,15 +53,29 @@ public:
     };
     using Start_t = std::function<int64_t(nbd_handle*)>;
     void StartRead(uint64_t offset, void* buffer, uint32_t size, Request_t& request);
-    enum class Outcome_t { Done, Lost, Failed };
-    Outcome_t Wait(const Request_t& request);
-    bool IsCurrent(const Request_t& request) const { return request.generation == m_Generation; }
-    bool Reconnect();
+    void StartWrite(uint64_t offset, const void* bytes, uint32_t size, Request_t& request);
+
+    // Waits for a request, which `startAgain` makes anew over a new connection.
+    bool Finish(Request_t& request, const std::function<void()>& startAgain);
+
+    // Waits until the server has nothing more to do with the request, whatever became of it. False when the connection
+    // was lost and couldn't be made again.
+    bool LetGo(const Request_t& request);
+
+    // How often the connection was made again. What was written before may be gone with a server that failed.
+    unsigned Reconnections() const { return m_Reconnections; }
+
+    // Notes that a buffer for a request couldn't be had.
+    bool FailForMemory();
 
     const std::string& ErrorText() const { return m_ErrorText; }
     int ErrorCode() const { return m_ErrorCode; }
 
 private:
+    enum class Outcome_t { Done, Lost, Failed };
+    Outcome_t Wait(const Request_t& request);
+    bool IsCurrent(const Request_t& request) const { return request.generation == m_Generation; }
+    bool Reconnect();
     bool TryToConnect();
     bool FinishConnecting();
     void LearnOfExport();
@@ -79,6 +94,7 @@ private:
     std::vector<std::string> m_Contexts;
     nbd_handle* m_Handle = nullptr;
     unsigned m_Generation = 0;
+    unsigned m_Reconnections = 0;
     std::optional<Clock_t::time_point> m_LostSince;  // none while requests are answered
     uint64_t m_SizeBytes = 0;
     uint32_t m_SmallestBytes = 1;

@@ -6,8 +6,9 @@
 
 namespace {
 
-constexpr uint32_t PieceBytes = 512U << 10U;
-constexpr size_t MostPieces = 16;
+// Together as much as a fast network has on its way, and no more: it is used while it is in the processor's caches.
+constexpr uint32_t ReadAheadBytes = 512U << 10U;
+constexpr size_t MostPieces = 8;
 constexpr uint64_t NoOffset = ~uint64_t{0};  // behind every piece
 
 }  // namespace
@@ -51,8 +52,7 @@ bool CNbdReadAhead::Read(uint64_t offset, char* buffer, uint32_t size) {
 bool CNbdReadAhead::DropUpTo(uint64_t offset) {
     while (!m_Pieces.empty() && m_Pieces.front()->End() <= offset) {
         Piece_t& piece = *m_Pieces.front();
-        if (!piece.isThere && m_Connection.Wait(piece.request) == CNbdConnection::Outcome_t::Lost &&
-            m_Connection.IsCurrent(piece.request) && !m_Connection.Reconnect())
+        if (!piece.isThere && !m_Connection.LetGo(piece.request))
             return false;
         PutAwayFirst();
     }
@@ -81,7 +81,7 @@ bool CNbdReadAhead::FindNext(uint64_t from, uint64_t& offset) {
         ++m_NextExpected;
     if (m_NextExpected == m_Expected.size())
         return false;
-    const uint64_t start = m_Expected[m_NextExpected].start / PieceBytes * PieceBytes;
+    const uint64_t start = m_Expected[m_NextExpected].start / ReadAheadBytes * ReadAheadBytes;
     offset = std::max(from, start);
     return offset < m_Connection.SizeBytes();
 }
@@ -95,7 +95,7 @@ bool CNbdReadAhead::Start(uint64_t offset) {
     } else {
         piece = std::make_unique<Piece_t>();
     }
-    const uint64_t end = std::min((offset / PieceBytes + 1) * PieceBytes, m_Connection.SizeBytes());
+    const uint64_t end = std::min((offset / ReadAheadBytes + 1) * ReadAheadBytes, m_Connection.SizeBytes());
     piece->offset = offset;
     piece->size = static_cast<uint32_t>(end - offset);
     piece->isThere = false;
@@ -107,16 +107,9 @@ bool CNbdReadAhead::Start(uint64_t offset) {
 }
 
 bool CNbdReadAhead::Finish(Piece_t& piece) {
-    while (!piece.isThere) {
-        switch (m_Connection.Wait(piece.request)) {
-        case CNbdConnection::Outcome_t::Done: piece.isThere = true; break;
-        case CNbdConnection::Outcome_t::Failed: return false;
-        case CNbdConnection::Outcome_t::Lost:
-            if (m_Connection.IsCurrent(piece.request) && !m_Connection.Reconnect())
-                return false;
+    if (!piece.isThere)
+        piece.isThere = m_Connection.Finish(piece.request, [&] {
             m_Connection.StartRead(piece.offset, piece.bytes.GetPtr(), piece.size, piece.request);
-            break;
-        }
-    }
-    return true;
+        });
+    return piece.isThere;
 }

@@ -14,8 +14,8 @@ struct NbdRange_t {
     uint64_t end = 0;  // behind it
 };
 
-// Reads an export for a caller that mostly reads on. From the second read that lies behind the one before, large requests
-// are on their way for what comes next, so that neither side waits for the other.
+// Reads an export for a caller that mostly reads on. From the second read that lies behind the one before, large
+// requests are on their way for what comes next, so that neither side waits for the other.
 class CNbdReadAhead {
 public:
     // The connection stays the caller's, and goes before this: requests on their way write into buffers of this.

@@ -199,6 +199,72 @@ TEST_F(NbdVMInfo, WritesAndZeroesWhereItIsTold) {
     EXPECT_SAME_BYTES(bytes, Read(0, 4096));
 }
 
+// Blocks that follow each other, gaps, more than one request holds, and the begun sector at the end.
+TEST_F(NbdVMInfo, QueuedWritesAreThereWhenFlushed) {
+    SKIP_WITHOUT_PROGRAM("nbdkit");
+    std::string bytes = PatternedBytes(24 * MiB + 100);
+    Open(ServeWithNbdkit(bytes, {}));
+    const struct {
+        uint64_t firstSector;
+        uint32_t sectors;
+    } rows[] = {{1, 1},       {2, 128},     {130, 128},    {300, 128},  {1000, 5000},   {6000, 1},
+                {8192, 1024}, {9216, 1024}, {10240, 1024}, {12000, 77}, {13000, 12288}, {26000, 128},
+                {26128, 128}, {26300, 1},   {26302, 1},    {26304, 1},  {26306, 1},     {26308, 1},
+                {26310, 1},   {26312, 1},   {26314, 1},    {26316, 1},  {49000, 153}};
+    for (const auto& row : rows) {
+        std::string written = PatternedBytes(row.sectors * Sector, static_cast<unsigned>(row.firstSector));
+        ASSERT_EQ(1, m_Info.QueueWriteCurrVmdkFile(m_Handle, row.firstSector, row.sectors, written.data()))
+            << m_Info.LastErrorText();
+        bytes.replace(row.firstSector * Sector, written.size(),
+                      written.substr(0, bytes.size() - std::min<uint64_t>(bytes.size(), row.firstSector * Sector)));
+        std::fill(written.begin(), written.end(), '!');  // the queue has its own copy
+    }
+    ASSERT_EQ(1, m_Info.FlushCurrVmdkFile(m_Handle)) << m_Info.LastErrorText();
+    EXPECT_SAME_BYTES(bytes, m_Dir.Read("disk.raw"));
+    EXPECT_FALSE(m_Info.WasConnectionLost(m_Handle));
+}
+
+TEST_F(NbdVMInfo, QueuedWritesKeepToTheExport) {
+    Open(ServeRaw(std::string(MiB, 'o')));
+    const std::string sectors(2 * Sector, 'w');
+    EXPECT_EQ(0, m_Info.QueueWriteCurrVmdkFile(m_Handle, 2047, 2, sectors.data()));
+    EXPECT_EQ(EINVAL, m_Info.GetLastErrorCode());
+    Open(ServeRaw(std::string(MiB, 'o'), {"-r"}));
+    EXPECT_EQ(0, m_Info.QueueWriteCurrVmdkFile(m_Handle, 0, 1, sectors.data()));
+    EXPECT_EQ(303, m_Info.GetLastErrorCode());
+}
+
+TEST_F(NbdVMInfo, AQueuedWriteThatFailsIsToldAtTheLatestByTheFlush) {
+    SKIP_WITHOUT_PROGRAM("nbdkit");
+    Open(ServeWithNbdkit(std::string(2 * MiB, 'o'), {"error"}, {"error-pwrite=ENOSPC", "error-pwrite-rate=1"}));
+    const std::string sector(Sector, 'w');
+    EXPECT_EQ(1, m_Info.QueueWriteCurrVmdkFile(m_Handle, 0, 1, sector.data()));
+    EXPECT_EQ(0, m_Info.FlushCurrVmdkFile(m_Handle));
+    EXPECT_EQ(ENOSPC, m_Info.GetLastErrorCode());
+    int done = 1;
+    for (uint64_t number = 0; number < 4096 && done == 1; number += 2)
+        done = m_Info.QueueWriteCurrVmdkFile(m_Handle, number, 1, sector.data());
+    EXPECT_EQ(0, done) << "the queue holds only so many";
+}
+
+TEST_F(NbdVMInfo, QueuedWritesGoOnOverANewConnection) {
+    Open(ServeRaw(std::string(20 * MiB, 'o')));
+    const std::string written = PatternedBytes(16 * MiB);
+    for (uint64_t sector = 0; sector < 32768; sector += 128) {
+        if (sector == 16384) {
+            m_Server->Kill();
+            m_Server->Start();
+        }
+        ASSERT_EQ(1, m_Info.QueueWriteCurrVmdkFile(m_Handle, sector, 128, written.data() + sector * Sector))
+            << m_Info.LastErrorText();
+    }
+    m_Server->Kill();
+    m_Server->Start();
+    ASSERT_EQ(1, m_Info.FlushCurrVmdkFile(m_Handle)) << m_Info.LastErrorText();
+    EXPECT_SAME_BYTES(written + std::string(4 * MiB, 'o'), m_Dir.Read("disk.raw"));
+    EXPECT_TRUE(m_Info.WasConnectionLost(m_Handle));
+}
+
 TEST_F(NbdVMInfo, AServerThatCannotZeroGetsZeros) {
     SKIP_WITHOUT_PROGRAM("nbdkit");
     Open(ServeWithNbdkit(PatternedBytes(6 * MiB), {"nozero"}));
