@@ -13,6 +13,7 @@
 #include "agent/WholeDisk.h"
 #include "agent/detail/BlockBatch.h"
 #include "agent/detail/CatalogWriter.h"
+#include "agent/detail/OutOfMemory.h"
 #include "agent/detail/StagedFile.h"
 #include "foundation/detail/ErrorHandling.h"
 #include "foundation/detail/UtcTime.h"
@@ -115,7 +116,7 @@ private:
             return Refusal("What changed is known of one disk that a server exports, such as nbd://host/export");
         if (IsSameFile(m_Options.base, setName))
             return Refusal(setName + ": is the base itself; give another name for the set");
-        CBackupSetReader base;
+        CBackupSetReader& base = m_BaseSet.emplace();
         ZU_RETURN_IF_ERROR(base.Open(m_Options.base));
         const CDiskImage& image = m_Images.front();
         const std::vector<SetStream_t>& streams = base.Streams();
@@ -221,6 +222,7 @@ private:
                                                 stream.TakeRecord(), m_Options.compressionLevel));
         ZU_RETURN_IF_ERROR(MoveBlocks(stream));
         ZU_RETURN_IF_ERROR(m_Writer.EndStream());
+        WarnOfUnknownBlocks(extent);
         return CZuError();
     }
 
@@ -241,21 +243,53 @@ private:
         return CZuError();
     }
 
-    static bool ReadBatch(CExtentStream& stream, size_t mostBlocks, BlockBatch_t& batch, CZuError& error) {
+    bool ReadBatch(CExtentStream& stream, size_t mostBlocks, BlockBatch_t& batch, CZuError& error) {
         batch.count = 0;
         while (batch.count < mostBlocks) {
-            BatchBlock_t& next = batch.Add();
-            std::optional<BlockPlace_t> place;
-            error = stream.Next(next.plain, place);
-            if (error.IsErrorSet() || !place.has_value()) {
+            bool isThere = false;
+            error = ReadNext(stream, batch.Add(), isThere);
+            if (error.IsErrorSet() || !isThere) {
                 batch.DropLast();
                 break;
             }
-            next.block.number = place->number;
-            next.block.sectors = place->sectors;
-            next.block.isInherited = place->isUnchanged;
         }
         return batch.count != 0 && !error.IsErrorSet();
+    }
+
+    CZuError ReadNext(CExtentStream& stream, BatchBlock_t& next, bool& isThere) {
+        std::optional<BlockPlace_t> place;
+        ZU_RETURN_IF_ERROR(stream.Next(next.plain, place));
+        isThere = place.has_value();
+        if (!isThere)
+            return CZuError();
+        next.block.number = place->number;
+        next.block.sectors = place->sectors;
+        next.block.isInherited = place->isUnchanged;
+        return place->isUnchanged ? TakeUnlessInBase(stream, next) : CZuError();
+    }
+
+    // A bitmap that is younger than the base doesn't name what was written between the two: what the base can't give,
+    // the set has to have.
+    CZuError TakeUnlessInBase(CExtentStream& stream, BatchBlock_t& next) {
+        bool isInBase = false;
+        ZU_RETURN_IF_ERROR(m_BaseSet->HasBlock(m_BaseSet->Streams().front(), next.block.number, isInBase));
+        if (isInBase)
+            return CZuError();
+        ++m_UnknownBlocks;
+        next.block.isInherited = false;
+        return stream.ReadUnchanged(next.block.number, next.plain);
+    }
+
+    void WarnOfUnknownBlocks(const DiskExtent_t& extent) {
+        if (m_UnknownBlocks == 0)
+            return;
+        m_Result.warnings.push_back(
+            CZuString::Format(
+                "{1}: {2} blocks are neither in the base nor told by the bitmap {3}, and went into the set. "
+                "If the bitmap was begun after the base was made, other changes may be missing: compare "
+                "with `diskstream verify SET --against {1}`, or back the disk up whole",
+                extent.path, m_UnknownBlocks, m_Options.image.changedSince)
+                .c_str());
     }
 
     static void EncodeBatch(CBlockEncoder& encoder, BlockBatch_t& batch) {
@@ -295,7 +329,9 @@ private:
     const BackupOptions_t& m_Options;
     BackupResult_t& m_Result;
     std::vector<CDiskImage> m_Images;  // in the order in which they were given
+    std::optional<CBackupSetReader> m_BaseSet;
     std::optional<SetBase_t> m_Base;
+    uint64_t m_UnknownBlocks = 0;  // that the base should have, and hasn't
     CBackupSetWriter m_Writer;
     std::vector<uint32_t> m_BlockSectors;  // of the streams of each disk
     int64_t m_NextStream = 0;
@@ -306,7 +342,7 @@ private:
 
 CZuError BackUpDisks(const std::vector<std::string>& images, const std::string& set, const BackupOptions_t& options,
                      BackupResult_t& result) {
-    return WithinMemory("Out of memory", [&] {
+    return WithinMemory(OutOfMemory, [&] {
         result = BackupResult_t();
         return CBackupRun(options, result).Run(images, set);
     });

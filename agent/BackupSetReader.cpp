@@ -230,6 +230,11 @@ CZuError CBackupSetReader::ReadBlock(const SetStream_t& stream, uint64_t number,
     return m_Impl->base->ReadBlock(BaseStreamOf(stream), number, bytes, isThere);
 }
 
+CZuError CBackupSetReader::HasBlock(const SetStream_t& stream, uint64_t number, bool& isThere) {
+    ZU_RETURN_IF_ERROR(m_Impl->finder.Has(stream, number, isThere));
+    return isThere || !Info().base.has_value() ? CZuError() : m_Impl->inheritedRuns.Has(stream, number, isThere);
+}
+
 CZuError CBackupSetReader::ReadPart(const SetPart_t& part, uint64_t offset, char* buffer, uint32_t size) {
     return m_Impl->parts.Read(part, offset, buffer, size);
 }
@@ -298,8 +303,8 @@ CZuError CBackupSetReader::NextBlock(std::optional<SetBlock_t>& block) {
     return m_Impl->failure;
 }
 
-// The one of the lower number of what the set itself and its base have next. Only the side that was given goes on, so that
-// the other one's bytes stay.
+// The one of the lower number of what the set itself and its base have next. Only the side that was given goes on, so
+// that the other one's bytes stay.
 CZuError CBackupSetReader::StepToBlock(std::optional<SetBlock_t>& block) {
     Side_t& own = m_Impl->own;
     Side_t& inherited = m_Impl->inherited;

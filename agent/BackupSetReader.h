@@ -29,9 +29,10 @@ public:
 
     CZuError Open(const std::string& path);
 
-    // Opens the sets on which this one builds, all the way down, without which no block can be read. Each is known by its
-    // identity, and looked for among `places`, which are sets, or directories with sets under their own names, and then
-    // beside the set that builds on it. Errors say which one is missing. A set that builds on none has nothing to open.
+    // Opens the sets on which this one builds, all the way down, without which no block can be read. Each is known by
+    // its identity, and looked for among `places`, which are sets, or directories with sets under their own names, and
+    // then beside the set that builds on it. Errors say which one is missing. A set that builds on none has nothing to
+    // open.
     CZuError OpenBases(const std::vector<std::string>& places = {});
 
     // The base, once it is open; null without one.
@@ -40,8 +41,8 @@ public:
     // By which a set that builds on this one knows it: the digest over its lists.
     const BlockDigest_t& Identity() const;
 
-    // Between these, which may lie within each other, nobody can write to the set, and many small reads are quicker: a read
-    // of its own locks the file and looks for a journal.
+    // Between these, which may lie within each other, nobody can write to the set, and many small reads are quicker: a
+    // read of its own locks the file and looks for a journal.
     void Hold();
     void LetGo();
 
@@ -62,16 +63,18 @@ public:
     // The bytes that the blocks of `stream` take in this set and its bases together.
     uint64_t StoredBytesOf(const SetStream_t& stream) const;
 
-    // Walks the blocks of `stream` in the order of their numbers, those of its base included. A block's bytes live until the
-    // next call. Behind the last one `block` is empty, at each call, and the stream's digest has been proved:
-    // blocks that were lost or changed places are found out there. A failure ends the walk and is
-    // given again.
+    // Walks the blocks of `stream` in the order of their numbers, those of its base included. A block's bytes live
+    // until the next call. Behind the last one `block` is empty, at each call, and the stream's digest has been proved:
+    // blocks that were lost or changed places are found out there. A failure ends the walk and is given again.
     CZuError BeginBlocks(const SetStream_t& stream);
     CZuError NextBlock(std::optional<SetBlock_t>& block);
 
     // Makes `bytes` the block `number` of `stream`, proved. `isThere` is false where the stream has no
     // such block; one that it had and that is lost is a failure.
     CZuError ReadBlock(const SetStream_t& stream, uint64_t number, CAutoMemory<char>& bytes, bool& isThere);
+
+    // Tells whether the set has the block, or names it as one of its base, which needn't be open.
+    CZuError HasBlock(const SetStream_t& stream, uint64_t number, bool& isThere);
 
     // Reads `size` bytes at `offset` of a part, proved. A few pieces of 1 MiB are kept, so that
     // neighbours are cheap.
@@ -81,8 +84,8 @@ public:
     // use the reader, too.
     CZuError ForEachEntry(int64_t volume, uint64_t parent, const std::function<bool(SetEntry_t&)>& take);
 
-    // Takes all entries of the volume, by directory, name and number, until `take` is false, and proves at the end that they
-    // are those that were written.
+    // Takes all entries of the volume, by directory, name and number, until `take` is false, and proves at the end that
+    // they are those that were written.
     CZuError ForEachEntryOf(const SetVolume_t& volume, const std::function<bool(SetEntry_t&)>& take);
 
     // The first entry of that name, by number, or none.

@@ -30,6 +30,10 @@ CZuError CExtentStream::Next(CAutoMemory<char>& bytes, std::optional<BlockPlace_
     return ErrorAt(m_Path, m_Source->Next(bytes, place));
 }
 
+CZuError CExtentStream::ReadUnchanged(uint64_t number, CAutoMemory<char>& bytes) {
+    return ErrorAt(m_Path, m_Source->ReadUnchanged(number, bytes));
+}
+
 std::unique_ptr<IBlockSource> MakeBlockSource(const DiskExtent_t& extent) {
     if (extent.chain != nullptr)
         return MakeChainSource();

@@ -46,6 +46,9 @@ public:
     // Makes `bytes` the next block; `place` is empty behind the last one.
     CZuError Next(CAutoMemory<char>& bytes, std::optional<BlockPlace_t>& place);
 
+    // Makes `bytes` the block `number`, which came as unchanged and so without them.
+    CZuError ReadUnchanged(uint64_t number, CAutoMemory<char>& bytes);
+
 private:
     std::string m_Path;
     std::unique_ptr<IBlockSource> m_Source;

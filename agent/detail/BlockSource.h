@@ -22,6 +22,9 @@ public:
     // Makes `bytes` the next block; `place` stays empty behind the last one.
     virtual CZuError Next(CAutoMemory<char>& bytes, std::optional<BlockPlace_t>& place) = 0;
 
+    // Makes `bytes` a block that came as unchanged, and so without them. Others than those have no such blocks.
+    virtual CZuError ReadUnchanged(uint64_t /*number*/, CAutoMemory<char>& /*bytes*/) { return CZuError(); }
+
     // Of an open source.
     uint32_t BlockSectors() const { return m_BlockSectors; }
     uint64_t ExpectedBytes() const { return m_ExpectedBytes; }

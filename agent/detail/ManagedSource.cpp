@@ -2,6 +2,7 @@
 
 #include "VirtualServer/VMInfo/ArchiveVirtualDiskFile.h"
 #include "agent/detail/BlockSource.h"
+#include "agent/detail/OutOfMemory.h"
 #include "foundation/detail/CheckedMath.h"
 #include "foundation/detail/ErrorHandling.h"
 #include "hypervisor/NbdVMInfo.h"
@@ -30,15 +31,31 @@ public:
         if (m_Core->IsErrorEOF(error) != 0)
             return CZuError();
         ZU_RETURN_IF_ERROR(InServersWords(error));
-        const uint64_t rest = m_Extent.totalSectors - number * FlatBlockSectors;
-        const auto sectors = static_cast<uint32_t>(std::min<uint64_t>(rest, FlatBlockSectors));
+        const uint32_t sectors = SectorsOf(number);
         place = BlockPlace_t{number, sectors, bytes.GetSize() == 0};
         if (bytes.GetSize() != 0)
             bytes.Alloc(sectors << SectorShift);  // behind the disk's end there are zeros
         return CZuError();
     }
 
+    CZuError ReadUnchanged(uint64_t number, CAutoMemory<char>& bytes) override {
+        CNbdVMInfo& server = *m_Extent.server;
+        const uint32_t sectors = SectorsOf(number);
+        VmdkFileHandle_t handle;
+        if (bytes.Alloc(sectors << SectorShift) == nullptr)
+            return Refusal(OutOfMemory);
+        const bool isRead = server.SetCurrVmdkFile("", "", m_Extent.path, handle) != 0 &&
+                            server.ReadCurrVmdkFile(handle, number * FlatBlockSectors, sectors, bytes.GetPtr()) != 0;
+        return isRead ? CZuError() : Refusal(server.LastErrorText());
+    }
+
 private:
+    // The last block may be shorter than the others.
+    uint32_t SectorsOf(uint64_t number) const {
+        const uint64_t rest = m_Extent.totalSectors - number * FlatBlockSectors;
+        return static_cast<uint32_t>(std::min<uint64_t>(rest, FlatBlockSectors));
+    }
+
     // The core knows that the server failed; the server knows why.
     CZuError InServersWords(const CZuError& error) const {
         const std::string& text = m_Extent.server->LastErrorText();

@@ -37,6 +37,16 @@ CZuError CSetBlockFinder::Read(const SetStream_t& stream, uint64_t number, CAuto
     return CZuError();
 }
 
+CZuError CSetBlockFinder::Has(const SetStream_t& stream, uint64_t number, bool& isThere) {
+    isThere = false;
+    if (number >= BlockNumberEnd)
+        return CZuError();
+    if (m_Lists.version != 1)
+        return m_Runs.Has(stream, number, isThere);
+    CAutoMemory<char> bytes;
+    return ReadRow(stream, number, bytes, isThere);
+}
+
 CZuError CSetBlockFinder::ReadRow(const SetStream_t& stream, uint64_t number, CAutoMemory<char>& bytes, bool& isThere) {
     if (!m_SelectBlock.IsPrepared())
         ZU_RETURN_IF_ERROR(

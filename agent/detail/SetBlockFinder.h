@@ -12,6 +12,9 @@ public:
 
     CZuError Read(const SetStream_t& stream, uint64_t number, CAutoMemory<char>& bytes, bool& isThere);
 
+    // The same without reading it.
+    CZuError Has(const SetStream_t& stream, uint64_t number, bool& isThere);
+
 private:
     CZuError ReadRow(const SetStream_t& stream, uint64_t number, CAutoMemory<char>& bytes, bool& isThere);
 

@@ -39,8 +39,8 @@ protected:
 
     void Write(const std::vector<std::string>& commands) { ASSERT_TRUE(RunsInQemuIo("raw", Uri(), commands)); }
 
-    // A disk of which not all is on its way when the first blocks are in the set. It has no bitmaps: these don't survive
-    // that their server is killed.
+    // A disk of which not all is on its way when the first blocks are in the set. It has no bitmaps: these don't
+    // survive that their server is killed.
     void ServeLarge() {
         m_Server->Kill();
         ASSERT_TRUE(Runs("qemu-img create -q -f qcow2 " + Quoted(Image()) + " 40M"));
@@ -122,6 +122,27 @@ TEST_F(NbdBackups, ABackupOfChangesHoldsExactlyTheBlocksWritten) {
     EXPECT_FALSE(differences.empty());
 }
 
+TEST_F(NbdBackups, WhatABitmapYoungerThanTheBaseDoesNotTellIsInTheSetWhereTheBaseHasNone) {
+    ASSERT_OK(BackUpWhole("whole"));
+    Write({"write -P 8 5M 100k"});
+    m_Server->Kill();
+    ASSERT_TRUE(Runs("qemu-img bitmap --add " + Quoted(Image()) + " late"));
+    m_Server.emplace(StorageDaemon(Image(), {"late"}), "disk");
+    ASSERT_TRUE(m_Server->Start());
+    Write({"write -P 9 10M 64k"});
+    const std::string state = State();
+    ASSERT_OK(BackUpChanges("changes", "late", "whole"));
+    EXPECT_EQ((std::set<uint64_t>{80, 81, 160}), OwnBlocks("changes"));
+    EXPECT_SAME_BYTES(state, Restored("changes"));
+    ASSERT_EQ(1U, m_Result.warnings.size());
+    EXPECT_EQ(Uri() +
+                  ": 2 blocks are neither in the base nor told by the bitmap late, and went into the set. If the "
+                  "bitmap was begun after the base was made, other changes may be missing: compare with `diskstream "
+                  "verify SET --against " +
+                  Uri() + "`, or back the disk up whole",
+              m_Result.warnings.front());
+}
+
 TEST_F(NbdBackups, AChainOfBackupsRestoresEachState) {
     ASSERT_OK(BackUpWhole("whole"));
     const std::string first = State();
@@ -150,6 +171,31 @@ TEST_F(NbdBackups, TheSetGoesBackIntoAnExport) {
     options.force = true;
     ASSERT_OK(RestoreDisk(m_Dir.File("whole"), Uri(), options, result));
     EXPECT_SAME_BYTES(before, State());
+}
+
+TEST_F(NbdBackups, ARestoreOverANewConnectionSaysWhatToCheck) {
+    ServeLarge();
+    const std::string state = State();
+    ASSERT_OK(BackUpWhole("whole"));
+    const std::string file = m_Dir.Write("target.raw", std::string(state.size(), 'o'));
+    CNbdServer target({"qemu-nbd", "-t", "-k", "SOCKET", "-f", "raw", file});
+    ASSERT_TRUE(target.Start());
+    RestoreOptions_t options;
+    options.force = true;
+    bool isCut = false;
+    options.progress = [&](const Progress_t& progress) {
+        if (!isCut && progress.doneBytes != 0) {
+            isCut = true;
+            target.Kill();
+            target.Start();
+        }
+        return true;
+    };
+    RestoreResult_t result;
+    ASSERT_OK(RestoreDisk(m_Dir.File("whole"), target.Uri(), options, result));
+    EXPECT_SAME_BYTES(state, m_Dir.Read("target.raw"));
+    ASSERT_EQ(1U, result.warnings.size());
+    EXPECT_NE(std::string::npos, result.warnings.front().find("verify --against")) << result.warnings.front();
 }
 
 TEST_F(NbdBackups, AnExportOfAnotherSizeIsNotRestoredTo) {
