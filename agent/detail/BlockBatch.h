@@ -18,7 +18,7 @@ struct BatchBlock_t {
     bool isSound = true;
 };
 
-// Blocks travel in batches, so that threads meet once for a megabyte and not for each block. The
+// Blocks travel in batches, so that threads meet once for half a megabyte and not for each block. The
 // buffers are used again and again.
 struct BlockBatch_t {
     std::vector<BatchBlock_t> blocks;
@@ -39,7 +39,7 @@ using BlockPipeline_t = COrderedPipeline<BlockBatch_t>;
 // 20 MiB unless a single block is larger.
 struct PipelineShape_t {
     explicit PipelineShape_t(uint32_t blockSectors) {
-        constexpr uint64_t batchBytes = uint64_t{1} << 20U;
+        constexpr uint64_t batchBytes = uint64_t{1} << 19U;
         constexpr uint64_t allBytes = uint64_t{20} << 20U;
         constexpr uint64_t mostBatches = 8;
         constexpr size_t mostWorkers = 8;

@@ -41,77 +41,87 @@ public:
     }
 
 private:
-    enum class State_t { Free, Produced, Worked };
     struct Slot_t {
         Item item;
-        State_t state = State_t::Free;
+        bool isWorked = false;
     };
     static constexpr size_t NoEndYet = ~size_t{0};
 
     void ProduceAll(const Produce_t& produce) {
-        for (size_t index = 0; WaitFor(index, State_t::Free); ++index) {
+        for (size_t index = 0; WaitForRoom(index); ++index) {
             if (!produce(SlotAt(index).item)) {
                 EndAt(index);
                 return;
             }
-            Change(index, State_t::Produced);
+            Change(m_HasWork, [&] { m_Produced = index + 1; });
         }
     }
 
     void WorkOnAll(const Work_t& work, size_t worker) {
-        for (size_t index = TakeNext(); WaitFor(index, State_t::Produced); index = TakeNext()) {
+        for (size_t index = 0; TakeNext(index);) {
             work(SlotAt(index).item, worker);
-            Change(index, State_t::Worked);
+            Change(m_HasItem, [&] { SlotAt(index).isWorked = true; });
         }
     }
 
     void ConsumeAll(const Consume_t& consume) {
-        for (size_t index = 0; WaitFor(index, State_t::Worked); ++index) {
+        for (size_t index = 0; WaitForItem(index); ++index) {
             if (!consume(SlotAt(index).item))
                 return;
-            Change(index, State_t::Free);
+            Change(m_HasRoom, [&] {
+                SlotAt(index).isWorked = false;
+                m_Consumed = index + 1;
+            });
         }
     }
 
-    // False when the item of that index will never come into that state.
-    bool WaitFor(size_t index, State_t state) {
+    bool WaitForRoom(size_t index) {
         std::unique_lock lock(m_Mutex);
-        m_Changed.wait(lock, [&] { return m_IsStopped || index >= m_End || IsTurn(index, state); });
+        m_HasRoom.wait(lock, [&] { return m_IsStopped || index < m_Consumed + m_Slots.size(); });
+        return !m_IsStopped;
+    }
+
+    // An item is a worker's only when it is there: whichever of them is woken has something to do.
+    bool TakeNext(size_t& index) {
+        std::unique_lock lock(m_Mutex);
+        m_HasWork.wait(lock, [&] { return m_IsStopped || m_Taken < m_Produced || m_Taken >= m_End; });
+        if (m_IsStopped || m_Taken >= m_End)
+            return false;
+        index = m_Taken++;
+        return true;
+    }
+
+    // False when there will be no item of that index.
+    bool WaitForItem(size_t index) {
+        std::unique_lock lock(m_Mutex);
+        m_HasItem.wait(lock, [&] { return m_IsStopped || index >= m_End || SlotAt(index).isWorked; });
         return !m_IsStopped && index < m_End;
     }
 
-    // A slot's state alone could be that of the item one round before.
-    bool IsTurn(size_t index, State_t state) const {
-        if (state == State_t::Free)
-            return index < m_Consumed + m_Slots.size();
-        return index < m_Consumed + m_Slots.size() && index < m_Produced && SlotAt(index).state == state;
-    }
-
-    void Change(size_t index, State_t state) {
-        const std::lock_guard lock(m_Mutex);
-        SlotAt(index).state = state;
-        if (state == State_t::Produced)
-            m_Produced = index + 1;
-        if (state == State_t::Free)
-            m_Consumed = index + 1;
-        m_Changed.notify_all();
-    }
-
-    size_t TakeNext() {
-        const std::lock_guard lock(m_Mutex);
-        return m_NextToWork++;
+    // Wakes one of those who wait for the change, and none of the others.
+    template <typename Make> void Change(std::condition_variable& changed, Make make) {
+        {
+            const std::lock_guard lock(m_Mutex);
+            make();
+        }
+        changed.notify_one();
     }
 
     void EndAt(size_t index) {
         const std::lock_guard lock(m_Mutex);
         m_End = index;
-        m_Changed.notify_all();
+        WakeAll();
     }
 
     void Stop() {
         const std::lock_guard lock(m_Mutex);
         m_IsStopped = true;
-        m_Changed.notify_all();
+        WakeAll();
+    }
+
+    void WakeAll() {
+        for (std::condition_variable* const each : {&m_HasRoom, &m_HasWork, &m_HasItem})
+            each->notify_all();
     }
 
     template <typename Step> void Guarded(Step step) {
@@ -122,20 +132,21 @@ private:
             if (m_Thrown == nullptr)
                 m_Thrown = std::current_exception();
             m_IsStopped = true;
-            m_Changed.notify_all();
+            WakeAll();
         }
     }
 
     Slot_t& SlotAt(size_t index) { return m_Slots[index % m_Slots.size()]; }
-    const Slot_t& SlotAt(size_t index) const { return m_Slots[index % m_Slots.size()]; }
 
     std::vector<Slot_t> m_Slots;
     const size_t m_WorkerCount;
     std::mutex m_Mutex;
-    std::condition_variable m_Changed;
+    std::condition_variable m_HasRoom;  // for the producer
+    std::condition_variable m_HasWork;  // for the workers
+    std::condition_variable m_HasItem;  // for the consumer
     size_t m_Produced = 0;
+    size_t m_Taken = 0;
     size_t m_Consumed = 0;
-    size_t m_NextToWork = 0;
     size_t m_End = NoEndYet;
     bool m_IsStopped = false;
     std::exception_ptr m_Thrown;
