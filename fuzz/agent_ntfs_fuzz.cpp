@@ -1,6 +1,6 @@
 // The input is pieces of a small NTFS volume, see NtfsImage.h, on a disk of its own. Everything that people can ask of
-// it is asked: the tree, each file's facts, streams, backup stream and descriptor. What is said of a file has to be what
-// is given, and the volume's size bounds the memory that this takes.
+// it is asked: the tree, each file's facts, streams, backup stream and descriptor. What is said of a file has to be
+// what is given, and the volume's size bounds the memory that this takes.
 #include <cstdint>
 #include <set>
 #include <string>

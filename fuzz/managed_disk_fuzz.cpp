@@ -1,5 +1,6 @@
-// The input is what a server of disks answers: the size of its disk, what it tells of allocated and changed stretches, and
-// the settings that go into the disk's record; and the record of a disk that is to be made. A server may answer anything.
+// The input is what a server of disks answers: the size of its disk, what it tells of allocated and changed stretches,
+// and the settings that go into the disk's record; and the record of a disk that is to be made. A server may answer
+// anything.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -81,8 +82,8 @@ public:
         return 1;
     }
 
-    // An answer is what the input has, but for the position, which most of the time is the one asked for. The input's end
-    // ends the questions.
+    // An answer is what the input has, but for the position, which most of the time is the one asked for. The input's
+    // end ends the questions.
     int GetCurrVmdkFileExtents(VmdkFileHandle_t& /*handle*/, const char* /*changeId*/, uint64_t position,
                                VmdkFileExtents_t& extents) override {
         if (m_Input.Left() == 0)

@@ -1,6 +1,6 @@
 // The input is the files of a metadata collection: which of them have no signature, the lengths of four of them, and
-// these, one behind the other: volume information, associates, security, directory structure. The rest is the copy of the
-// MFT, whose update sequences are put in afterwards. All files that open are read, their resident streams and the
+// these, one behind the other: volume information, associates, security, directory structure. The rest is the copy of
+// the MFT, whose update sequences are put in afterwards. All files that open are read, their resident streams and the
 // descriptions of the others.
 #include <fcntl.h>
 #include <sys/mman.h>

@@ -1,6 +1,6 @@
-// The input is a node of a directory's index, from its header on. It is walked in a block of its own size, and it is met
-// as the root of a directory and as a block of its allocation, on a volume that has nothing else. No entry may leave the
-// node, and a name that is found has to be in it.
+// The input is a node of a directory's index, from its header on. It is walked in a block of its own size, and it is
+// met as the root of a directory and as a block of its allocation, on a volume that has nothing else. No entry may
+// leave the node, and a name that is found has to be in it.
 #include <algorithm>
 #include <cstdint>
 #include <string>

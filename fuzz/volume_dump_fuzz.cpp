@@ -1,6 +1,6 @@
-// The input is a volume dump, tried as it is and with a hole in front of its footer, which lets an input of a few hundred
-// bytes promise large bitmaps. What is read of it takes memory by what the file holds, and what a stretch of a disk maps
-// to at once has to be what it maps to sector by sector.
+// The input is a volume dump, tried as it is and with a hole in front of its footer, which lets an input of a few
+// hundred bytes promise large bitmaps. What is read of it takes memory by what the file holds, and what a stretch of a
+// disk maps to at once has to be what it maps to sector by sector.
 #include <algorithm>
 #include <cstdint>
 #include <cstring>

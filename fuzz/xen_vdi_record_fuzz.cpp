@@ -1,5 +1,5 @@
-// The input is the record of a Xen host's disk image, as XML from a backup set that somebody else wrote. What is read of it
-// has to come back from what is written of it, in both forms, and memory follows the text.
+// The input is the record of a Xen host's disk image, as XML from a backup set that somebody else wrote. What is read
+// of it has to come back from what is written of it, in both forms, and memory follows the text.
 #include <cstddef>
 #include <cstdint>
 #include <string>
