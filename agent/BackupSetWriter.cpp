@@ -6,7 +6,9 @@
 #include <tuple>
 #include <vector>
 
+#include "agent/ErrorText.h"
 #include "agent/detail/BlockRuns.h"
+#include "agent/detail/EarlySync.h"
 #include "agent/detail/SetDatabase.h"
 #include "agent/detail/SetDigest.h"
 #include "agent/detail/SetEntryWriter.h"
@@ -44,7 +46,8 @@ struct CBackupSetWriter::Impl_t {
     CZuError WriteInfo();
 
     CStagedFile staged;
-    CSetDatabase database;  // closed before the staged file goes
+    CEarlySync earlySync;   // its end would give the database's locks away
+    CSetDatabase database;  // closed before those go
     CSetStatement addBlock;
     CSetStatement addRecordPiece;
     CSetStatement addStream;
@@ -67,6 +70,7 @@ CBackupSetWriter::~CBackupSetWriter() = default;
 CZuError CBackupSetWriter::Create(const std::string& path, bool replacing) {
     ZU_RETURN_IF_ERROR(m_Impl->staged.Begin(path, replacing));
     ZU_RETURN_IF_ERROR(m_Impl->database.Create(m_Impl->staged.TemporaryName(), path));
+    ZU_RETURN_IF_ERROR(ErrorAt(path, m_Impl->earlySync.Begin(m_Impl->staged.TemporaryName())));
     for (const char* sql : Setup)
         ZU_RETURN_IF_ERROR(m_Impl->database.Execute(sql));
     ZU_RETURN_IF_ERROR(m_Impl->CreateTables());
@@ -118,6 +122,7 @@ CZuError CBackupSetWriter::AddBlock(const SetBlock_t& block) {
     AddToDigest(*m_Impl->streamDigest, block);
     ++m_Impl->stream.blockCount;
     m_Impl->stream.storedBytes += block.encoded.sizeBytes;
+    m_Impl->earlySync.Count(block.encoded.sizeBytes);
     return CZuError();
 }
 
@@ -194,6 +199,7 @@ CZuError CBackupSetWriter::Commit(const SetInfo_t& info) {
         statement->Finish();
     m_Impl->parts.Finish();
     ZU_RETURN_IF_ERROR(m_Impl->database.Close());
+    m_Impl->earlySync.End();
     std::error_code ignored;  // the size is for the summary alone
     m_Impl->sizeBytes = std::filesystem::file_size(m_Impl->staged.TemporaryName(), ignored);
     ZU_RETURN_IF_ERROR(m_Impl->staged.Commit());

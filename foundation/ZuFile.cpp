@@ -145,3 +145,8 @@ CZuError CZuFile::Truncate(int64_t size) {
 CZuError CZuFile::Sync() {
     return SystemFailure(IsValid() ? Files().Sync(m_Shared->fd) : EBADF);
 }
+
+void CZuFile::BeginSync(int64_t offset) {
+    if (IsValid())
+        Files().BeginSync(m_Shared->fd, offset);
+}

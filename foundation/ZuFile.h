@@ -47,6 +47,9 @@ public:
     // Returns when everything written is on the medium.
     CZuError Sync();
 
+    // Lets what was written from `offset` on go to the medium, without waiting for it.
+    void BeginSync(int64_t offset);
+
 private:
     struct Shared_t;
 

@@ -44,6 +44,11 @@ public:
     virtual int Size(int fd, uint64_t& sizeBytes) = 0;
     virtual int Truncate(int fd, int64_t sizeBytes) = 0;
     virtual int Sync(int fd) = 0;  // returns when the file's bytes and size are on the medium
+
+    // A hint: what was written from `offset` on may go to the medium now, so that a later `Sync` has less to wait for.
+    // Returns at once, and what goes wrong shows there.
+    virtual void BeginSync(int /*fd*/, int64_t /*offset*/) {}
+
     virtual int Close(int fd) = 0;
 };
 

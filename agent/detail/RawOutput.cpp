@@ -35,17 +35,18 @@ CZuError CRawOutput::PrepareDevice(const std::string& target, const RestoreOptio
 CZuError CRawOutput::Begin() {
     constexpr int ownerReadsAndWrites = 384;
     constexpr int flags = OpenAsBinary | OpenNotInherited | OpenForBoth;
-    if (m_IsDevice)
-        return ErrorAt(m_Target, m_File.Open(m_Target.c_str(), flags, 0));
-    ZU_RETURN_IF_ERROR(ErrorAt(m_Target, m_File.Open(m_Staged.TemporaryName().c_str(),
-                                                     flags | OpenCreating | OpenTruncating, ownerReadsAndWrites)));
-    return ErrorAt(m_Target, m_File.Truncate(static_cast<int64_t>(m_DiskBytes)));
+    const std::string& name = m_IsDevice ? m_Target : m_Staged.TemporaryName();
+    const int making = m_IsDevice ? 0 : OpenCreating | OpenTruncating;
+    ZU_RETURN_IF_ERROR(ErrorAt(m_Target, m_File.Open(name.c_str(), flags | making, ownerReadsAndWrites)));
+    m_EarlySync.Begin(m_File);
+    return m_IsDevice ? CZuError() : ErrorAt(m_Target, m_File.Truncate(static_cast<int64_t>(m_DiskBytes)));
 }
 
 CZuError CRawOutput::Write(uint64_t offset, const char* bytes, uint32_t size) {
     ZU_RETURN_IF_ERROR(FinishUpTo(offset));
     ZU_RETURN_IF_ERROR(ErrorAt(m_Target, WriteFileAt(m_File, offset, 0, bytes, size, nullptr)));
     m_DoneBytes = std::max(m_DoneBytes, offset + size);
+    m_EarlySync.Count(size);
     return CZuError();
 }
 
@@ -62,6 +63,7 @@ CZuError CRawOutput::FinishUpTo(uint64_t offset) {
         const auto size = static_cast<uint32_t>(std::min<uint64_t>(offset - m_DoneBytes, zerosBytes));
         ZU_RETURN_IF_ERROR(ErrorAt(m_Target, WriteFileAt(m_File, m_DoneBytes, 0, m_Zeros.GetPtr(), size, nullptr)));
         m_DoneBytes += size;
+        m_EarlySync.Count(size);
     }
     return CZuError();
 }

@@ -7,6 +7,7 @@
 
 #include "agent/BackupSetReader.h"
 #include "agent/Restore.h"
+#include "agent/detail/EarlySync.h"
 #include "agent/detail/StagedFile.h"
 #include "foundation/AutoMemory.h"
 #include "foundation/ZuError.h"
@@ -61,5 +62,6 @@ private:
     CDeviceClaim m_Claim;
     CStagedFile m_Staged;
     CZuFile m_File;
+    CEarlySync m_EarlySync;
     CAutoMemory<char> m_Zeros;
 };

@@ -6,6 +6,7 @@
 #include "VirtualServer/VMInfo/ArchiveVirtualDiskFile.h"
 #include "VirtualServer/VMInfo/UtilityFunctions.h"
 #include "agent/ErrorText.h"
+#include "agent/detail/EarlySync.h"
 #include "agent/detail/OutOfMemory.h"
 #include "agent/detail/RestoreTarget.h"
 #include "agent/detail/SmallFileWrite.h"
@@ -47,6 +48,7 @@ public:
         const CStagedFile& file = m_ExtentFiles[m_StreamIndex];
         ZU_RETURN_IF_ERROR(ErrorAt(file.Target(), m_Core->Create(file.TemporaryName().c_str(), stream.diskType,
                                                                  m_Record, stream.blockSectors, m_Context)));
+        ZU_RETURN_IF_ERROR(ErrorAt(file.Target(), m_EarlySync.Begin(file.TemporaryName())));
         if (m_Context.blockSectors != stream.blockSectors)
             return set.Damaged("the block size of " + stream.fileName + " isn't that of its record");
         return CZuError();
@@ -63,6 +65,7 @@ public:
         const CZuError error = m_Core->WriteBlock(plain, block.number, m_Context);
         if (error.GetErrorType() == ErrorType::Condition)
             return HasNoPlace(block);
+        m_EarlySync.Count(plain.GetSize());
         return ErrorAt(m_ExtentFiles[m_StreamIndex].Target(), error);
     }
 
@@ -70,6 +73,7 @@ public:
     CZuError EndStream() override {
         CStagedFile& file = m_ExtentFiles[m_StreamIndex++];
         CloseCore();
+        m_EarlySync.End();
         ZU_RETURN_IF_ERROR(ErrorAt(file.Target(), m_LeftOutFile.Close()));
         return ErrorAt(file.Target(), file.SetSize(m_Stream.fileBytes));
     }
@@ -199,6 +203,7 @@ private:
     std::optional<CVhdRecord> m_Vhd;  // a look into the record of a dynamic VHD
     std::optional<CArchiveVirtualDiskFile> m_Core;
     CZuFile m_LeftOutFile;
+    CEarlySync m_EarlySync;  // of the file that the core makes
     Context_t m_Context{};
 };
 

@@ -150,8 +150,16 @@ public:
         return RetryInterrupted([&] { return fsync(fd); }) < 0 ? errno : 0;
     }
 
+    void BeginSync([[maybe_unused]] int fd, [[maybe_unused]] int64_t offset) override {
+#ifdef SYNC_FILE_RANGE_WRITE  // Linux
+        sync_file_range(fd, offset, 0, SYNC_FILE_RANGE_WRITE);
+#endif
+    }
+
     // Not retried: after an interrupted close the descriptor is gone, and may be another file's.
-    int Close(int fd) override { return close(fd) < 0 && errno != EINTR ? errno : 0; }
+    int Close(int fd) override {
+        return close(fd) < 0 && errno != EINTR ? errno : 0;
+    }
 
 private:
     static int EndPosition(int fd, uint64_t& sizeBytes) {
