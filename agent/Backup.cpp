@@ -226,18 +226,30 @@ private:
         return CZuError();
     }
 
+    // Compressing takes longer than all else. A digest alone takes less than another thread's way to the bytes, so
+    // without compression it is made where they are read.
     CZuError MoveBlocks(CExtentStream& stream) {
         const PipelineShape_t shape(stream.BlockSectors());
+        const bool isCompressing = m_Options.compressionLevel != NoCompression;
+        const size_t workers = isCompressing ? shape.workers : 1;
         std::vector<std::unique_ptr<CBlockEncoder>> encoders;
-        for (size_t worker = 0; worker < shape.workers; ++worker)
+        for (size_t worker = 0; worker < workers; ++worker)
             encoders.push_back(std::make_unique<CBlockEncoder>(m_Options.compressionLevel));
 
         CZuError reading;
         CZuError writing;
-        BlockPipeline_t(shape.batches, shape.workers)
-            .Run([&](BlockBatch_t& batch) { return ReadBatch(stream, shape.blocksPerBatch, batch, reading); },
-                 [&](BlockBatch_t& batch, size_t worker) { EncodeBatch(*encoders[worker], batch); },
-                 [&](BlockBatch_t& batch) { return WriteBatch(batch, writing); });
+        const auto read = [&](BlockBatch_t& batch) {
+            const bool isRead = ReadBatch(stream, shape.blocksPerBatch, batch, reading);
+            if (isRead && !isCompressing)
+                EncodeBatch(*encoders.front(), batch);
+            return isRead;
+        };
+        const auto encode = [&](BlockBatch_t& batch, size_t worker) {
+            if (isCompressing)
+                EncodeBatch(*encoders[worker], batch);
+        };
+        const auto write = [&](BlockBatch_t& batch) { return WriteBatch(batch, writing); };
+        BlockPipeline_t(shape.batches, workers).Run(read, encode, write);
         ZU_RETURN_IF_ERROR(reading);
         ZU_RETURN_IF_ERROR(writing);
         return CZuError();
