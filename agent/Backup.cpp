@@ -277,6 +277,7 @@ private:
         next.block.number = place->number;
         next.block.sectors = place->sectors;
         next.block.isInherited = place->isUnchanged;
+        next.isUnknown = false;
         return place->isUnchanged ? TakeUnlessInBase(stream, next) : CZuError();
     }
 
@@ -287,7 +288,7 @@ private:
         ZU_RETURN_IF_ERROR(m_BaseSet->HasBlock(m_BaseSet->Streams().front(), next.block.number, isInBase));
         if (isInBase)
             return CZuError();
-        ++m_UnknownBlocks;
+        next.isUnknown = true;
         next.block.isInherited = false;
         return stream.ReadUnchanged(next.block.number, next.plain);
     }
@@ -320,6 +321,8 @@ private:
             if (error.IsErrorSet())
                 return false;
             Count(block);
+            if (batch.blocks[index].isUnknown && block.encoded.encoding != BlockEncoding_t::Zeros)
+                ++m_UnknownBlocks;
         }
         m_Progress.doneBytes = m_Result.readBytes;
         if (m_Options.progress && !m_Options.progress(m_Progress))
@@ -343,7 +346,7 @@ private:
     std::vector<CDiskImage> m_Images;  // in the order in which they were given
     std::optional<CBackupSetReader> m_BaseSet;
     std::optional<SetBase_t> m_Base;
-    uint64_t m_UnknownBlocks = 0;  // that the base should have, and hasn't
+    uint64_t m_UnknownBlocks = 0;  // with data that the base should have, and hasn't
     CBackupSetWriter m_Writer;
     std::vector<uint32_t> m_BlockSectors;  // of the streams of each disk
     int64_t m_NextStream = 0;

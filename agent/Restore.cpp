@@ -1,6 +1,7 @@
 #include "agent/Restore.h"
 
 #include "agent/BackupSetReader.h"
+#include "agent/ErrorText.h"
 #include "agent/detail/ChooseDisk.h"
 #include "agent/detail/OutOfMemory.h"
 #include "agent/detail/RestoreTarget.h"
@@ -26,6 +27,15 @@ public:
         m_Target = isRaw ? MakeRawTarget() : MakeSameKindTarget();
         ZU_RETURN_IF_ERROR(m_Target->Prepare(m_Set, m_Disk, target, m_Options));
         WarnOfParent();
+        const CZuError error = WriteAll();
+        if (!error.IsErrorSet() || !m_Target->IsHalfWritten())
+            return error;
+        return Refusal(DescribeError(error) + "; " + target +
+                       " has a part of the disk only, and no more what was there before");
+    }
+
+private:
+    CZuError WriteAll() {
         for (const SetStream_t& stream : m_Set.StreamsOf(m_Disk.id)) {
             m_Result.diskBytes += stream.diskSectors << SectorShift;
             m_Progress.totalBytes += m_Set.StoredBytesOf(stream);
@@ -35,7 +45,6 @@ public:
         return m_Target->Commit(m_Result);
     }
 
-private:
     void WarnOfParent() {
         if (m_Options.asRaw && m_Disk.hasParent)
             m_Result.warnings.push_back(m_Set.Path() +
@@ -58,7 +67,8 @@ private:
         ++m_Result.blockCount;
         m_Progress.doneBytes += block.block.encoded.sizeBytes;
         if (m_Options.progress && !m_Options.progress(m_Progress))
-            return Refusal("The restore was cancelled; nothing was left at the target");
+            return Refusal(m_Target->IsHalfWritten() ? "The restore was cancelled"
+                                                     : "The restore was cancelled; nothing was left at the target");
         return CZuError();
     }
 

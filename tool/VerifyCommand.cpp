@@ -91,6 +91,7 @@ void AddVerifyCommand(CLI::App& program, int& exitCode) {
     command->footer("Examples:\n"
                     "  diskstream verify monday.dset\n"
                     "  diskstream verify monday.dset --against disk.vmdk\n"
-                    "  diskstream verify monday.dset --disk 2 --against data.vmdk");
+                    "  diskstream verify monday.dset --disk 2 --against data.vmdk\n"
+                    "  diskstream verify tuesday.dset --base monday.dset --against nbd://host/export");
     command->callback([arguments, &exitCode] { exitCode = Run(*arguments); });
 }

@@ -16,6 +16,7 @@ struct BatchBlock_t {
     CAutoMemory<char> plain;
     CAutoMemory<char> packed;
     bool isSound = true;
+    bool isUnknown = false;  // not told as changed, and yet not in the base
 };
 
 // Blocks travel in batches, so that threads meet once for half a megabyte and not for each block. The

@@ -29,9 +29,11 @@ public:
     }
 
     bool HasBegun() const override { return m_HasBegun; }
+    bool HasOverwritten() const override { return m_HasWritten; }
 
     CZuError Write(uint64_t offset, const char* bytes, uint32_t size) override {
         ZU_RETURN_IF_ERROR(FinishUpTo(offset));
+        m_HasWritten = true;
         ZU_RETURN_IF_ERROR(
             Outcome(m_Server->QueueWriteCurrVmdkFile(m_Handle, offset >> SectorShift, size >> SectorShift, bytes)));
         m_DoneBytes = std::max(m_DoneBytes, offset + size);
@@ -41,6 +43,7 @@ public:
     CZuError FinishUpTo(uint64_t offset) override {
         if (m_DoneBytes >= offset)
             return CZuError();
+        m_HasWritten = true;
         ZU_RETURN_IF_ERROR(Outcome(
             m_Server->ZeroCurrVmdkFile(m_Handle, m_DoneBytes >> SectorShift, (offset - m_DoneBytes) >> SectorShift)));
         m_DoneBytes = offset;
@@ -52,9 +55,9 @@ public:
         ZU_RETURN_IF_ERROR(Outcome(m_Server->FlushCurrVmdkFile(m_Handle)));
         result.files.push_back(m_Target);
         if (m_Server->WasConnectionLost(m_Handle))
-            result.warnings.push_back(
-                m_Target + ": the connection was lost and made again; a server that failed meanwhile may have "
-                           "lost some of what it had taken, which `diskstream verify --against` finds out");
+            result.warnings.push_back(m_Target +
+                                      ": the connection was lost and made again; if the server failed, it may "
+                                      "have lost some of what it had taken: restore once more to be sure");
         return CZuError();
     }
 
@@ -67,6 +70,7 @@ private:
     uint64_t m_DiskBytes = 0;
     uint64_t m_DoneBytes = 0;  // all in front of it is as it has to be
     bool m_HasBegun = false;
+    bool m_HasWritten = false;
     std::unique_ptr<CNbdVMInfo> m_Server;
     VmdkFileHandle_t m_Handle;
 };

@@ -44,6 +44,7 @@ CZuError CRawOutput::Begin() {
 
 CZuError CRawOutput::Write(uint64_t offset, const char* bytes, uint32_t size) {
     ZU_RETURN_IF_ERROR(FinishUpTo(offset));
+    m_HasWritten = true;
     ZU_RETURN_IF_ERROR(ErrorAt(m_Target, WriteFileAt(m_File, offset, 0, bytes, size, nullptr)));
     m_DoneBytes = std::max(m_DoneBytes, offset + size);
     m_EarlySync.Count(size);
@@ -59,6 +60,7 @@ CZuError CRawOutput::FinishUpTo(uint64_t offset) {
             return Refusal(OutOfMemory);
         std::memset(m_Zeros.GetPtr(), 0, zerosBytes);
     }
+    m_HasWritten = true;
     while (m_DoneBytes < offset) {
         const auto size = static_cast<uint32_t>(std::min<uint64_t>(offset - m_DoneBytes, zerosBytes));
         ZU_RETURN_IF_ERROR(ErrorAt(m_Target, WriteFileAt(m_File, m_DoneBytes, 0, m_Zeros.GetPtr(), size, nullptr)));

@@ -29,6 +29,9 @@ public:
     virtual CZuError Begin() = 0;
     virtual bool HasBegun() const = 0;
 
+    // True as soon as what was at the target may be lost: something new takes its place in the end alone.
+    virtual bool HasOverwritten() const = 0;
+
     // Writes at byte `offset` of the disk, in whole sectors. Offsets don't go back.
     virtual CZuError Write(uint64_t offset, const char* bytes, uint32_t size) = 0;
 
@@ -48,6 +51,7 @@ public:
                      const RestoreOptions_t& options) override;
     CZuError Begin() override;
     bool HasBegun() const override { return m_File.IsValid(); }
+    bool HasOverwritten() const override { return m_IsDevice && m_HasWritten; }
     CZuError Write(uint64_t offset, const char* bytes, uint32_t size) override;
     CZuError FinishUpTo(uint64_t offset) override;
     CZuError Commit(RestoreResult_t& result) override;
@@ -56,6 +60,7 @@ private:
     CZuError PrepareDevice(const std::string& target, const RestoreOptions_t& options);
 
     bool m_IsDevice = false;
+    bool m_HasWritten = false;
     std::string m_Target;
     uint64_t m_DiskBytes = 0;
     uint64_t m_DoneBytes = 0;  // of a device: all in front of it is as it has to be

@@ -50,6 +50,8 @@ public:
 
     CZuError EndStream() override { return m_Output->FinishUpTo(m_NextFirstSector << SectorShift); }
 
+    bool IsHalfWritten() const override { return m_Output->HasOverwritten(); }
+
     CZuError Commit(RestoreResult_t& result) override {
         if (!m_Output->HasBegun())
             ZU_RETURN_IF_ERROR(m_Output->Begin());

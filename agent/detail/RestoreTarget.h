@@ -27,6 +27,9 @@ public:
     virtual CZuError WriteBlock(const SetBlock_t& block, CAutoMemory<char>& plain) = 0;
     virtual CZuError EndStream() = 0;
 
+    // True as soon as what was at the target before may be lost.
+    virtual bool IsHalfWritten() const { return false; }
+
     // Gives all files their names, and tells them and what else there is to know.
     virtual CZuError Commit(RestoreResult_t& result) = 0;
 };

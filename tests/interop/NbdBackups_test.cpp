@@ -124,7 +124,7 @@ TEST_F(NbdBackups, ABackupOfChangesHoldsExactlyTheBlocksWritten) {
 
 TEST_F(NbdBackups, WhatABitmapYoungerThanTheBaseDoesNotTellIsInTheSetWhereTheBaseHasNone) {
     ASSERT_OK(BackUpWhole("whole"));
-    Write({"write -P 8 5M 100k"});
+    Write({"write -P 8 5M 100k", "write -P 0 6M 64k"});
     m_Server->Kill();
     ASSERT_TRUE(Runs("qemu-img bitmap --add " + Quoted(Image()) + " late"));
     m_Server.emplace(StorageDaemon(Image(), {"late"}), "disk");
@@ -132,7 +132,7 @@ TEST_F(NbdBackups, WhatABitmapYoungerThanTheBaseDoesNotTellIsInTheSetWhereTheBas
     Write({"write -P 9 10M 64k"});
     const std::string state = State();
     ASSERT_OK(BackUpChanges("changes", "late", "whole"));
-    EXPECT_EQ((std::set<uint64_t>{80, 81, 160}), OwnBlocks("changes"));
+    EXPECT_EQ((std::set<uint64_t>{80, 81, 96, 160}), OwnBlocks("changes")) << "zeros are nothing to warn of";
     EXPECT_SAME_BYTES(state, Restored("changes"));
     ASSERT_EQ(1U, m_Result.warnings.size());
     EXPECT_EQ(Uri() +
@@ -195,7 +195,27 @@ TEST_F(NbdBackups, ARestoreOverANewConnectionSaysWhatToCheck) {
     ASSERT_OK(RestoreDisk(m_Dir.File("whole"), target.Uri(), options, result));
     EXPECT_SAME_BYTES(state, m_Dir.Read("target.raw"));
     ASSERT_EQ(1U, result.warnings.size());
-    EXPECT_NE(std::string::npos, result.warnings.front().find("verify --against")) << result.warnings.front();
+    EXPECT_NE(std::string::npos, result.warnings.front().find("restore once more")) << result.warnings.front();
+}
+
+TEST_F(NbdBackups, ARestoreThatEndsInTheMiddleSaysWhatTheExportHasNow) {
+    ServeLarge();
+    ASSERT_OK(BackUpWhole("whole"));
+    RestoreOptions_t options;
+    options.force = true;
+    options.patience = std::chrono::seconds(1);
+    RestoreResult_t result;
+    bool isKilling = false;
+    options.progress = [&](const Progress_t& /*progress*/) {
+        if (isKilling)
+            m_Server->Kill();
+        return isKilling;
+    };
+    const std::string partOnly = Uri() + " has a part of the disk only, and no more what was there before";
+    EXPECT_FAILS_SAYING(RestoreDisk(m_Dir.File("whole"), Uri(), options, result),
+                        "The restore was cancelled; " + partOnly);
+    isKilling = true;
+    EXPECT_FAILS_SAYING(RestoreDisk(m_Dir.File("whole"), Uri(), options, result), "the connection was lost", partOnly);
 }
 
 TEST_F(NbdBackups, AnExportOfAnotherSizeIsNotRestoredTo) {

@@ -126,15 +126,22 @@ TEST_F(BlockDevice, AMountedDeviceIsRefusedUntouched) {
 
 // The set's damage shows in the middle: a device can't be taken back, but the failure is told.
 TEST_F(BlockDevice, AFailureOnTheWayIsToldForADeviceToo) {
-    ASSERT_OK(BackUp(WriteFlatDisk(m_Dir, {DiskContent(300)}), Set()));
-    std::string set = m_Dir.Read("set");
-    const size_t at = set.find(DiskContent(300).substr(1000, 64));
-    ASSERT_NE(std::string::npos, at);
-    set[at] = static_cast<char>(set[at] ^ 1);
-    m_Dir.Write("set", set);
-    const CLoopDevice target(m_Dir.WriteHole("target", 300 * 512));
-    SKIP_WITHOUT_LOOP(target);
-    EXPECT_FAILS_SAYING(RestoreRaw(Set(), target.Path(), true), "damaged");
+    ASSERT_OK(BackUp(WriteFlatDisk(m_Dir, {DiskContent(600)}), Set()));
+    const std::string sound = m_Dir.Read("set");
+    for (const bool isInFirstBlock : {true, false}) {
+        std::string set = sound;
+        const size_t at = set.find(DiskContent(600).substr(isInFirstBlock ? 1000 : 3 * 65536 + 1000, 64));
+        ASSERT_NE(std::string::npos, at);
+        set[at] = static_cast<char>(set[at] ^ 1);
+        m_Dir.Write("set", set);
+        const CLoopDevice target(m_Dir.WriteHole("target", 600 * 512));
+        SKIP_WITHOUT_LOOP(target);
+        const CZuError error = RestoreRaw(Set(), target.Path(), true);
+        EXPECT_FAILS_SAYING(error, "damaged");
+        const std::string overwritten =
+            "; " + target.Path() + " has a part of the disk only, and no more what was there before";
+        EXPECT_EQ(!isInFirstBlock, DescribeError(error).find(overwritten) != std::string::npos) << DescribeError(error);
+    }
 }
 
 TEST_F(BlockDevice, ASetIsNeverTheDeviceThatItIsMadeFrom) {
