@@ -139,6 +139,26 @@ TEST_F(SetBases, BlocksComeFromTheSetThatHasThem) {
     EXPECT_EQ((BlockLetters_t{{0, 'a'}, {1, 'B'}, {2, 'c'}, {5, 'F'}, {19, 'e'}}), Walk(two));
 }
 
+TEST_F(SetBases, ASetTellsWhichBlocksItHasWithoutItsBases) {
+    WriteChain();
+    const struct {
+        const char* set;
+        BlockLetters_t blocks;
+    } rows[] = {{"one", {{0, 'a'}, {1, 'b'}, {2, 'c'}, {9, 'd'}, {19, 'e'}}},
+                {"two", {{0, 'a'}, {1, 'B'}, {2, 'c'}, {5, 'F'}, {19, 'e'}}},
+                {"three", AllOfThree()}};
+    for (const auto& row : rows) {
+        CBackupSetReader set;
+        ASSERT_OK(set.Open(m_Dir.File(row.set)));
+        for (uint64_t number = 0; number <= DiskBlocks; ++number) {
+            SCOPED_TRACE(testing::Message() << "block " << number << " of " << row.set);
+            bool isThere = number % 2 == 0;
+            EXPECT_OK(set.HasBlock(set.Streams().front(), number, isThere));
+            EXPECT_EQ(row.blocks.count(number) != 0, isThere);
+        }
+    }
+}
+
 TEST_F(SetBases, ABlockThatTheBaseNeverHadIsZeros) {
     WriteSet("one", {{0, 'a'}});
     WriteSet("two", {{0, '='}, {1, '='}, {2, 'c'}}, "one");
