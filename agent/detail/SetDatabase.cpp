@@ -79,9 +79,11 @@ int CSetDatabase::Changes() const {
 }
 
 CZuError CSetDatabase::LastError() const {
+    const int kind = sqlite3_errcode(m_Handle);
+    if (kind == SQLITE_CORRUPT || kind == SQLITE_NOTADB)
+        return Damaged(sqlite3_errmsg(m_Handle));
     std::string text = m_ShownName + ": " + sqlite3_errmsg(m_Handle);
     const int number = sqlite3_system_errno(m_Handle);
-    const int kind = sqlite3_errcode(m_Handle);
     if (number != 0 && (kind == SQLITE_IOERR || kind == SQLITE_CANTOPEN || kind == SQLITE_FULL))
         text += " (" + SystemErrorText(static_cast<uint32_t>(number)) + ")";
     return Refusal(text);

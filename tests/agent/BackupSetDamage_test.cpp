@@ -293,7 +293,11 @@ TEST_F(DamagedSet, CutAnywhereItIsRefused) {
     constexpr size_t pageBytes = 16384;
     for (size_t size = 0; size < m_Sound.size() - pageBytes; size += 4091) {
         SCOPED_TRACE(size);
-        ExpectRefused(m_Dir.Write("set", m_Sound.substr(0, size)));
+        const std::string set = m_Dir.Write("set", m_Sound.substr(0, size));
+        ExpectRefused(set);
+        if (size >= pageBytes) {
+            EXPECT_FAILS_SAYING(Verify(set), set + ": the set is damaged: ");
+        }
     }
     // The last page may end in bytes that nothing uses.
     for (size_t missing = 1; missing <= pageBytes; missing += 1021) {
